@@ -1,0 +1,310 @@
+// Host declarations of the Windows kernel services the driver uses, with the
+// Windows names and 64-bit Windows type widths (ULONG is 32 bits here too).
+// Implemented on Linux by host/kernel. Only layouts of records shared with
+// other drivers must match Windows; IRPs and device objects are our own.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
+
+#define NTAPI
+#define STDMETHODCALLTYPE
+#define DECLSPEC_NOVTABLE
+#define IN
+#define OUT
+#define OPTIONAL
+#define FORCEINLINE inline
+
+typedef void VOID;
+typedef void* PVOID;
+typedef char CHAR;
+typedef CHAR* PCHAR;
+typedef const CHAR* PCSTR;
+typedef CHAR CCHAR;
+typedef int16_t CSHORT;
+typedef uint8_t UCHAR;
+typedef UCHAR* PUCHAR;
+typedef uint8_t BYTE;
+typedef uint16_t USHORT;
+typedef uint16_t WORD;
+typedef int16_t SHORT;
+typedef uint32_t ULONG;
+typedef ULONG* PULONG;
+typedef uint32_t DWORD;
+typedef int32_t LONG;
+typedef LONG* PLONG;
+typedef int32_t INT;
+typedef uint32_t UINT;
+typedef int32_t BOOL;
+typedef uint8_t BOOLEAN;
+typedef BOOLEAN* PBOOLEAN;
+typedef int64_t LONGLONG;
+typedef LONGLONG* PLONGLONG;
+typedef uint64_t ULONGLONG;
+typedef ULONGLONG* PULONGLONG;
+typedef uint64_t ULONG64;
+typedef uintptr_t ULONG_PTR;
+typedef intptr_t LONG_PTR;
+typedef size_t SIZE_T;
+typedef wchar_t WCHAR;
+typedef WCHAR* PWSTR;
+typedef const WCHAR* PCWSTR;
+typedef LONG NTSTATUS;
+typedef UCHAR KIRQL;
+typedef KIRQL* PKIRQL;
+typedef CCHAR KPROCESSOR_MODE;
+typedef ULONG_PTR KSPIN_LOCK;
+typedef KSPIN_LOCK* PKSPIN_LOCK;
+
+#define TRUE 1
+#define FALSE 0
+
+typedef union _LARGE_INTEGER {
+    struct {
+        ULONG LowPart;
+        LONG HighPart;
+    } u;
+    LONGLONG QuadPart;
+} LARGE_INTEGER, *PLARGE_INTEGER;
+typedef LARGE_INTEGER PHYSICAL_ADDRESS, *PPHYSICAL_ADDRESS;
+
+typedef struct _UNICODE_STRING {
+    USHORT Length;
+    USHORT MaximumLength;
+    PWSTR Buffer;
+} UNICODE_STRING, *PUNICODE_STRING;
+
+// Status codes
+#define STATUS_SUCCESS ((NTSTATUS)0x00000000L)
+#define STATUS_TIMEOUT ((NTSTATUS)0x00000102L)
+#define STATUS_PENDING ((NTSTATUS)0x00000103L)
+#define STATUS_BUFFER_OVERFLOW ((NTSTATUS)0x80000005L)
+#define STATUS_UNSUCCESSFUL ((NTSTATUS)0xC0000001L)
+#define STATUS_NOT_IMPLEMENTED ((NTSTATUS)0xC0000002L)
+#define STATUS_INVALID_PARAMETER ((NTSTATUS)0xC000000DL)
+#define STATUS_INVALID_DEVICE_REQUEST ((NTSTATUS)0xC0000010L)
+#define STATUS_MORE_PROCESSING_REQUIRED ((NTSTATUS)0xC0000016L)
+#define STATUS_BUFFER_TOO_SMALL ((NTSTATUS)0xC0000023L)
+#define STATUS_INSUFFICIENT_RESOURCES ((NTSTATUS)0xC000009AL)
+#define STATUS_NOT_SUPPORTED ((NTSTATUS)0xC00000BBL)
+#define STATUS_INVALID_DEVICE_STATE ((NTSTATUS)0xC0000184L)
+#define STATUS_NO_MATCH ((NTSTATUS)0xC0000272L)
+#define STATUS_ALERTED ((NTSTATUS)0x00000101L)
+#define NT_SUCCESS(Status) (((NTSTATUS)(Status)) >= 0)
+
+// IRQL
+#define PASSIVE_LEVEL 0
+#define APC_LEVEL 1
+#define DISPATCH_LEVEL 2
+
+#define KernelMode 0
+#define UserMode 1
+
+typedef enum _POOL_TYPE { NonPagedPool = 0, PagedPool = 1, NonPagedPoolNx = 512 } POOL_TYPE;
+
+struct _DEVICE_OBJECT;
+struct _DRIVER_OBJECT;
+struct _IRP;
+struct _KDPC;
+
+typedef struct _KTHREAD* PKTHREAD;
+
+typedef struct _IO_STATUS_BLOCK {
+    NTSTATUS Status;
+    ULONG_PTR Information;
+} IO_STATUS_BLOCK, *PIO_STATUS_BLOCK;
+
+typedef NTSTATUS DRIVER_DISPATCH(struct _DEVICE_OBJECT* DeviceObject, struct _IRP* Irp);
+typedef DRIVER_DISPATCH* PDRIVER_DISPATCH;
+typedef NTSTATUS DRIVER_ADD_DEVICE(struct _DRIVER_OBJECT* DriverObject,
+                                   struct _DEVICE_OBJECT* PhysicalDeviceObject);
+typedef DRIVER_ADD_DEVICE* PDRIVER_ADD_DEVICE;
+typedef NTSTATUS IO_COMPLETION_ROUTINE(struct _DEVICE_OBJECT* DeviceObject, struct _IRP* Irp,
+                                       PVOID Context);
+typedef IO_COMPLETION_ROUTINE* PIO_COMPLETION_ROUTINE;
+typedef void KDEFERRED_ROUTINE(struct _KDPC* Dpc, PVOID DeferredContext, PVOID SystemArgument1,
+                               PVOID SystemArgument2);
+typedef KDEFERRED_ROUTINE* PKDEFERRED_ROUTINE;
+typedef void DRIVER_UNLOAD(struct _DRIVER_OBJECT* DriverObject);
+typedef DRIVER_UNLOAD* PDRIVER_UNLOAD;
+
+#define IRP_MJ_CREATE 0x00
+#define IRP_MJ_CLOSE 0x02
+#define IRP_MJ_DEVICE_CONTROL 0x0E
+#define IRP_MJ_INTERNAL_DEVICE_CONTROL 0x0F
+#define IRP_MJ_PNP 0x1B
+#define IRP_MJ_MAXIMUM_FUNCTION 0x1B
+#define IRP_MN_START_DEVICE 0x00
+#define IRP_MN_REMOVE_DEVICE 0x02
+
+#define SL_INVOKE_ON_CANCEL 0x20
+#define SL_INVOKE_ON_SUCCESS 0x40
+#define SL_INVOKE_ON_ERROR 0x80
+
+typedef struct _DRIVER_EXTENSION {
+    struct _DRIVER_OBJECT* DriverObject;
+    PDRIVER_ADD_DEVICE AddDevice;
+} DRIVER_EXTENSION, *PDRIVER_EXTENSION;
+
+typedef struct _DRIVER_OBJECT {
+    CSHORT Type;
+    CSHORT Size;
+    struct _DEVICE_OBJECT* DeviceObject;
+    PDRIVER_EXTENSION DriverExtension;
+    PDRIVER_UNLOAD DriverUnload;
+    PDRIVER_DISPATCH MajorFunction[IRP_MJ_MAXIMUM_FUNCTION + 1];
+    DRIVER_EXTENSION Extension; // storage for DriverExtension on host
+} DRIVER_OBJECT, *PDRIVER_OBJECT;
+
+typedef struct _DEVICE_OBJECT {
+    CSHORT Type;
+    USHORT Size;
+    LONG ReferenceCount; // object-manager references (ObfReference/Dereference)
+    struct _DRIVER_OBJECT* DriverObject;
+    struct _DEVICE_OBJECT* NextDevice;
+    struct _DEVICE_OBJECT* AttachedDevice;
+    ULONG Flags;
+    PVOID DeviceExtension;
+    CCHAR StackSize;
+} DEVICE_OBJECT, *PDEVICE_OBJECT;
+
+typedef struct _IO_STACK_LOCATION {
+    UCHAR MajorFunction;
+    UCHAR MinorFunction;
+    UCHAR Flags;
+    UCHAR Control;
+    union {
+        struct {
+            ULONG OutputBufferLength;
+            ULONG InputBufferLength;
+            ULONG IoControlCode;
+            PVOID Type3InputBuffer;
+        } DeviceIoControl;
+        struct {
+            PVOID Argument1;
+            PVOID Argument2;
+            PVOID Argument3;
+            PVOID Argument4;
+        } Others;
+    } Parameters;
+    PDEVICE_OBJECT DeviceObject;
+    PIO_COMPLETION_ROUTINE CompletionRoutine;
+    PVOID Context;
+} IO_STACK_LOCATION, *PIO_STACK_LOCATION;
+
+typedef struct _IRP {
+    CSHORT Type;
+    USHORT Size;
+    CCHAR StackCount;
+    CCHAR CurrentLocation;
+    BOOLEAN Cancel;
+    IO_STATUS_BLOCK IoStatus;
+    PVOID UserBuffer;
+    struct {
+        struct {
+            PIO_STACK_LOCATION CurrentStackLocation;
+        } Overlay;
+    } Tail;
+    // StackCount IO_STACK_LOCATIONs follow the IRP in the same block.
+} IRP, *PIRP;
+
+// Kernel timer and DPC: host layout of our own; host/kernel keeps the state.
+typedef struct _KDPC {
+    UCHAR Type;
+    UCHAR Importance;
+    PKDEFERRED_ROUTINE DeferredRoutine;
+    PVOID DeferredContext;
+    PVOID SystemArgument1;
+    PVOID SystemArgument2;
+    PVOID HostState;
+} KDPC, *PKDPC, *PRKDPC;
+
+typedef struct _KTIMER {
+    LONGLONG DueTime; // absolute host time in 100 ns, valid while Inserted
+    BOOLEAN Inserted;
+    PKDPC Dpc;
+    PVOID HostState;
+} KTIMER, *PKTIMER;
+
+extern "C" {
+
+ULONG DbgPrint(PCSTR Format, ...) __attribute__((format(printf, 1, 2)));
+void NTAPI RtlAssert(PVOID FailedAssertion, PVOID FileName, ULONG LineNumber, PCHAR Message);
+
+PKTHREAD NTAPI KeGetCurrentThread(void);
+NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable,
+                                      PLARGE_INTEGER Interval);
+
+KIRQL NTAPI KeGetCurrentIrql(void);
+void NTAPI KeRaiseIrql(KIRQL NewIrql, PKIRQL OldIrql);
+void NTAPI KeLowerIrql(KIRQL NewIrql);
+
+void NTAPI KeInitializeSpinLock(PKSPIN_LOCK SpinLock);
+void NTAPI KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql);
+void NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql);
+void NTAPI KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock);
+void NTAPI KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock);
+
+void NTAPI KeInitializeDpc(PRKDPC Dpc, PKDEFERRED_ROUTINE DeferredRoutine, PVOID DeferredContext);
+void NTAPI KeInitializeTimer(PKTIMER Timer);
+BOOLEAN NTAPI KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc);
+BOOLEAN NTAPI KeCancelTimer(PKTIMER Timer);
+void NTAPI KeFlushQueuedDpcs(void);
+
+PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag);
+void NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag);
+
+LONG_PTR NTAPI ObfReferenceObject(PVOID Object);
+LONG_PTR NTAPI ObfDereferenceObject(PVOID Object);
+
+PIRP NTAPI IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota);
+void NTAPI IoFreeIrp(PIRP Irp);
+NTSTATUS NTAPI IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+void NTAPI IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost);
+
+LONG NTAPI InterlockedIncrement(LONG volatile* Addend);
+LONG NTAPI InterlockedDecrement(LONG volatile* Addend);
+LONG NTAPI InterlockedExchange(LONG volatile* Target, LONG Value);
+LONG NTAPI InterlockedCompareExchange(LONG volatile* Destination, LONG Exchange, LONG Comparand);
+PVOID NTAPI InterlockedExchangePointer(PVOID volatile* Target, PVOID Value);
+PVOID NTAPI InterlockedCompareExchangePointer(PVOID volatile* Destination, PVOID Exchange,
+                                              PVOID Comparand);
+
+} // extern "C"
+
+// With pool tagging (as the Windows build is compiled), ExAllocatePool is a
+// tagged allocation with the kernel's default tag.
+#define ExAllocatePool(type, size) ExAllocatePoolWithTag((type), (size), 0x656E6F4E /* 'None' */)
+#define IoCallDriver(a, b) IofCallDriver(a, b)
+#define IoCompleteRequest(a, b) IofCompleteRequest(a, b)
+
+inline PIO_STACK_LOCATION IoGetNextIrpStackLocation(PIRP Irp) {
+    return Irp->Tail.Overlay.CurrentStackLocation - 1;
+}
+
+inline PIO_STACK_LOCATION IoGetCurrentIrpStackLocation(PIRP Irp) {
+    return Irp->Tail.Overlay.CurrentStackLocation;
+}
+
+inline void IoSetCompletionRoutine(PIRP Irp, PIO_COMPLETION_ROUTINE CompletionRoutine,
+                                   PVOID Context, BOOLEAN InvokeOnSuccess, BOOLEAN InvokeOnError,
+                                   BOOLEAN InvokeOnCancel) {
+    PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(Irp);
+    stack->CompletionRoutine = CompletionRoutine;
+    stack->Context = Context;
+    stack->Control = 0;
+    if (InvokeOnSuccess)
+        stack->Control |= SL_INVOKE_ON_SUCCESS;
+    if (InvokeOnError)
+        stack->Control |= SL_INVOKE_ON_ERROR;
+    if (InvokeOnCancel)
+        stack->Control |= SL_INVOKE_ON_CANCEL;
+}
+
+#define RtlCopyMemory(d, s, n) memcpy((d), (s), (n))
+#define RtlMoveMemory(d, s, n) memmove((d), (s), (n))
+#define RtlZeroMemory(d, n) memset((d), 0, (n))
+#define RtlFillMemory(d, n, v) memset((d), (v), (n))
+
+#define UNREFERENCED_PARAMETER(P) ((void)(P))
