@@ -1,0 +1,147 @@
+// Control side of the host kernel: what tests and programs use to steer and
+// inspect the kernel services the driver calls (debug output sink, assertion
+// reports, pool accounting and fault injection, IRQL verifier, time).
+//
+// Process defaults (programs): debug output to stderr, real time.
+// After resetForTest (every test, through tests/support/main.cpp): debug
+// output captured in memory, virtual time at 0, no fault injection. Setting
+// the environment variable MME_TRACE_ECHO makes the capture echo to stderr.
+// All functions are thread-safe.
+#pragma once
+
+#include "driver/platform/platform.h"
+
+#include <cstdarg>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace hostk {
+
+// ---- Debug output (DbgPrint) ----
+// Formatting follows the Windows kernel, not glibc: %p is 16 uppercase hex
+// digits without prefix (null prints as zeros).
+std::string formatKernel(const char* format, va_list args);
+void setSinkStderr();
+void setSinkFile(const std::string& path); // throws std::runtime_error when it cannot open
+void setSinkCapture();                     // in-memory, read with capturedLines()
+void setSinkNull();
+void setSinkCallback(std::function<void(const std::string& text)> sink);
+// Complete lines printed since the last clear (without their line ends).
+// A text is split at each '\n'; an unterminated tail waits for its end.
+std::vector<std::string> capturedLines();
+void clearCaptured();
+
+// ---- Assertions (RtlAssert reports and continues) ----
+struct AssertReport {
+    std::string expression;
+    std::string file;
+    unsigned line;
+};
+std::vector<AssertReport> assertReports();
+void clearAssertReports();
+
+// ---- Pool ----
+struct PoolStats {
+    size_t liveBlocks;
+    size_t liveBytes;
+    size_t totalAllocations; // since the last resetPool
+};
+PoolStats poolStats();
+// Make the Nth allocation from now fail (1 = the next one); 0 disables.
+void failAllocation(size_t nth);
+// Called on the allocating thread for every pool allocation (IRPs
+// included) with its tag, its size and whether fault injection failed it;
+// an empty function stops it. It must not allocate from the pool.
+void setPoolObserver(std::function<void(ULONG tag, size_t size, bool failed)> observer);
+// One line per live block (tag, size, allocation number).
+std::string leakReport();
+void resetPool(); // forgets counters; live blocks stay live
+// Live blocks carrying this tag.
+size_t liveBlocksWithTag(ULONG tag);
+// Tag and requested size of a live pool block; false when p is not one.
+bool poolBlockInfo(const void* p, ULONG* tag, size_t* size);
+// Blocks from ExAllocatePoolWithTag are filled with this byte (the pool does
+// not clear memory), and freed blocks with kPoolFreedFill before release.
+constexpr unsigned char kPoolFill = 0xA5;
+constexpr unsigned char kPoolFreedFill = 0xDD;
+// Pool live statistics, leak reports and checkClean count only blocks (and
+// IRPs, device objects) made since the last resetForTest.
+
+// ---- Verifier ----
+// Violations (passive-only service at dispatch level, allocation or
+// blocking wait inside a no-allocation region, IRP leaks, ...).
+std::vector<std::string> verifierFailures();
+void clearVerifierFailures();
+// While alive on this thread, allocation and blocking waits are violations
+// (the period callback runs inside one).
+class NoAllocNoWaitScope {
+public:
+    explicit NoAllocNoWaitScope(const char* what);
+    ~NoAllocNoWaitScope();
+    NoAllocNoWaitScope(const NoAllocNoWaitScope&) = delete;
+    NoAllocNoWaitScope& operator=(const NoAllocNoWaitScope&) = delete;
+
+private:
+    const char* mPrevious;
+};
+// Runs fn at dispatch level on the calling thread.
+void runAtDispatch(const std::function<void()>& fn);
+// Spin locks are real locks (an atomic word holding the owner thread, so
+// ThreadSanitizer sees acquire/release); acquiring one held by the same
+// thread, releasing one not held by it, and raising or lowering the IRQL
+// the wrong way are violations.
+
+// ---- Time ----
+// Virtual time: KeDelayExecutionThread returns at once and advances the
+// clock; timers fire only from advanceTime(). Real time: delays sleep and a
+// timer thread runs expired DPCs at dispatch level. Switching keeps each
+// pending timer's remaining time.
+// KeSetTimer: a negative due time is relative (100 ns units), a positive or
+// zero one absolute on now100ns(). Setting an uninitialised timer or DPC,
+// freeing pool that holds a pending timer and KeFlushQueuedDpcs at dispatch
+// level are violations.
+void useVirtualTime(bool on);
+bool virtualTime();
+int64_t now100ns();
+// Virtual time only: moves the clock and runs every DPC that falls due, in
+// due order, at dispatch level on the calling thread.
+void advanceTime(int64_t delta100ns);
+size_t delayCount(); // KeDelayExecutionThread calls since resetDelayCount
+void resetDelayCount();
+// Status the next KeDelayExecutionThread calls return (STATUS_SUCCESS by default).
+void setDelayStatus(NTSTATUS status);
+size_t pendingTimers();
+
+// ---- Objects ----
+// Fills a driver object as the I/O manager does before DriverEntry: zeroed,
+// DriverExtension pointing at its embedded extension, no dispatch routines
+// (an IRP sent to a missing routine completes with
+// STATUS_INVALID_DEVICE_REQUEST).
+void initDriverObject(PDRIVER_OBJECT driver);
+// Creates a device object of the host's own (for the USB model's PDO and
+// the port-class FDO), linked into driver's device list when driver is not
+// null, with a zeroed extension and ReferenceCount 0 (the creator's own
+// reference is not counted). Freed with deleteDeviceObject; while
+// ObfReferenceObject references remain, the memory stays until the last
+// ObfDereferenceObject. Null when stackSize < 1.
+PDEVICE_OBJECT createDeviceObject(PDRIVER_OBJECT driver, CCHAR stackSize, ULONG extensionSize);
+void deleteDeviceObject(PDEVICE_OBJECT device);
+size_t liveDeviceObjects();
+// IRPs come from the pool (tag 'Irp ', subject to failAllocation) and are
+// counted until IoFreeIrp. A dispatch routine that returns a status other
+// than STATUS_PENDING without completing the IRP, completing an IRP twice
+// and running out of stack locations are violations.
+size_t liveIrps();
+
+// Everything a finished test must leave clean: no live pool block, no live
+// IRP or device object, no pending timer, the calling thread at passive
+// level, no assertion report, no verifier failure. Empty when clean.
+std::string checkClean();
+// Resets reports, counters, fault injection, the sink (capture), time
+// (virtual, clock 0) and the calling thread's IRQL for the next test; drops
+// timers a previous test left pending.
+void resetForTest();
+
+} // namespace hostk

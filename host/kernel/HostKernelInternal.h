@@ -1,0 +1,56 @@
+// Shared state between the host kernel's own source files. Not for drivers,
+// tests or programs: they use HostKernel.h.
+#pragma once
+
+#include "HostKernel.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace hostk::detail {
+
+// A pointer as the kernel prints it: 16 uppercase hex digits.
+std::string pointerText(const void* p);
+
+// ---- Threads, IRQL, verifier (Threads.cpp) ----
+KIRQL currentIrql();
+void setCurrentIrql(KIRQL irql);
+// Name of the innermost NoAllocNoWaitScope on this thread, or null.
+const char* noAllocScope();
+// Records a violation; also printed to stderr while no test has reset the kernel.
+void verifierFailure(const std::string& text);
+void setVerifierQuiet(bool quiet);
+// "KeDelayExecutionThread" -> a failure when this thread is at dispatch level.
+void requirePassive(const char* service);
+
+// ---- Pool (Pool.cpp) ----
+enum class BlockKind { Pool, Irp };
+// Allocates a tracked block; counts for fault injection and statistics.
+// Null when fault injection fails it or the size cannot be served.
+void* poolAllocate(size_t size, ULONG tag, BlockKind kind);
+// Frees a tracked block of the given kind; false (and a verifier failure)
+// when p is not such a block.
+bool poolFree(void* p, BlockKind kind, const char* service);
+// Starts a new test generation: blocks alive now are no longer counted.
+void poolNewGeneration();
+
+// ---- Timers (Timers.cpp) ----
+// Removes every pending timer whose KTIMER or KDPC lies inside
+// [begin, begin + size); one verifier failure per timer found.
+void dropTimersInside(const void* begin, size_t size);
+size_t pendingTimersCount();
+void dropAllTimers();
+// Waits until no timer DPC runs on another thread.
+void waitForRunningDpcs();
+void resetVirtualClock();
+
+// ---- I/O (Io.cpp) ----
+void ioNewGeneration();
+std::string ioProblems();
+
+// ---- Debug output (DebugOutput.cpp) ----
+void writeToSink(const std::string& text);
+std::string assertProblems();
+
+} // namespace hostk::detail

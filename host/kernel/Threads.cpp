@@ -1,0 +1,242 @@
+// Per-thread kernel state on Linux: the thread object KeGetCurrentThread
+// returns, the thread's IRQL, spin locks, the no-allocation regions,
+// interlocked operations and the verifier's record of violations.
+#include "HostKernelInternal.h"
+
+#include <sched.h>
+
+#include <cstdio>
+#include <mutex>
+
+// The host's kernel-thread object: one per OS thread, at a stable address
+// for the thread's life. Plain data, so no thread_local constructor runs.
+struct _KTHREAD {
+    KIRQL irql;
+    const char* noAllocScope;
+    ULONG64 reserved[6];
+};
+
+namespace {
+
+thread_local _KTHREAD tThread;
+
+struct VerifierState {
+    std::mutex mutex;
+    std::vector<std::string> failures;
+    bool quiet = false;
+};
+
+VerifierState& verifier() {
+    static VerifierState* s = new VerifierState;
+    return *s;
+}
+
+std::string irqlText(KIRQL irql) {
+    switch (irql) {
+    case PASSIVE_LEVEL:
+        return "PASSIVE_LEVEL";
+    case APC_LEVEL:
+        return "APC_LEVEL";
+    case DISPATCH_LEVEL:
+        return "DISPATCH_LEVEL";
+    default:
+        return "IRQL " + std::to_string(irql);
+    }
+}
+
+} // namespace
+
+namespace hostk {
+
+std::vector<std::string> verifierFailures() {
+    auto& v = verifier();
+    std::lock_guard<std::mutex> lock(v.mutex);
+    return v.failures;
+}
+
+void clearVerifierFailures() {
+    auto& v = verifier();
+    std::lock_guard<std::mutex> lock(v.mutex);
+    v.failures.clear();
+}
+
+NoAllocNoWaitScope::NoAllocNoWaitScope(const char* what) : mPrevious(tThread.noAllocScope) {
+    tThread.noAllocScope = what ? what : "no-allocation region";
+}
+
+NoAllocNoWaitScope::~NoAllocNoWaitScope() {
+    tThread.noAllocScope = mPrevious;
+}
+
+void runAtDispatch(const std::function<void()>& fn) {
+    KIRQL previous = tThread.irql;
+    if (previous < DISPATCH_LEVEL)
+        tThread.irql = DISPATCH_LEVEL;
+    fn();
+    tThread.irql = previous;
+}
+
+namespace detail {
+
+KIRQL currentIrql() {
+    return tThread.irql;
+}
+void setCurrentIrql(KIRQL irql) {
+    tThread.irql = irql;
+}
+const char* noAllocScope() {
+    return tThread.noAllocScope;
+}
+
+void verifierFailure(const std::string& text) {
+    auto& v = verifier();
+    std::lock_guard<std::mutex> lock(v.mutex);
+    v.failures.push_back(text);
+    if (!v.quiet)
+        std::fprintf(stderr, "*** host kernel verifier: %s\n", text.c_str());
+}
+
+void setVerifierQuiet(bool quiet) {
+    auto& v = verifier();
+    std::lock_guard<std::mutex> lock(v.mutex);
+    v.quiet = quiet;
+}
+
+void requirePassive(const char* service) {
+    if (tThread.irql > APC_LEVEL)
+        verifierFailure(std::string(service) + " called at " + irqlText(tThread.irql) +
+                        "; it may only be called below DISPATCH_LEVEL");
+}
+
+} // namespace detail
+} // namespace hostk
+
+using hostk::detail::verifierFailure;
+
+namespace {
+
+// The lock word holds the owning thread's object, 0 when free. Acquire and
+// release orderings give ThreadSanitizer the happens-before edges.
+void acquireLock(PKSPIN_LOCK lock, const char* service) {
+    ULONG_PTR self = (ULONG_PTR)&tThread;
+    if (__atomic_load_n(lock, __ATOMIC_RELAXED) == self) {
+        verifierFailure(std::string(service) +
+                        ": spin lock already held by this thread (would deadlock)");
+        return;
+    }
+    for (unsigned spins = 0;; ++spins) {
+        ULONG_PTR expected = 0;
+        if (__atomic_compare_exchange_n(lock, &expected, self, false, __ATOMIC_ACQUIRE,
+                                        __ATOMIC_RELAXED))
+            return;
+        if (spins > 64)
+            sched_yield();
+    }
+}
+
+void releaseLock(PKSPIN_LOCK lock, const char* service) {
+    ULONG_PTR self = (ULONG_PTR)&tThread;
+    ULONG_PTR owner = __atomic_load_n(lock, __ATOMIC_RELAXED);
+    if (owner != self) {
+        verifierFailure(std::string(service) + (owner == 0 ? ": spin lock is not held"
+                                                           : ": spin lock held by another thread"));
+        if (owner != 0)
+            return;
+    }
+    __atomic_store_n(lock, (ULONG_PTR)0, __ATOMIC_RELEASE);
+}
+
+} // namespace
+
+extern "C" {
+
+PKTHREAD NTAPI KeGetCurrentThread(void) {
+    return &tThread;
+}
+
+KIRQL NTAPI KeGetCurrentIrql(void) {
+    return tThread.irql;
+}
+
+void NTAPI KeRaiseIrql(KIRQL NewIrql, PKIRQL OldIrql) {
+    KIRQL old = tThread.irql;
+    if (NewIrql < old)
+        verifierFailure("KeRaiseIrql to " + irqlText(NewIrql) + " from higher " + irqlText(old));
+    else
+        tThread.irql = NewIrql;
+    if (OldIrql)
+        *OldIrql = old;
+}
+
+void NTAPI KeLowerIrql(KIRQL NewIrql) {
+    if (NewIrql > tThread.irql)
+        verifierFailure("KeLowerIrql to " + irqlText(NewIrql) + " from lower " +
+                        irqlText(tThread.irql));
+    else
+        tThread.irql = NewIrql;
+}
+
+void NTAPI KeInitializeSpinLock(PKSPIN_LOCK SpinLock) {
+    __atomic_store_n(SpinLock, (ULONG_PTR)0, __ATOMIC_RELAXED);
+}
+
+void NTAPI KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql) {
+    KIRQL old = tThread.irql;
+    if (old > DISPATCH_LEVEL)
+        verifierFailure("KeAcquireSpinLock above DISPATCH_LEVEL");
+    tThread.irql = DISPATCH_LEVEL;
+    acquireLock(SpinLock, "KeAcquireSpinLock");
+    *OldIrql = old;
+}
+
+void NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) {
+    releaseLock(SpinLock, "KeReleaseSpinLock");
+    if (NewIrql > tThread.irql)
+        verifierFailure("KeReleaseSpinLock to " + irqlText(NewIrql) + " from lower " +
+                        irqlText(tThread.irql));
+    else
+        tThread.irql = NewIrql;
+}
+
+void NTAPI KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock) {
+    if (tThread.irql < DISPATCH_LEVEL)
+        verifierFailure("KeAcquireSpinLockAtDpcLevel called at " + irqlText(tThread.irql));
+    acquireLock(SpinLock, "KeAcquireSpinLockAtDpcLevel");
+}
+
+void NTAPI KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock) {
+    if (tThread.irql < DISPATCH_LEVEL)
+        verifierFailure("KeReleaseSpinLockFromDpcLevel called at " + irqlText(tThread.irql));
+    releaseLock(SpinLock, "KeReleaseSpinLockFromDpcLevel");
+}
+
+LONG NTAPI InterlockedIncrement(LONG volatile* Addend) {
+    return __atomic_add_fetch(Addend, 1, __ATOMIC_SEQ_CST);
+}
+
+LONG NTAPI InterlockedDecrement(LONG volatile* Addend) {
+    return __atomic_sub_fetch(Addend, 1, __ATOMIC_SEQ_CST);
+}
+
+LONG NTAPI InterlockedExchange(LONG volatile* Target, LONG Value) {
+    return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
+}
+
+LONG NTAPI InterlockedCompareExchange(LONG volatile* Destination, LONG Exchange, LONG Comparand) {
+    __atomic_compare_exchange_n(Destination, &Comparand, Exchange, false, __ATOMIC_SEQ_CST,
+                                __ATOMIC_SEQ_CST);
+    return Comparand;
+}
+
+PVOID NTAPI InterlockedExchangePointer(PVOID volatile* Target, PVOID Value) {
+    return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
+}
+
+PVOID NTAPI InterlockedCompareExchangePointer(PVOID volatile* Destination, PVOID Exchange,
+                                              PVOID Comparand) {
+    __atomic_compare_exchange_n(Destination, &Comparand, Exchange, false, __ATOMIC_SEQ_CST,
+                                __ATOMIC_SEQ_CST);
+    return Comparand;
+}
+
+} // extern "C"
