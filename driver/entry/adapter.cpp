@@ -1,0 +1,126 @@
+// DriverEntry, AddDevice and StartDevice; the hand-over of the physical
+// device object from AddDevice to StartDevice; the adapter's creation and
+// the pure-virtual-call handler.
+#include "adapter.h"
+
+#include "../adapter/MMEAdapter.h"
+
+volatile LONG _pdoUseLock = 0;
+PDEVICE_OBJECT _pendingPdo = nullptr;
+
+namespace {
+
+// 1 while a physical device object is parked (from AddDevice taking the use
+// lock until TakePendingPdo). Only the one who clears it releases the lock.
+volatile LONG gPdoParked = 0;
+
+} // namespace
+
+extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath) {
+    DbgPrint("*** DriverEntry (MME/KS/WDM) %s built:%s - %s\n", MME_VERSION_TEXT, __DATE__,
+             __TIME__);
+    NTSTATUS status = PcInitializeAdapterDriver(DriverObject, RegistryPath, AddDevice);
+    TraceLineStatus("   returned ", status);
+    return status;
+}
+
+NTSTATUS NTAPI AddDevice(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT PhysicalDeviceObject) {
+    TraceLinePointer("AddDevice - PhysicalDeviceObject is ", PhysicalDeviceObject);
+    NTSTATUS status = AddAdapterDeviceLocked(DriverObject, PhysicalDeviceObject, StartDevice,
+                                             MME_MAX_SUBDEVICES, 0);
+    TraceLineStatus("   returned ", status);
+    TraceLine("exit AddDevice");
+    return status;
+}
+
+// The use lock is an interlocked counter, not a spin lock: a waiter withdraws
+// its increment before it sleeps.
+NTSTATUS AddAdapterDeviceLocked(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT PhysicalDeviceObject,
+                                PCPFNSTARTDEVICE StartRoutine, ULONG MaxObjects,
+                                ULONG DeviceExtensionSize) {
+    if (!StartRoutine)
+        return STATUS_INVALID_PARAMETER;
+
+    LONG budget = MME_ADD_WAIT_BUDGET_MS;
+    while (InterlockedIncrement(&_pdoUseLock) != 1) {
+        TraceLine("_pdoUseLock is aquired");
+        InterlockedDecrement(&_pdoUseLock);
+        LARGE_INTEGER interval;
+        interval.QuadPart = -(LONGLONG)MME_ADD_WAIT_STEP_MS * 10000;
+        NTSTATUS delayed = KeDelayExecutionThread(KernelMode, TRUE, &interval);
+        if (delayed != STATUS_SUCCESS) {
+            TraceLine("KeDelayExecutionThread failed");
+            return delayed;
+        }
+        budget -= MME_ADD_WAIT_STEP_MS;
+        if (budget < 0) {
+            TraceLine("timeout");
+            return STATUS_TIMEOUT;
+        }
+    }
+
+    _pendingPdo = PhysicalDeviceObject;
+    InterlockedExchange(&gPdoParked, 1);
+
+    NTSTATUS status = PcAddAdapterDevice(DriverObject, PhysicalDeviceObject, StartRoutine,
+                                         MaxObjects, DeviceExtensionSize);
+    if (status != STATUS_SUCCESS)
+        TakePendingPdo();
+    return status;
+}
+
+PDEVICE_OBJECT TakePendingPdo() {
+    if (InterlockedExchange(&gPdoParked, 0) == 0)
+        return nullptr;
+    PDEVICE_OBJECT pdo = _pendingPdo;
+    _pendingPdo = nullptr;
+    InterlockedDecrement(&_pdoUseLock);
+    return pdo;
+}
+
+void ResetPdoHandOver() {
+    InterlockedExchange(&gPdoParked, 0);
+    _pendingPdo = nullptr;
+    InterlockedExchange(&_pdoUseLock, 0);
+}
+
+NTSTATUS StartDevice(PDEVICE_OBJECT DeviceObject, PIRP Irp, PRESOURCELIST ResourceList) {
+    UNREFERENCED_PARAMETER(ResourceList);
+    FunctionTrace ft("StartDevice [DeviceObject]", DeviceObject);
+
+    PDEVICE_OBJECT usbDevice = TakePendingPdo();
+    if (!usbDevice)
+        return STATUS_INVALID_PARAMETER;
+
+    MMEAdapter* adapter = MMEAdapter::create(DeviceObject, usbDevice);
+    if (!adapter)
+        return STATUS_INSUFFICIENT_RESOURCES;
+
+    NTSTATUS status = adapter->start(Irp);
+    // From here the subdevices' references keep the adapter; if none was
+    // taken, this release destroys it.
+    adapter->Release();
+
+    TraceLineStatus("exit StartDevice ", status);
+    return status;
+}
+
+MMEAdapter* MMEAdapter::create(PDEVICE_OBJECT DeviceObject, PDEVICE_OBJECT UsbDeviceObject) {
+    MMEAdapter* adapter = new MMEAdapter(DeviceObject, UsbDeviceObject);
+    if (!adapter)
+        return nullptr;
+    adapter->AddRef();
+    return adapter;
+}
+
+extern "C" int _purecall(void) {
+    RtlAssert((PVOID) "!\"Pure virutal function called\"", (PVOID) "adapter", 130, nullptr);
+    return 0;
+}
+
+#ifdef _WIN32
+// g++ fills the slots of pure virtual operations with this runtime entry.
+extern "C" void __cxa_pure_virtual(void) {
+    _purecall();
+}
+#endif
