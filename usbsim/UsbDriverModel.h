@@ -1,0 +1,239 @@
+// Model of the companion USB driver: the physical device object whose
+// internal device-control dispatch answers the six call codes, the link
+// record it fills at registration (device-info record, capture ring block
+// with its 8-byte prefix, render ring, hardware settings, ids), the
+// configuration changes it applies or refuses by its profile, the
+// notifications and state questions it sends, and the period clock that
+// feeds device input into the capture ring, calls the exchange callback at
+// dispatch level and plays what the driver wrote into the render ring.
+//
+// Contract with the driver: every request is completed synchronously before
+// the dispatch returns; after USBCall_Unregister no callback arrives (the
+// real-time clock is stopped and Unregister waits for callbacks already under
+// way on other threads).
+//
+// Threads: notifications and state questions are sent with no lock of the
+// model held, so their handlers may call the USB driver on any thread. A
+// period holds the (recursive) period lock around its ring work and the
+// exchange callback, which may neither wait nor call the USB driver; a
+// configuration change takes it too, so the rings never change shape under
+// a period.
+#pragma once
+
+#include "driver/common/AudioSM.h"
+#include "driver/common/MMEAdapterInfo.h"
+#include "usbsim/Profile.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace usbsim {
+
+class InputBackend;
+class OutputBackend;
+class LoopbackBackend;
+
+class UsbDriverModel {
+public:
+    explicit UsbDriverModel(DeviceProfile profile = DeviceProfile::builtInDefault());
+    ~UsbDriverModel(); // stops the clock and deletes its device object
+    UsbDriverModel(const UsbDriverModel&) = delete;
+    UsbDriverModel& operator=(const UsbDriverModel&) = delete;
+
+    PDEVICE_OBJECT pdo() const { return mDevice; }
+    PDRIVER_OBJECT driverObject() { return &mDriver; }
+    const DeviceProfile& profile() const { return mProfile; }
+
+    // ---- Calls seen ----
+    struct Call {
+        ULONG code = 0;
+        UCHAR major = 0;
+        MMEAdapterInfo* record = nullptr; // the request's UserBuffer
+        NTSTATUS answer = 0;
+        KIRQL irql = 0;
+        ChannelConfig wanted{}; // mcAttachChannels at the call (when a record came with it)
+        std::string note;       // why a call was refused, when the model decided it
+    };
+    std::vector<Call> calls() const;
+    std::vector<ULONG> callCodes() const;
+    size_t callCount(ULONG code) const;
+    void clearCalls();
+
+    // Answer a code with this status instead of acting on it. STATUS_PENDING
+    // is the exception: the request is acted on and completed (with the
+    // outcome in IoStatus) before the dispatch returns STATUS_PENDING, as a
+    // driver that finishes queued work at once would.
+    void setAnswer(ULONG code, NTSTATUS status);
+    void clearAnswers();
+    // Runs inside the dispatch, before the code is acted on.
+    void setDuringCall(std::function<void(ULONG code)> hook);
+
+    // ---- Records ----
+    MMEAdapterInfo* link() const; // registered record; null before Register and after Unregister
+    HardwareSettings& settings() { return mSettings; }
+    MMEDeviceInfo& deviceInfo() { return mInfo.info(); }
+    UCHAR* captureBlock() { return mCaptureBlock.get(); }
+    AudioSM& captureRing() { return *mCapture; }
+    AudioSM& renderRing() { return *mRender; }
+    bool adapterStarted() const;
+
+    // ---- Towards the driver (through the registered record) ----
+    struct Notice {
+        bool isState = false; // false: notification, true: state question
+        ULONG code = 0;
+        ULONGLONG value = 0;
+        LONG answer = 0; // state questions only
+    };
+    std::vector<Notice> notices() const;
+    void clearNotices();
+
+    void notify(ULONG code, ULONGLONG value = 0); // nothing without a registered callback
+    LONG askState(ULONG code, ULONG value);       // 0 without a registered callback
+
+    // Sets the render ring's mMMEReadPos to the capture ring's next write
+    // position minus backlogFrames, starts playing the render ring from its
+    // current mWritePos and sends MMENotify_OnMMEAttached.
+    void attachMME(uint32_t backlogFrames = 0);
+    // Sends MMENotify_OnMMEDetached and marks the render ring not attached.
+    void detachMME();
+    bool mmeAttached() const;
+    // ASIO client arrives: the MME side is detached first, then
+    // MMENotify_OnAsioAttached. Leaves: MMENotify_OnAsioDetached.
+    void asioAttach();
+    void asioDetach();
+    bool asioAttached() const;
+    void timedStart(); // MMENotify_OnTimedStartCallback
+    void preventFurtherCalls();
+    void setExclusiveInputs(bool on);
+    void setDigitalLock(uint32_t hz);
+    // The hardware changes on its own (front panel, clock source). With
+    // report: USBStc_SampleRate when the rate changed, then USBStc_ConfigChanged.
+    void changeHardware(const ChannelConfig& config, bool report);
+
+    // USBCall_Attach and USBCall_TimedStart answered by attaching at the next
+    // period boundary (Attach) or by a timed-start notification there
+    // (TimedStart), unless an ASIO client holds the device. On by default.
+    void setAutoAttach(bool on);
+    // Report applied USBCall_ChangeConfig requests through the state callback.
+    void setReportOwnChanges(bool on);
+    // Call the exchange callback even while the MME side is detached.
+    void setExchangeWhileDetached(bool on);
+    // Virtual host time moves with the sample clock (on by default).
+    void setAdvanceHostTime(bool on);
+    // Runs fn at the next period boundary, under the model's lock.
+    void defer(std::function<void()> fn);
+
+    // ---- Device I/O ----
+    void setInput(std::shared_ptr<InputBackend> input);    // null: silence
+    void setOutput(std::shared_ptr<OutputBackend> output); // null: discard
+    // Output comes back as input latencyFrames later; throws
+    // std::invalid_argument when latencyFrames is below the period.
+    std::shared_ptr<LoopbackBackend> setLoopback(uint32_t latencyFrames);
+    // Finishes the output backend (a WAV file is closed and put in place);
+    // what the device plays afterwards is dropped. Throws what finish() throws.
+    void finishOutput();
+    // Render samples whose top byte was not the sign extension of bit 23.
+    uint64_t renderFormatErrors() const;
+
+    // ---- Period clock ----
+    uint32_t periodFrames() const;
+    void setPeriodFrames(uint32_t frames); // throws std::invalid_argument
+    void schedule(const ScheduledEvent& event);
+    void runPeriods(size_t count); // virtual time, on the calling thread
+    // Paced by the sample clock on a thread of the model's own.
+    void startRealTime();
+    void stopRealTime();
+    bool realTimeRunning() const;
+    // Why the real-time clock stopped on its own (a backend failed); empty if it did not.
+    std::string realTimeError() const;
+    uint64_t periodsRun() const;
+    uint64_t framesRun() const;
+    uint64_t exchangeCalls() const;
+
+    // Positions of the device side, in ring frame numbering.
+    uint32_t renderReadPos() const;
+
+private:
+    static NTSTATUS dispatch(PDEVICE_OBJECT device, PIRP irp);
+    NTSTATUS handle(PIRP irp);
+    NTSTATUS act(ULONG code, MMEAdapterInfo* record, std::string& note);
+    NTSTATUS registerRecord(MMEAdapterInfo* record, std::string& note);
+    NTSTATUS unregisterRecord(MMEAdapterInfo* record, std::string& note);
+    NTSTATUS applyChange(MMEAdapterInfo* record, std::string& note);
+    template <class Fn> bool callout(Fn&& fn);
+    void shapeRings(bool resetPositions);
+    void configureBackends();
+    void applyHardware(const ChannelConfig& config);
+    void runOnePeriod();
+    void fireScheduled();
+    void fireEvent(const ScheduledEvent& event);
+    void runDeferred();
+    void writeCapture();
+    void readRender();
+    void updateClocks();
+    void advanceHostTime();
+    void realTimeLoop();
+    uint32_t ringFrames(uint32_t channels, uint32_t period) const;
+
+    DeviceProfile mProfile;
+    DRIVER_OBJECT mDriver{};
+    PDEVICE_OBJECT mDevice = nullptr;
+
+    // mPeriodLock (periods, ring shape) before mLock (everything else);
+    // mLock is never held while the driver is called.
+    mutable std::recursive_mutex mPeriodLock;
+    mutable std::mutex mLock;
+    std::condition_variable mCalloutsDone;
+    size_t mCallouts = 0; // callbacks under way
+    std::vector<std::thread::id> mCalloutThreads;
+    std::vector<Call> mCalls;
+    uint64_t mCallsGeneration = 0;
+    std::vector<std::pair<ULONG, NTSTATUS>> mAnswers;
+    std::function<void(ULONG)> mDuringCall;
+    std::vector<Notice> mNotices;
+
+    RawDeviceInfo mInfo;
+    HardwareSettings mSettings{};
+    std::unique_ptr<UCHAR[]> mCaptureBlock;
+    AudioSM* mCapture = nullptr;
+    std::unique_ptr<AudioSM> mRender;
+    MMEAdapterInfo* mLink = nullptr;
+    bool mStarted = false;
+    bool mMMEAttached = false;
+    bool mAsioAttached = false;
+    bool mAutoAttach = true;
+    bool mReportOwnChanges = false;
+    bool mExchangeWhileDetached = false;
+    bool mAdvanceHostTime = true;
+    std::vector<std::function<void()>> mDeferred;
+
+    std::shared_ptr<InputBackend> mInput;
+    std::shared_ptr<OutputBackend> mOutput;
+    std::vector<int32_t> mScratch;
+    uint64_t mRenderFormatErrors = 0;
+    uint32_t mRenderReadPos = 0;
+    uint32_t mPeriodFrames = 256;
+    std::vector<ScheduledEvent> mSchedule;
+    size_t mNextEvent = 0;
+    uint64_t mPeriods = 0;
+    uint64_t mFrames = 0;
+    uint64_t mExchangeCalls = 0;
+    uint64_t mTimeRemainder = 0; // 100 ns x Hz not yet turned into host time
+
+    std::thread mThread;
+    std::thread::id mThreadId;
+    std::mutex mWakeLock;
+    std::condition_variable mWake;
+    std::atomic<bool> mStop{false};
+    std::atomic<bool> mRunning{false};
+    std::string mRealTimeError; // under mLock
+};
+
+} // namespace usbsim
