@@ -1,0 +1,205 @@
+// The simulated system of mme-sim: profile, model USB driver, driver,
+// wave filter, trace tap and clock.
+#include "Sim.h"
+
+#include "host/kernel/HostKernel.h"
+
+#include <chrono>
+#include <iostream>
+#include <thread>
+
+namespace mmesim {
+
+namespace {
+
+constexpr size_t kRecentLines = 400;
+
+// Lines the driver prints when it refuses something, by the words it uses.
+const char* const kReasonWords[] = {
+    "ERROR",          "DISABLED",      "not allowed",     "mismach",           "prevented",
+    "second capture", "second render", "(less channels)", "invalid paramter",  "No DMA",
+    "!pPinDesc",      "refused",       "failed",          "already allocated",
+};
+
+std::string withoutPrefix(const std::string& line) {
+    std::string text = line;
+    if (text.compare(0, 6, "MME: (") == 0) {
+        size_t close = text.find(") ");
+        if (close != std::string::npos)
+            text = text.substr(close + 2);
+    }
+    size_t start = text.find_first_not_of(' ');
+    return start == std::string::npos ? std::string() : text.substr(start);
+}
+
+} // namespace
+
+TraceTap::TraceTap(const std::string& path, bool toStderr) : mStderr(toStderr) {
+    if (!path.empty()) {
+        mFile.open(path, std::ios::out | std::ios::trunc);
+        if (!mFile)
+            throw SimError(path + ": cannot write the trace file");
+    }
+    hostk::setSinkCallback([this](const std::string& text) { take(text); });
+}
+
+TraceTap::~TraceTap() {
+    hostk::setSinkNull();
+    std::lock_guard<std::mutex> lock(mLock);
+    if (!mPartial.empty() && mFile)
+        mFile << mPartial << '\n';
+}
+
+void TraceTap::take(const std::string& text) {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (mFile)
+        mFile << text;
+    if (mStderr)
+        std::cerr << text;
+    mPartial += text;
+    size_t end;
+    while ((end = mPartial.find('\n')) != std::string::npos) {
+        mRecent.push_back(mPartial.substr(0, end));
+        mPartial.erase(0, end + 1);
+        ++mTotal;
+        if (mRecent.size() > kRecentLines)
+            mRecent.pop_front();
+    }
+}
+
+size_t TraceTap::mark() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mTotal;
+}
+
+std::string TraceTap::reasonSince(size_t mark) const {
+    std::lock_guard<std::mutex> lock(mLock);
+    const size_t oldest = mTotal - mRecent.size();
+    for (size_t i = mTotal; i > std::max(mark, oldest); --i) {
+        const std::string& line = mRecent[i - 1 - oldest];
+        if (line.find("DMA init on failure") != std::string::npos)
+            continue;
+        for (const char* word : kReasonWords)
+            if (line.find(word) != std::string::npos)
+                return withoutPrefix(line);
+    }
+    return std::string();
+}
+
+Sim::Sim(const SimOptions& options) : mOptions(options) {
+    mTrace.reset(new TraceTap(options.tracePath, options.verbose));
+    hostk::useVirtualTime(!options.realtime);
+
+    usbsim::DeviceProfile profile = usbsim::DeviceProfile::builtInDefault();
+    if (!options.profilePath.empty()) {
+        try {
+            profile = usbsim::DeviceProfile::fromJsonFile(options.profilePath);
+        } catch (const usbsim::ProfileError& e) {
+            throw SimError(std::string("bad profile: ") + e.what());
+        }
+    }
+    try {
+        mModel.reset(new usbsim::UsbDriverModel(std::move(profile)));
+    } catch (const std::exception& e) {
+        throw SimError(std::string("bad profile: ") + e.what());
+    }
+    mLoader.reset(new hostpc::DriverLoader());
+    if (!NT_SUCCESS(mLoader->entryStatus()))
+        throw SimError("DriverEntry failed: " + hostpc::statusName(mLoader->entryStatus()));
+    NTSTATUS status = mLoader->addDevice(mModel->pdo());
+    if (NT_SUCCESS(status))
+        status = mLoader->startDevice(mModel->pdo());
+    if (!NT_SUCCESS(status))
+        throw SimError("the driver did not start: " + hostpc::statusName(status));
+    PDEVICE_OBJECT fdo = mLoader->fdo(mModel->pdo());
+    mFilter.reset(new hostpc::WaveFilter(fdo ? hostpc::subdevice(fdo, L"Wave") : nullptr));
+    if (!mFilter->valid())
+        throw SimError("the driver registered no wave filter");
+}
+
+Sim::~Sim() {
+    shutdown();
+}
+
+std::string Sim::refusal(NTSTATUS status, size_t mark) {
+    std::string text = hostpc::statusName(status);
+    std::string why = mTrace->reasonSince(mark);
+    if (!why.empty())
+        text += ": \"" + why + "\"";
+    // The model says why it refused a configuration change.
+    std::string usb;
+    for (const auto& call : mModel->calls())
+        if (call.code == USBCall_ChangeConfig && !NT_SUCCESS(call.answer) && !call.note.empty())
+            usb = call.note;
+    if (!usb.empty())
+        text += " (USB driver: " + usb + ")";
+    return text;
+}
+
+std::unique_ptr<hostpc::KsStream> Sim::open(bool capture, const Format& format,
+                                            const hostpc::StreamOptions& options) {
+    mModel->clearCalls();
+    const size_t mark = mTrace->mark();
+    std::unique_ptr<hostpc::KsStream> stream;
+    NTSTATUS status = mFilter->open(capture ? hostpc::kWaveCapturePin : hostpc::kWaveRenderPin,
+                                    hostpc::pcmFormat(format.rate, format.channels, format.bits),
+                                    options, &stream);
+    if (!NT_SUCCESS(status))
+        throw SimError(std::string("the driver refused ") + (capture ? "capture" : "render") +
+                       " at " + format.triple() + ": " + refusal(status, mark));
+    return stream;
+}
+
+void Sim::run(hostpc::KsStream& stream) {
+    mModel->clearCalls();
+    const size_t mark = mTrace->mark();
+    NTSTATUS status = stream.setState(KSSTATE_RUN);
+    if (!NT_SUCCESS(status)) {
+        Format f;
+        f.rate = stream.rate();
+        f.channels = stream.channels();
+        f.bits = stream.bits();
+        throw SimError(std::string("the driver refused to start ") +
+                       (stream.isCapture() ? "capture" : "render") + " at " + f.triple() + ": " +
+                       refusal(status, mark));
+    }
+}
+
+void Sim::begin() {
+    if (mOptions.realtime && !mClockRunning) {
+        mModel->startRealTime();
+        mClockRunning = true;
+    }
+}
+
+void Sim::step() {
+    if (!mOptions.realtime) {
+        mModel->runPeriods(1);
+        return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    const std::string error = mModel->realTimeError();
+    if (!error.empty())
+        throw SimError("the device stopped: " + error);
+}
+
+void Sim::end() {
+    if (mClockRunning) {
+        mModel->stopRealTime();
+        mClockRunning = false;
+    }
+}
+
+std::string Sim::shutdown() {
+    if (!mModel)
+        return std::string();
+    end();
+    mFilter.reset();
+    mLoader.reset(); // removes the device
+    mModel.reset();
+    std::string problems = hostk::checkClean();
+    mTrace.reset();
+    return problems;
+}
+
+} // namespace mmesim

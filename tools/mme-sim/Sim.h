@@ -1,0 +1,106 @@
+// The simulated system of mme-sim: the driver loaded on the host port-class
+// library above the model USB driver (built-in default profile or a JSON
+// one), the wave filter as a KS client sees it, the driver's trace output
+// (to a file with --trace, to stderr with --verbose, otherwise only kept in
+// memory to explain refusals) and the clock: virtual time, as fast as
+// possible, or real time paced by the sample clock.
+#pragma once
+
+#include "Pcm.h"
+
+#include "host/portcls/HostPortCls.h"
+#include "host/portcls/KsClient.h"
+#include "usbsim/UsbDriverModel.h"
+
+#include <deque>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+
+namespace mmesim {
+
+// A failure to report on one line; exitCode is the program's exit status.
+class SimError : public std::runtime_error {
+public:
+    explicit SimError(const std::string& message, int exitCode = 1)
+        : std::runtime_error(message), mExitCode(exitCode) {}
+    int exitCode() const { return mExitCode; }
+
+private:
+    int mExitCode;
+};
+
+struct SimOptions {
+    std::string profilePath; // empty: the built-in default device
+    std::string tracePath;   // driver trace to this file
+    bool verbose = false;    // driver trace to stderr
+    bool realtime = false;
+};
+
+// Keeps the driver's recent trace lines and copies them where asked.
+class TraceTap {
+public:
+    TraceTap(const std::string& path, bool toStderr); // throws SimError
+    ~TraceTap();
+    size_t mark() const; // lines seen so far
+    // The driver's own words for a refusal among the lines since `mark`:
+    // the last line that says why; empty when none does.
+    std::string reasonSince(size_t mark) const;
+
+private:
+    void take(const std::string& text);
+
+    mutable std::mutex mLock;
+    std::ofstream mFile;
+    bool mStderr;
+    std::string mPartial;
+    std::deque<std::string> mRecent;
+    size_t mTotal = 0;
+};
+
+class Sim {
+public:
+    explicit Sim(const SimOptions& options); // throws SimError
+    ~Sim();
+    Sim(const Sim&) = delete;
+    Sim& operator=(const Sim&) = delete;
+
+    usbsim::UsbDriverModel& model() { return *mModel; }
+    hostpc::WaveFilter& filter() { return *mFilter; }
+    const usbsim::DeviceProfile& profile() const { return mModel->profile(); }
+    bool realtime() const { return mOptions.realtime; }
+    ChannelConfig hardware() { return mModel->settings().current; }
+
+    // Opens a pin of the direction with the format; a refusal throws
+    // SimError with the driver's status and reason.
+    std::unique_ptr<hostpc::KsStream> open(bool capture, const Format& format,
+                                           const hostpc::StreamOptions& options = {});
+    // Walks a stream to RUN; a refusal throws as open() does.
+    void run(hostpc::KsStream& stream);
+    // The reason for the last refusal seen (the driver's words, and the USB
+    // driver's when it refused a configuration).
+    std::string refusal(NTSTATUS status, size_t mark);
+
+    // The clock. begin() starts the real-time thread; step() runs one period
+    // (virtual) or waits a little (real time); end() stops the thread.
+    void begin();
+    void step();
+    void end();
+    uint64_t periodsRun() { return mModel->periodsRun(); }
+
+    // Removes the device and the model; what the host kernel reports left
+    // over (empty when clean).
+    std::string shutdown();
+
+private:
+    SimOptions mOptions;
+    std::unique_ptr<TraceTap> mTrace;
+    std::unique_ptr<usbsim::UsbDriverModel> mModel;
+    std::unique_ptr<hostpc::DriverLoader> mLoader;
+    std::unique_ptr<hostpc::WaveFilter> mFilter;
+    bool mClockRunning = false;
+};
+
+} // namespace mmesim
