@@ -1,0 +1,472 @@
+// Allocation fault sweep over the whole life of a device: load, add, start,
+// open and run a capture and a render stream through the kernel-streaming
+// client API, move periods, let the ASIO client come and go (the attach
+// timer fires), change formats (the rate, channel counts and widths), close
+// both streams and remove the device.
+//
+// The life runs once to record every pool allocation (tag, size and the
+// step it happens in), then once more for each of them with that one
+// failing. Every run must end with nothing left behind (no pool block, IRP,
+// device object or timer), no assertion report and no verifier failure,
+// and the failure must show as the driver (or, for the host's own
+// allocations, the port-class library) reports it: the status of the step
+// that failed, the driver's trace line, or the silence the driver keeps.
+#include "driver/adapter/MMEAdapter.h"
+#include "driver/entry/adapter.h"
+#include "driver/streaming/MMEDMAEmulator.h"
+#include "driver/topology/MMETopology.h"
+#include "driver/wave/MMEWave.h"
+#include "driver/wave/MMEWaveStream.h"
+#include "host/kernel/HostKernel.h"
+#include "host/portcls/HostPortCls.h"
+#include "host/portcls/KsClient.h"
+#include "support/TraceCapture.h"
+#include "usbsim/UsbDriverModel.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Allocation {
+    std::string step;
+    ULONG tag;
+    size_t size;
+};
+
+// What one life did, step by step, for the checks.
+struct Life {
+    std::string step; // the step running now
+    std::vector<Allocation> allocations;
+    size_t failedIndex = 0; // 1-based index of the allocation that failed, 0 none
+
+    NTSTATUS add = STATUS_UNSUCCESSFUL;
+    NTSTATUS start = STATUS_UNSUCCESSFUL;
+    bool waveRegistered = false;
+    bool topologyRegistered = false;
+    bool timer = false;
+    bool request = false;
+    NTSTATUS open[4] = {STATUS_UNSUCCESSFUL, STATUS_UNSUCCESSFUL, STATUS_UNSUCCESSFUL,
+                        STATUS_UNSUCCESSFUL};
+    uint64_t frames[4] = {0, 0, 0, 0}; // moved by each stream while running
+    size_t registers = 0;              // USBCall_Register seen during the start
+    size_t adapterStarted = 0;         // USBCall_AdapterStarted seen during the start
+    size_t startUnregisters = 0;       // USBCall_Unregister seen during the start
+    size_t timedStarts = 0;
+    size_t unregisters = 0;        // from the removal on
+    bool removedByRemoval = false; // gone after the removal, before the driver is unloaded
+    bool parked = false;           // a device's physical device object is still parked at the end
+    std::vector<std::string> trace;
+    std::string problems; // checkClean() at the very end
+};
+
+enum : size_t { kCapture = 0, kRender = 1, kCapture2 = 2, kRender2 = 3 };
+
+MMEAdapter* adapterOf(PDEVICE_OBJECT fdo) {
+    for (const wchar_t* name : {L"Wave", L"Topology"}) {
+        PUNKNOWN port = fdo ? hostpc::subdevice(fdo, name) : nullptr;
+        PUNKNOWN miniport = port ? hostpc::portState(port).miniport : nullptr;
+        if (!miniport)
+            continue;
+        if (name[0] == L'W')
+            return static_cast<MMEWave*>(static_cast<IMiniportWaveCyclic*>(miniport))->adapter();
+        return static_cast<MMETopology*>(static_cast<IMiniportTopology*>(miniport))->adapter();
+    }
+    return nullptr;
+}
+
+// Opens a stream, runs it for a while, and notes what moved.
+std::unique_ptr<hostpc::KsStream> openAndRun(hostpc::WaveFilter& filter, Life& life, size_t slot,
+                                             bool capture, ULONG rate, USHORT channels,
+                                             USHORT bits) {
+    std::unique_ptr<hostpc::KsStream> stream;
+    life.open[slot] = filter.open(capture ? hostpc::kWaveCapturePin : hostpc::kWaveRenderPin,
+                                  hostpc::pcmFormat(rate, channels, bits), {}, &stream);
+    if (!stream)
+        return stream;
+    if (!capture) {
+        std::vector<unsigned char> audio(size_t(stream->blockAlign()) * 24000, 0x11);
+        stream->write(audio.data(), 24000);
+    }
+    stream->setState(KSSTATE_RUN);
+    return stream;
+}
+
+void live(Life& life, usbsim::UsbDriverModel& model) {
+    life.step = "load";
+    hostpc::DriverLoader loader;
+    life.step = "add";
+    life.add = loader.addDevice(model.pdo());
+    life.step = "start";
+    life.start = loader.startDevice(model.pdo());
+    PDEVICE_OBJECT fdo = loader.fdo(model.pdo());
+    PUNKNOWN wavePort = fdo ? hostpc::subdevice(fdo, L"Wave") : nullptr;
+    life.waveRegistered = wavePort != nullptr;
+    life.topologyRegistered = fdo && hostpc::subdevice(fdo, L"Topology");
+    life.registers = model.callCount(USBCall_Register);
+    life.adapterStarted = model.callCount(USBCall_AdapterStarted);
+    life.startUnregisters = model.callCount(USBCall_Unregister);
+    if (MMEAdapter* adapter = adapterOf(fdo)) {
+        life.timer = adapter->attachTimer() != nullptr;
+        life.request = adapter->callIrp() != nullptr;
+    }
+
+    if (wavePort) {
+        hostpc::WaveFilter filter(wavePort);
+        std::vector<unsigned char> sink(8 * 4 * 48000);
+
+        life.step = "open and run";
+        auto capture = openAndRun(filter, life, kCapture, true, 48000, 2, 24);
+        auto render = openAndRun(filter, life, kRender, false, 48000, 2, 16);
+        life.step = "periods";
+        model.runPeriods(40);
+        if (capture)
+            capture->read(sink.data(), 48000);
+
+        life.step = "asio";
+        model.asioAttach();
+        model.asioDetach();
+        model.clearCalls();
+        model.runPeriods(200); // the attach timer fires after a second
+        life.timedStarts = model.callCount(USBCall_TimedStart);
+        if (capture) {
+            capture->read(sink.data(), 48000);
+            life.frames[kCapture] = capture->positionFrames();
+        }
+        if (render)
+            life.frames[kRender] = render->positionFrames();
+
+        life.step = "change formats";
+        if (capture)
+            capture->close();
+        if (render)
+            render->close();
+        // Render alone brings a new rate; capture follows with other widths.
+        render = openAndRun(filter, life, kRender2, false, 96000, 2, 24);
+        capture = openAndRun(filter, life, kCapture2, true, 96000, 8, 16);
+        model.runPeriods(40);
+        if (capture) {
+            capture->read(sink.data(), 4096);
+            life.frames[kCapture2] = capture->positionFrames();
+        }
+        if (render)
+            life.frames[kRender2] = render->positionFrames();
+
+        life.step = "close";
+        capture.reset();
+        render.reset();
+    }
+
+    life.step = "remove";
+    model.clearCalls();
+    loader.removeDevice(model.pdo());
+    life.removedByRemoval = !loader.fdo(model.pdo());
+    life.unregisters = model.callCount(USBCall_Unregister);
+    life.step = "unload";
+}
+
+// One whole life, with the nth allocation failing (0: none).
+Life liveWithFailure(size_t nth) {
+    hostk::resetForTest();
+    hostpc::resetForTest();
+    Life life;
+    hostk::setPoolObserver([&](ULONG tag, size_t size, bool failed) {
+        life.allocations.push_back(Allocation{life.step, tag, size});
+        if (failed)
+            life.failedIndex = life.allocations.size();
+    });
+    hostk::failAllocation(nth);
+    {
+        usbsim::UsbDriverModel model;
+        live(life, model);
+        if (life.unregisters == 0)
+            life.unregisters = model.callCount(USBCall_Unregister); // removed by the loader
+    }
+    hostk::failAllocation(0);
+    hostk::setPoolObserver(nullptr);
+    // A device added but never started stays parked until the driver is
+    // unloaded; the next life starts from a freshly loaded driver.
+    life.parked = _pendingPdo != nullptr || _pdoUseLock != 0;
+    ResetPdoHandOver();
+    life.trace = tracecap::traceMessages();
+    life.problems = hostk::checkClean();
+    hostk::clearAssertReports();
+    hostk::clearVerifierFailures();
+    return life;
+}
+
+bool traced(const Life& life, const std::string& text) {
+    for (const auto& line : life.trace)
+        if (line == text)
+            return true;
+    return false;
+}
+
+bool tracedStart(const Life& life, const std::string& prefix) {
+    for (const auto& line : life.trace)
+        if (line.compare(0, prefix.size(), prefix) == 0)
+            return true;
+    return false;
+}
+
+std::string describe(const Allocation& a) {
+    char tag[5] = {};
+    for (int i = 0; i < 4; ++i) {
+        const char c = char((a.tag >> (8 * i)) & 0xFF);
+        tag[i] = (c >= 0x20 && c < 0x7F) ? c : '.';
+    }
+    return "'" + std::string(tag) + "' " + std::to_string(a.size) + " bytes in step \"" + a.step +
+           "\"";
+}
+
+constexpr ULONG tagOf(const char (&text)[5]) {
+    return ULONG((unsigned char)text[0]) | ULONG((unsigned char)text[1]) << 8 |
+           ULONG((unsigned char)text[2]) << 16 | ULONG((unsigned char)text[3]) << 24;
+}
+
+// What an allocation of the reference life is for.
+enum class What {
+    PnpStart, // the port-class library's start request
+    Adapter,
+    Timer,   // the adapter's attach timer
+    Request, // the adapter's request to the USB driver
+    TopologyPort,
+    Topology, // the topology miniport
+    WavePort,
+    Wave, // the wave miniport
+    ServiceGroup,
+    Descriptor,     // the wave filter's descriptor
+    CaptureChannel, // the capture DMA channel
+    RenderChannel,
+    Pin,          // the port's pin for a stream
+    Stream,       // the wave stream
+    StreamBuffer, // a DMA channel's scratch or cyclic buffer for a stream
+    PnpRemove,    // the port-class library's remove request
+    Unknown,
+};
+
+const char* nameOf(What w) {
+    static const char* const names[] = {"start request",
+                                        "adapter",
+                                        "attach timer",
+                                        "USB request",
+                                        "topology port",
+                                        "topology miniport",
+                                        "wave port",
+                                        "wave miniport",
+                                        "service group",
+                                        "descriptor",
+                                        "capture DMA channel",
+                                        "render DMA channel",
+                                        "pin",
+                                        "stream",
+                                        "stream buffer",
+                                        "remove request",
+                                        "unknown"};
+    return names[int(w)];
+}
+
+struct Role {
+    What what = What::Unknown;
+    size_t slot = 0; // the stream it belongs to (pins, streams, buffers)
+};
+
+// Names every allocation of the reference life from its step, tag, size
+// and order; the driver's objects must have their own sizes.
+std::vector<Role> rolesOf(const std::vector<Allocation>& allocations) {
+    const What startObjects[] = {What::Adapter,      What::Timer,      What::Topology,
+                                 What::Wave,         What::Descriptor, What::CaptureChannel,
+                                 What::RenderChannel};
+    const size_t startSizes[] = {
+        sizeof(MMEAdapter),          sizeof(MMETimer),       sizeof(MMETopology),   sizeof(MMEWave),
+        sizeof(PtGenericDescriptor), sizeof(MMEDMAEmulator), sizeof(MMEDMAEmulator)};
+    const size_t slots[] = {kCapture, kRender, kRender2, kCapture2}; // order of opening
+    size_t objects = 0, irps = 0, ports = 0, pins = 0;
+    std::vector<Role> roles;
+    for (const Allocation& a : allocations) {
+        Role r;
+        if (a.step == "start") {
+            if (a.tag == tagOf("Irp "))
+                r.what = irps++ == 0 ? What::PnpStart : What::Request;
+            else if (a.tag == tagOf("PcPt"))
+                r.what = ports++ == 0 ? What::TopologyPort : What::WavePort;
+            else if (a.tag == tagOf("PcSg"))
+                r.what = What::ServiceGroup;
+            else if (objects < 7 && a.size == startSizes[objects])
+                r.what = startObjects[objects++];
+        } else if (a.step == "open and run" || a.step == "change formats") {
+            if (a.tag == tagOf("PcPn") && pins < 4) {
+                r.what = What::Pin;
+                r.slot = slots[pins++];
+            } else if (pins > 0) {
+                r.what = a.size == sizeof(MMEWaveStream) ? What::Stream : What::StreamBuffer;
+                r.slot = slots[pins - 1];
+            }
+        } else if (a.step == "remove" && a.tag == tagOf("Irp ")) {
+            r.what = What::PnpRemove;
+        }
+        roles.push_back(r);
+    }
+    return roles;
+}
+
+bool isCapture(size_t slot) {
+    return slot == kCapture || slot == kCapture2;
+}
+
+// The failure shows the way the driver reports it, and the rest of the life goes on.
+void expectReported(const Life& life, const Role& role) {
+    const NTSTATUS noMemory = STATUS_INSUFFICIENT_RESOURCES;
+    auto streamsOpen = [&](std::initializer_list<size_t> slots) {
+        for (size_t s : slots)
+            EXPECT_EQ(life.open[s], STATUS_SUCCESS) << "stream " << s;
+    };
+    switch (role.what) {
+    case What::PnpStart:
+    case What::Adapter:
+        EXPECT_EQ(life.start, noMemory);
+        // Without a start the hand-over keeps the device parked.
+        EXPECT_EQ(life.parked, role.what == What::PnpStart);
+        EXPECT_FALSE(life.topologyRegistered || life.waveRegistered);
+        EXPECT_EQ(life.registers, 0u) << "the USB driver was called";
+        break;
+    case What::Timer:
+        // Nothing is reported; the attach timer's behaviour is skipped.
+        EXPECT_EQ(life.start, STATUS_SUCCESS);
+        EXPECT_FALSE(life.timer);
+        EXPECT_EQ(life.timedStarts, 0u);
+        streamsOpen({kCapture, kRender, kCapture2, kRender2});
+        for (uint64_t f : life.frames)
+            EXPECT_GT(f, 0u);
+        break;
+    case What::Request:
+        // Every call fails; the device starts without the USB driver's records.
+        EXPECT_EQ(life.start, STATUS_SUCCESS);
+        EXPECT_FALSE(life.request);
+        EXPECT_TRUE(tracedStart(life, "!m_pCallIrp || !mUSBDeviceObject"));
+        EXPECT_EQ(life.registers, 0u);
+        EXPECT_EQ(life.open[kCapture], STATUS_INVALID_DEVICE_STATE);
+        EXPECT_EQ(life.open[kRender], STATUS_INVALID_DEVICE_STATE);
+        EXPECT_EQ(life.unregisters, 0u);
+        break;
+    case What::TopologyPort:
+    case What::Topology:
+        EXPECT_EQ(life.start, noMemory);
+        if (role.what == What::TopologyPort) {
+            EXPECT_TRUE(traced(life, "InstallSubdevice: PcNewPort failed"));
+        }
+        EXPECT_FALSE(life.topologyRegistered || life.waveRegistered);
+        // The start still announces itself; with no subdevice holding the
+        // adapter, the start's own release destroys it and unregisters.
+        EXPECT_EQ(life.registers, 1u);
+        EXPECT_EQ(life.adapterStarted, 1u);
+        EXPECT_EQ(life.startUnregisters, 1u);
+        break;
+    case What::WavePort:
+    case What::Wave:
+    case What::ServiceGroup:
+    case What::Descriptor:
+        EXPECT_EQ(life.start,
+                  role.what == What::Descriptor ? STATUS_INVALID_DEVICE_STATE : noMemory);
+        if (role.what == What::WavePort) {
+            EXPECT_TRUE(traced(life, "InstallSubdevice: PcNewPort failed"));
+        }
+        if (role.what == What::Descriptor) {
+            EXPECT_TRUE(tracedStart(life, "sizeof(PtGenericDescriptor) is"));
+        }
+        EXPECT_TRUE(life.topologyRegistered);
+        EXPECT_FALSE(life.waveRegistered);
+        EXPECT_EQ(life.adapterStarted, 1u);
+        EXPECT_EQ(life.startUnregisters, 0u);
+        EXPECT_EQ(life.unregisters, 1u);
+        break;
+    case What::CaptureChannel:
+    case What::RenderChannel: {
+        EXPECT_EQ(life.start, noMemory);
+        EXPECT_TRUE(traced(life, "FAILED m_pcDMAEmulator = new MMEDMAEmulator();"));
+        EXPECT_TRUE(life.topologyRegistered && life.waveRegistered);
+        const bool capture = role.what == What::CaptureChannel;
+        EXPECT_TRUE(traced(life, "No DMA Channel"));
+        for (size_t s : {kCapture, kRender, kCapture2, kRender2})
+            EXPECT_EQ(life.open[s],
+                      isCapture(s) == capture ? STATUS_INVALID_DEVICE_REQUEST : STATUS_SUCCESS)
+                << "stream " << s;
+        break;
+    }
+    case What::Pin:
+    case What::Stream:
+        EXPECT_EQ(life.start, STATUS_SUCCESS);
+        for (size_t s : {kCapture, kRender, kCapture2, kRender2})
+            EXPECT_EQ(life.open[s], s == role.slot ? noMemory : STATUS_SUCCESS) << "stream " << s;
+        break;
+    case What::StreamBuffer:
+        // The channel is left without buffers and idle; starting the stream
+        // shapes it again and it moves.
+        EXPECT_TRUE(traced(life, "memAlloc failed"));
+        streamsOpen({kCapture, kRender, kCapture2, kRender2});
+        EXPECT_GT(life.frames[role.slot], 0u);
+        break;
+    case What::PnpRemove:
+        // Without its request the port-class library releases the
+        // subdevices itself: the adapter goes all the same.
+        EXPECT_TRUE(life.removedByRemoval);
+        EXPECT_EQ(life.unregisters, 1u);
+        break;
+    case What::Unknown:
+        ADD_FAILURE() << "an allocation the sweep does not know";
+        break;
+    }
+}
+
+TEST(AllocationSweep, EveryAllocationOfADevicesLifeFailsCleanly) {
+    const Life reference = liveWithFailure(0);
+    ASSERT_EQ(reference.problems, "") << "the life itself leaves something behind";
+    ASSERT_EQ(reference.start, STATUS_SUCCESS);
+    ASSERT_TRUE(reference.timer && reference.request);
+    ASSERT_EQ(reference.timedStarts, 1u);
+    for (size_t s = 0; s < 4; ++s) {
+        ASSERT_EQ(reference.open[s], STATUS_SUCCESS) << "stream " << s;
+        ASSERT_GT(reference.frames[s], 0u) << "stream " << s;
+    }
+    ASSERT_TRUE(reference.removedByRemoval);
+    ASSERT_FALSE(reference.parked);
+    ASSERT_EQ(reference.unregisters, 1u);
+
+    const size_t count = reference.allocations.size();
+    const std::vector<Role> roles = rolesOf(reference.allocations);
+    std::map<What, size_t> seen;
+    for (size_t i = 1; i <= count; ++i) {
+        const Allocation& a = reference.allocations[i - 1];
+        const Role& role = roles[i - 1];
+        SCOPED_TRACE("allocation " + std::to_string(i) + " of " + std::to_string(count) + " (" +
+                     nameOf(role.what) + ", " + describe(a) + ")");
+        ++seen[role.what];
+        const Life life = liveWithFailure(i);
+        ASSERT_EQ(life.failedIndex, i);
+        ASSERT_GE(life.allocations.size(), i);
+        const Allocation& failed = life.allocations[i - 1];
+        ASSERT_TRUE(failed.step == a.step && failed.tag == a.tag && failed.size == a.size)
+            << "the run diverged before the failure: " << describe(failed);
+        EXPECT_EQ(life.problems, "");
+        if (role.what != What::PnpStart && role.what != What::Adapter) {
+            EXPECT_FALSE(life.parked) << "the add/start hand-over was left taken";
+        }
+        expectReported(life, role);
+    }
+    // The life reaches every kind of allocation the driver and the port make.
+    for (What w : {What::PnpStart, What::Adapter, What::Timer, What::Request, What::TopologyPort,
+                   What::Topology, What::WavePort, What::Wave, What::ServiceGroup, What::Descriptor,
+                   What::CaptureChannel, What::RenderChannel, What::Pin, What::Stream,
+                   What::StreamBuffer, What::PnpRemove})
+        EXPECT_GT(seen[w], 0u) << nameOf(w);
+    EXPECT_EQ(seen[What::Unknown], 0u);
+    std::printf("allocations swept: %zu\n", count);
+    ::testing::Test::RecordProperty("allocations_swept", std::to_string(count));
+}
+
+} // namespace

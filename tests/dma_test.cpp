@@ -1,0 +1,347 @@
+// Emulated DMA channel: the IDmaChannelSlave slots, buffer sizes from the
+// stream's format and the configuration, reuse and replacement of the two
+// buffers, allocation failures, positions, Silence and the port's copies
+// with their bounds. Channels are the started driver's own, shaped by
+// streams opened through the wave miniport; what a stream's teardown leaves
+// in its channel is checked in wave_stream_test.
+#include "host/kernel/HostKernel.h"
+#include "support/StreamingRig.h"
+#include "support/TraceCapture.h"
+#include "support/ObjectChecks.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+using streamtest::StreamingRig;
+
+bool allAre(const void* p, size_t n, unsigned char value = 0) {
+    const auto* b = static_cast<const unsigned char*>(p);
+    return std::all_of(b, b + n, [&](unsigned char c) { return c == value; });
+}
+
+// ---- A channel on its own ----
+
+class LoneChannel : public ::testing::Test {
+protected:
+    void SetUp() override {
+        mChannel = new MMEDMAEmulator(nullptr, false);
+        ASSERT_NE(mChannel, nullptr);
+        mChannel->AddRef();
+    }
+    void TearDown() override {
+        if (mChannel) {
+            EXPECT_EQ(mChannel->Release(), 0u);
+        }
+    }
+    MMEDMAEmulator* mChannel = nullptr;
+};
+
+TEST_F(LoneChannel, BeforeAnyFormatThereIsNoBufferAndTheSlotsGiveFixedAnswers) {
+    EXPECT_EQ((std::vector<ULONG>{mChannel->BufferSize(), mChannel->AllocatedBufferSize(),
+                                  mChannel->MaximumBufferSize(), mChannel->TransferCount(),
+                                  mChannel->ReadCounter()}),
+              (std::vector<ULONG>{0, 0, 0, 0, 0}));
+    EXPECT_EQ(mChannel->SystemAddress(), nullptr);
+    EXPECT_FALSE(mChannel->isCapture());
+    EXPECT_EQ(mChannel->stream(), nullptr);
+    EXPECT_EQ(mChannel->WaitForTC(1000), STATUS_SUCCESS);
+    EXPECT_EQ(mChannel->Stop(), STATUS_SUCCESS);
+    EXPECT_EQ(mChannel->GetAdapterObject(), nullptr);
+    PHYSICAL_ADDRESS address;
+    address.QuadPart = 0x1234;
+    EXPECT_EQ(mChannel->PhysicalAddress(&address), &address);
+    EXPECT_EQ(address.QuadPart, 0);
+
+    const size_t blocks = hostk::poolStats().liveBlocks;
+    PHYSICAL_ADDRESS constraint;
+    constraint.QuadPart = 0xFFFFFFFF;
+    tracecap::clearTrace();
+    EXPECT_EQ(mChannel->AllocateBuffer(65536, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(mChannel->AllocateBuffer(4096, &constraint), STATUS_SUCCESS);
+    EXPECT_EQ(hostk::poolStats().liveBlocks, blocks); // nothing allocated
+    EXPECT_TRUE(tracecap::containsLine("PhysicalAddressConstraint 0x" +
+                                       tracecap::kernelPointer(&constraint)))
+        << tracecap::dumpTrace();
+    mChannel->SetBufferSize(4096);
+    EXPECT_EQ(mChannel->BufferSize(), 0u);
+}
+
+TEST_F(LoneChannel, QueryInterfaceAnswersUnknownAndDmaChannelOnly) {
+    IDmaChannelSlave* self = mChannel;
+    checks::expectInterfaces(self, self, {&IID_IUnknown, &IID_IDmaChannel},
+                             {&IID_IDmaChannelSlave, &IID_IMiniportWaveCyclic});
+    EXPECT_EQ(mChannel->QueryInterface(IID_IUnknown, nullptr), STATUS_INVALID_PARAMETER);
+    checks::expectAssert("Object", "MMEDMAEmulator", 42);
+    EXPECT_EQ(mChannel->referenceCount(), 1);
+}
+
+TEST(DmaChannelLifetime, TracedAndNotShapedByAStreamWithoutMiniport) {
+    tracecap::clearTrace();
+    auto* channel = new MMEDMAEmulator(nullptr, true);
+    channel->AddRef();
+    EXPECT_TRUE(channel->isCapture());
+    EXPECT_TRUE(tracecap::containsLineStartingWith("+ MMEDMAEmulator::MMEDMAEmulator()"));
+
+    auto* stream = new MMEWaveStream(channel, true); // never initialised
+    stream->AddRef();
+    EXPECT_FALSE(channel->setStreamFormat(stream, 2, 16, 0));
+    EXPECT_EQ(channel->stream(), nullptr);
+    EXPECT_EQ(channel->BufferSize(), 0u);
+    stream->Release();
+    EXPECT_EQ(channel->Release(), 0u);
+    EXPECT_TRUE(tracecap::containsLine("- MMEDMAEmulator::~MMEDMAEmulator"))
+        << tracecap::dumpTrace();
+}
+
+// ---- Channels of a started driver ----
+
+class DmaFormat : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(mRig.started());
+        mRig.setAttachChannels(8, 8);
+    }
+    // Opens a stream and shapes the channel for it under the rig's
+    // configuration.
+    MMEWaveStream* open(bool capture, ULONG channels, ULONG bits) {
+        MMEWaveStream* s = mRig.openStream(capture, channels, bits);
+        EXPECT_NE(s, nullptr);
+        if (s) {
+            EXPECT_TRUE(mRig.channel(capture)->setStreamFormat(s, channels, bits, 0));
+        }
+        return s;
+    }
+    StreamingRig mRig;
+};
+
+TEST_F(DmaFormat, BufferSizesFollowStreamFormatAndConfiguration) {
+    MMEWaveStream* capture = open(true, 2, 24);
+    MMEDMAEmulator* in = mRig.channel(true);
+    EXPECT_EQ(in->stream(), capture);
+    EXPECT_EQ((std::vector<ULONG>{in->BufferSize(), in->AllocatedBufferSize(),
+                                  in->MaximumBufferSize(), in->usbBufferBytes(), in->usbChannels(),
+                                  in->wdmChannels(), in->wdmBits()}),
+              (std::vector<ULONG>{24576, 24576, 24576, 65536, 8, 2, 24}));
+    ASSERT_NE(in->SystemAddress(), nullptr);
+    EXPECT_TRUE(allAre(in->SystemAddress(), 24576));
+
+    MMEWaveStream* render = open(false, 2, 16);
+    MMEDMAEmulator* out = mRig.channel(false);
+    EXPECT_EQ(out->stream(), render);
+    EXPECT_EQ(out->BufferSize(), 16384u);
+    EXPECT_EQ(out->usbBufferBytes(), 65536u);
+
+    // 32-bit samples of a 6-channel configuration.
+    mRig.setAttachChannels(6, 6);
+    EXPECT_TRUE(out->setStreamFormat(render, 4, 32, 0));
+    EXPECT_EQ(out->BufferSize(), 4u * 4096 * 4);
+    EXPECT_EQ(out->usbBufferBytes(), 6u * 2048 * 4);
+}
+
+TEST_F(DmaFormat, TheSameFormatTwiceKeepsBothBuffersButClearsThem) {
+    MMEWaveStream* s = open(true, 2, 24);
+    MMEDMAEmulator* in = mRig.channel(true);
+    void* cyclic = in->SystemAddress();
+    std::memset(cyclic, 0x5C, in->BufferSize());
+    in->Start(3000, TRUE);
+    ASSERT_EQ(in->position(), 3000u);
+
+    tracecap::clearTrace();
+    EXPECT_TRUE(in->setStreamFormat(s, 2, 24, 0));
+    EXPECT_EQ(in->SystemAddress(), cyclic);
+    EXPECT_TRUE(allAre(cyclic, in->BufferSize()));
+    EXPECT_EQ(in->position(), 0u);
+    EXPECT_EQ(in->transferOffset(), 0u);
+    EXPECT_EQ(tracecap::countLines("mUSBBufferBytes equal"), 1u) << tracecap::dumpTrace();
+    EXPECT_EQ(tracecap::countLines("mWDMBufferBytes equal"), 1u);
+    EXPECT_FALSE(tracecap::containsLineStartingWith("mWDMBufferBytes differs"));
+}
+
+TEST_F(DmaFormat, OnlyTheBufferWhoseSizeChangesIsReplaced) {
+    MMEWaveStream* s = open(false, 2, 24);
+    MMEDMAEmulator* out = mRig.channel(false);
+    const ULONG scratchBytes = out->usbBufferBytes();
+
+    tracecap::clearTrace();
+    EXPECT_TRUE(out->setStreamFormat(s, 4, 24, 0)); // the stream's channels only
+    EXPECT_EQ(out->BufferSize(), 4u * 4096 * 3);
+    EXPECT_EQ(out->usbBufferBytes(), scratchBytes);
+    checks::expectLines({"mUSBBufferBytes equal", "mWDMBufferBytes differs old/new  24576 49152"});
+
+    void* cyclic = out->SystemAddress();
+    mRig.setAttachChannels(8, 2); // the configuration's channels only
+    tracecap::clearTrace();
+    EXPECT_TRUE(out->setStreamFormat(s, 4, 24, 0));
+    EXPECT_EQ(out->SystemAddress(), cyclic);
+    EXPECT_EQ(out->usbBufferBytes(), 2u * 2048 * 4);
+    checks::expectLines({"mUSBBufferBytes differs old/new  65536 16384", "mWDMBufferBytes equal"});
+}
+
+TEST_F(DmaFormat, RefusedFormatsLeaveTheChannelDetachedWithItsBuffers) {
+    MMEWaveStream* s = open(true, 2, 16);
+    MMEDMAEmulator* in = mRig.channel(true);
+    void* cyclic = in->SystemAddress();
+    const ULONG bytes = in->BufferSize();
+
+    tracecap::clearTrace();
+    EXPECT_FALSE(in->setStreamFormat(s, 6, 20, 0)); // no such width
+    EXPECT_EQ(in->stream(), nullptr);
+    EXPECT_EQ(in->SystemAddress(), cyclic);
+    EXPECT_EQ(in->BufferSize(), bytes);
+    EXPECT_EQ(in->wdmChannels(), 6u); // recorded before the width was refused
+    // setStreamFormat traces silently.
+    EXPECT_FALSE(tracecap::containsLineStartingWith("ERROR invalid wBitsPerSample"));
+
+    EXPECT_TRUE(in->setStreamFormat(s, 2, 16, 0));
+    EXPECT_FALSE(in->setStreamFormat(s, 2, 0x80000000u, 0)); // negative as a signed width
+    EXPECT_FALSE(in->setStreamFormat(s, 0, 16, 0));
+    EXPECT_EQ(in->stream(), nullptr);
+    EXPECT_EQ(in->wdmChannels(), 2u);
+
+    EXPECT_TRUE(in->setStreamFormat(s, 2, 16, 0));
+    EXPECT_FALSE(in->setStreamFormat(nullptr, 0, 0, 0)); // detach
+    EXPECT_EQ(in->stream(), nullptr);
+    EXPECT_EQ(in->SystemAddress(), cyclic);
+}
+
+TEST_F(DmaFormat, FreeBufferAndFailedAllocationsLeaveTheChannelWithoutBuffers) {
+    open(false, 2, 16);
+    MMEDMAEmulator* out = mRig.channel(false);
+    out->Start(1024, TRUE);
+    const size_t blocks = hostk::poolStats().liveBlocks;
+    out->FreeBuffer();
+    out->FreeBuffer(); // twice is harmless
+    EXPECT_EQ(hostk::poolStats().liveBlocks, blocks - 2);
+    EXPECT_EQ((std::vector<ULONG>{out->BufferSize(), out->usbBufferBytes(), out->position(),
+                                  out->transferOffset()}),
+              (std::vector<ULONG>{0, 0, 0, 0}));
+    EXPECT_EQ(out->SystemAddress(), nullptr);
+
+    for (size_t failing : {1u, 2u}) {
+        SCOPED_TRACE(failing == 1 ? "scratch buffer" : "cyclic buffer");
+        mRig.setAttachChannels(8, 8);
+        MMEWaveStream* s = mRig.openStream(true, 2, 24);
+        ASSERT_NE(s, nullptr);
+        MMEDMAEmulator* in = mRig.channel(true);
+        in->Start(1024, TRUE);
+        mRig.setAttachChannels(4, 8); // both sizes change below
+        tracecap::clearTrace();
+        hostk::failAllocation(failing);
+        EXPECT_FALSE(in->setStreamFormat(s, 4, 16, 0));
+        hostk::failAllocation(0);
+        EXPECT_TRUE(tracecap::containsLine("memAlloc failed")) << tracecap::dumpTrace();
+        EXPECT_EQ(in->stream(), nullptr);
+        EXPECT_EQ((std::vector<ULONG>{in->BufferSize(), in->usbBufferBytes(), in->position()}),
+                  (std::vector<ULONG>{0, 0, 0}));
+        EXPECT_EQ(in->SystemAddress(), nullptr);
+        // The next format gets fresh buffers.
+        EXPECT_TRUE(in->setStreamFormat(s, 4, 16, 0));
+        EXPECT_EQ(in->BufferSize(), 4u * 4096 * 2);
+        EXPECT_EQ(in->usbBufferBytes(), 4u * 2048 * 4);
+        mRig.closeStream(s);
+    }
+}
+
+TEST_F(DmaFormat, StartMovesBothPositionsAndWrapsAtTheBufferEnd) {
+    open(true, 2, 16); // 16384 bytes
+    MMEDMAEmulator* in = mRig.channel(true);
+    using Pair = std::pair<ULONG, ULONG>; // transfer offset, position
+    auto positions = [&] { return Pair(in->transferOffset(), in->position()); };
+    EXPECT_EQ(in->Start(16384 - 1024, FALSE), STATUS_SUCCESS);
+    EXPECT_EQ(positions(), Pair(15360, 15360));
+    in->Start(1024, TRUE); // exactly to the end: back to 0
+    EXPECT_EQ(positions(), Pair(0, 0));
+    in->Start(1000, TRUE);
+    in->Start(16000, TRUE); // past the end: wraps once
+    EXPECT_EQ(positions(), Pair(616, 616));
+    in->Start(100000, TRUE); // more than the whole buffer still lands inside it
+    EXPECT_LT(in->position(), 16384u);
+    EXPECT_EQ(in->position(), in->transferOffset());
+
+    in->resetPosition();
+    EXPECT_EQ(in->position(), 0u);
+    EXPECT_NE(in->transferOffset(), 0u);
+}
+
+TEST_F(DmaFormat, SilenceZeroesOnlyRangesItMayTouch) {
+    open(false, 2, 16);
+    MMEDMAEmulator* out = mRig.channel(false);
+    auto* base = static_cast<unsigned char*>(out->SystemAddress());
+    const ULONG size = out->BufferSize();
+    std::memset(base, 0x11, size);
+
+    out->silence(base + 100, 200);
+    EXPECT_TRUE(allAre(base + 100, 200));
+    EXPECT_EQ(base[99], 0x11);
+    EXPECT_EQ(base[300], 0x11);
+
+    std::memset(base, 0x11, size);
+    out->silence(base, size + 1);       // more than the buffer: nothing
+    out->silence(base + size - 10, 20); // would run past the end: nothing
+    out->silence(nullptr, 10);
+    EXPECT_TRUE(allAre(base, size, 0x11));
+
+    out->silence(base, size); // the whole buffer is fine
+    EXPECT_TRUE(allAre(base, size));
+}
+
+TEST_F(DmaFormat, CopiesStayInsideTheBufferAndGoOnlyWithTheDirection) {
+    open(true, 2, 16);
+    open(false, 2, 16);
+    MMEDMAEmulator* in = mRig.channel(true);
+    MMEDMAEmulator* out = mRig.channel(false);
+    auto* inBase = static_cast<unsigned char*>(in->SystemAddress());
+    auto* outBase = static_cast<unsigned char*>(out->SystemAddress());
+    const ULONG size = out->BufferSize();
+    std::vector<unsigned char> data(size + 64);
+    for (size_t i = 0; i < data.size(); ++i)
+        data[i] = static_cast<unsigned char>(i * 7 + 1);
+
+    // CopyTo fills the render buffer.
+    out->CopyTo(outBase + 100, data.data(), 64);
+    EXPECT_EQ(0, std::memcmp(outBase + 100, data.data(), 64));
+    out->CopyTo(outBase, data.data(), size);
+    EXPECT_EQ(0, std::memcmp(outBase, data.data(), size));
+    std::memset(outBase, 0, size);
+    tracecap::clearTrace();
+    out->CopyTo(outBase + size - 10, data.data(), 64); // runs past the end
+    out->CopyTo(outBase - 16, data.data(), 32);        // starts before the buffer
+    EXPECT_TRUE(allAre(outBase, size));
+    EXPECT_EQ(tracecap::countLinesStartingWith("MMEDMAEmulator::CopyTo range outside"), 2u)
+        << tracecap::dumpTrace();
+
+    // CopyFrom empties the capture buffer.
+    std::memcpy(inBase, data.data(), size);
+    std::vector<unsigned char> got(size + 64, 0xEE);
+    in->CopyFrom(got.data(), inBase + 200, 100);
+    EXPECT_EQ(0, std::memcmp(got.data(), inBase + 200, 100));
+    EXPECT_EQ(got[100], 0xEE);
+    std::fill(got.begin(), got.end(), 0xEE);
+    in->CopyFrom(got.data(), inBase + size - 32, 64);
+    EXPECT_TRUE(allAre(got.data(), got.size(), 0xEE));
+    EXPECT_TRUE(tracecap::containsLineStartingWith("MMEDMAEmulator::CopyFrom range outside"));
+
+    // Against the direction: nothing moves, the error line names the call.
+    std::memset(inBase, 0, size);
+    tracecap::clearTrace();
+    in->CopyTo(inBase + 12, data.data(), 100);
+    EXPECT_TRUE(allAre(inBase, size));
+    std::fill(got.begin(), got.end(), 0x42);
+    out->CopyFrom(got.data(), outBase + 40, 16);
+    EXPECT_TRUE(allAre(got.data(), got.size(), 0x42));
+    auto low32 = [](const void* p) { return std::to_string(LONG(ULONG(ULONG_PTR(p)))); };
+    auto bodies = tracecap::traceBodies();
+    for (const std::string& expected :
+         {" ERROR DMA:CopyTo dest/src/count ON CAPTURE 12 " + low32(data.data()) + " 100",
+          " ERROR DMA:CopyFrom dest/src/count ON RENDER " + low32(got.data()) + " 40 16"})
+        EXPECT_NE(std::find(bodies.begin(), bodies.end(), expected), bodies.end())
+            << expected << "\n"
+            << tracecap::dumpTrace();
+}
+
+} // namespace

@@ -1,0 +1,280 @@
+// End to end through the client API, with the device side doing things: an
+// ASIO client taking the device and leaving (attach timer, timed start),
+// the USB driver refusing a configuration, exclusive inputs and a digital
+// lock from the profile, and the device removed while streams run.
+#include "support/E2eRig.h"
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace {
+
+using e2e::asPlayed;
+using e2e::Pump;
+using e2e::Rig;
+using e2e::traced;
+
+// ---- ASIO client ----
+
+// Periods of 256 frames at 48000 Hz in the attach timer's second.
+constexpr size_t kPeriodsPerSecond = 48000 / 256; // 187.5, rounded down
+
+TEST(Asio, StreamsPauseWhileItHoldsTheDeviceAndResumeThroughTheAttachTimer) {
+    Rig rig;
+    auto out = std::make_shared<usbsim::MemoryOutput>();
+    rig.model().setOutput(out);
+    auto render = rig.open(false, 48000, 2, 16);
+    auto capture = rig.open(true, 48000, 2, 16);
+    ASSERT_TRUE(render && capture);
+    const auto sent = e2e::noise(2 * 100 * 256, 16, 31);
+    Pump pump(rig, render.get(), e2e::pack(sent, 16), capture.get());
+    pump.feed();
+    ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    pump.periods(20);
+    ASSERT_EQ(render->positionFrames(), 20u * 256);
+
+    rig.model().asioAttach();
+    EXPECT_FALSE(rig.model().mmeAttached());
+    pump.periods(50);
+    EXPECT_EQ(render->positionFrames(), 20u * 256) << "no period reaches the driver";
+    EXPECT_EQ(capture->positionFrames(), 20u * 256);
+
+    rig.model().clearCalls();
+    rig.model().asioDetach();
+    size_t waited = 0;
+    while (render->positionFrames() == 20u * 256 && waited < 4 * kPeriodsPerSecond) {
+        pump.periods(1);
+        ++waited;
+    }
+    // One second after the ASIO client left: timed start, then attach at the
+    // next period, whose exchange moves the streams on.
+    EXPECT_GE(waited, kPeriodsPerSecond);
+    EXPECT_LE(waited, kPeriodsPerSecond + 3);
+    EXPECT_EQ(rig.model().callCount(USBCall_TimedStart), 1u);
+    EXPECT_GE(rig.model().callCount(USBCall_Attach), 1u);
+    EXPECT_TRUE(rig.model().mmeAttached());
+
+    pump.periods(100 + e2e::kRenderWriteAhead / 256);
+    EXPECT_EQ(render->counters().glitches, 0u);
+    EXPECT_EQ(capture->counters().overruns, 0u);
+    EXPECT_EQ(e2e::played(*out, 0, 2).sound, asPlayed(sent, 16))
+        << "the render stream went on where it stopped, nothing lost or repeated";
+}
+
+TEST(Asio, ReturningWithinTheSecondCancelsTheTimedStart) {
+    Rig rig;
+    auto render = rig.open(false, 48000, 2, 16);
+    ASSERT_TRUE(render);
+    Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 48000, 16, 2), 16), nullptr);
+    pump.feed();
+    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    pump.periods(5);
+    rig.model().asioAttach();
+    rig.model().asioDetach();
+    pump.periods(kPeriodsPerSecond / 2);
+    rig.model().asioAttach();
+    pump.periods(2 * kPeriodsPerSecond);
+    EXPECT_EQ(rig.model().callCount(USBCall_TimedStart), 0u);
+    EXPECT_EQ(render->positionFrames(), 5u * 256);
+
+    rig.model().asioDetach();
+    pump.periods(kPeriodsPerSecond + 4);
+    EXPECT_EQ(rig.model().callCount(USBCall_TimedStart), 1u);
+    EXPECT_GT(render->positionFrames(), 5u * 256);
+}
+
+// ---- The USB driver's own rules ----
+
+TEST(UsbDriver, ARefusedConfigurationFailsTheStartAndChangesNothing) {
+    auto profile = usbsim::DeviceProfile::builtInDefault();
+    usbsim::RefusalRule rule;
+    rule.fr = 96000;
+    rule.reason = "the clock does not lock at 96 kHz";
+    profile.accept.refuse.push_back(rule);
+    profile.accept.rates = {44100, 48000, 88200, 96000}; // 176400 and 192000 not at all
+    Rig rig(profile);
+    for (ULONG rate : {96000u, 192000u}) {
+        SCOPED_TRACE(rate);
+        auto render = rig.open(false, rate, 2, 16);
+        ASSERT_TRUE(render) << "the filter offers the rate; the USB driver decides at the start";
+        rig.model().clearCalls();
+        hostk::clearCaptured();
+        EXPECT_EQ(render->setState(KSSTATE_RUN), STATUS_INVALID_DEVICE_STATE);
+        EXPECT_EQ(render->state(), KSSTATE_PAUSE);
+        EXPECT_TRUE(traced("Configuration change was prevented by usb driver"));
+        auto calls = rig.model().calls();
+        auto change = std::find_if(calls.begin(), calls.end(),
+                                   [](const auto& c) { return c.code == USBCall_ChangeConfig; });
+        ASSERT_NE(change, calls.end());
+        EXPECT_EQ(change->answer, STATUS_NOT_SUPPORTED);
+        if (rate == 96000) {
+            EXPECT_NE(change->note.find(rule.reason), std::string::npos) << change->note;
+        }
+        EXPECT_EQ(rig.model().settings().current.fr, 48000u);
+        rig.model().runPeriods(4);
+        EXPECT_EQ(render->positionFrames(), 0u);
+        EXPECT_EQ(render->counters().glitches, 0u) << "a stream that never ran never glitched";
+    }
+    auto render = rig.open(false, 88200, 2, 16);
+    ASSERT_TRUE(render);
+    EXPECT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    EXPECT_EQ(rig.model().settings().current.fr, 88200u);
+}
+
+TEST(UsbDriver, ADigitalLockAllowsOnlyItsRate) {
+    Rig rig;
+    rig.model().setDigitalLock(44100);
+    hostk::clearCaptured();
+    NTSTATUS status = STATUS_SUCCESS;
+    EXPECT_EQ(rig.open(true, 48000, 2, 24, &status), nullptr);
+    EXPECT_EQ(status, STATUS_NOT_SUPPORTED);
+    EXPECT_TRUE(traced("samplerate not allowed requested/digital"));
+    auto capture = rig.open(true, 44100, 2, 24);
+    ASSERT_TRUE(capture);
+    EXPECT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    EXPECT_EQ(rig.model().settings().current.fr, 44100u);
+}
+
+TEST(UsbDriver, ExclusiveInputsOnAScheduleSilenceCaptureMeanwhile) {
+    auto profile = usbsim::DeviceProfile::builtInDefault();
+    profile.schedule = {{10, usbsim::EventKind::ExclusiveInputsOn, 0},
+                        {20, usbsim::EventKind::ExclusiveInputsOff, 0}};
+    Rig rig(profile);
+    rig.model().setInput(std::make_shared<usbsim::PatternInput>());
+    auto capture = rig.open(true, 48000, 2, 24);
+    ASSERT_TRUE(capture);
+    ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    Pump pump(rig, nullptr, {}, capture.get());
+    pump.periods(30);
+    const auto got = e2e::unpack(pump.captured, 24);
+    ASSERT_EQ(got.size(), 30u * 256 * 2);
+    size_t wrong = 0;
+    for (size_t f = 0; f < 30 * 256; ++f)
+        for (uint32_t c = 0; c < 2; ++c) {
+            const bool exclusive = f >= 10 * 256 && f < 20 * 256;
+            const int32_t want =
+                exclusive ? 0 : e2e::captureValue(usbsim::PatternInput::sample(f, c), 24);
+            wrong += got[f * 2 + c] != want;
+        }
+    EXPECT_EQ(wrong, 0u);
+    EXPECT_EQ(capture->positionFrames(), 30u * 256) << "the stream moves on through silence";
+    EXPECT_EQ(capture->counters().overruns, 0u);
+}
+
+// ---- Removal ----
+
+TEST(Removal, WhileStreamsRunEverythingIsReleased) {
+    Rig rig;
+    rig.model().setLoopback(512);
+    auto capture = rig.open(true, 48000, 2, 16);
+    auto render = rig.open(false, 48000, 2, 16);
+    ASSERT_TRUE(capture && render);
+    Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 20000, 16, 6), 16), capture.get());
+    pump.feed();
+    ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    pump.periods(20);
+    rig.model().runPeriods(1); // one period recorded, not yet read
+    ASSERT_EQ(capture->queuedFrames(), 256u);
+    const size_t objects = hostpc::liveObjects();
+
+    rig.harness.remove();
+    EXPECT_TRUE(hostk::assertReports().empty());
+    EXPECT_TRUE(hostk::verifierFailures().empty());
+    EXPECT_EQ(rig.model().callCount(USBCall_Unregister), 1u);
+    EXPECT_EQ(rig.model().link(), nullptr);
+    EXPECT_LT(hostpc::liveObjects(), objects) << "ports and the service group went";
+
+    for (hostpc::KsStream* s : {render.get(), capture.get()}) {
+        EXPECT_TRUE(s->removed());
+        EXPECT_EQ(s->state(), KSSTATE_STOP);
+        EXPECT_EQ(s->setState(KSSTATE_RUN), hostpc::kStatusDeviceRemoved);
+    }
+    EXPECT_EQ(render->write("\1\2\3\4", 1), 0u);
+    std::vector<uint8_t> rest(512 * 4);
+    EXPECT_EQ(capture->read(rest.data(), 512), 256u) << "what was recorded is still there";
+    const uint64_t calls = rig.model().exchangeCalls();
+    rig.model().runPeriods(5);
+    EXPECT_EQ(rig.model().exchangeCalls(), calls) << "no period reaches a removed driver";
+    EXPECT_TRUE(hostk::assertReports().empty());
+}
+
+TEST(Removal, WhileTheRealTimeClockRunsOnItsOwnThread) {
+    Rig rig;
+    rig.model().setLoopback(512);
+    auto capture = rig.open(true, 48000, 2, 16);
+    auto render = rig.open(false, 48000, 2, 16);
+    ASSERT_TRUE(capture && render);
+    const auto bytes = e2e::pack(e2e::noise(2 * 48000, 16, 12), 16);
+    render->write(bytes.data(), 48000);
+    ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    rig.model().startRealTime();
+    std::vector<uint8_t> chunk(4096 * 4);
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(120);
+    while (std::chrono::steady_clock::now() < until) {
+        capture->read(chunk.data(), 4096);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    EXPECT_GT(capture->positionFrames(), 0u) << "the clock thread moved audio";
+    rig.harness.remove(); // Unregister stops the clock
+    EXPECT_FALSE(rig.model().realTimeRunning());
+    EXPECT_TRUE(render->removed());
+    EXPECT_TRUE(capture->removed());
+    EXPECT_TRUE(hostk::assertReports().empty());
+    EXPECT_TRUE(hostk::verifierFailures().empty());
+}
+
+TEST(Removal, PinsOpenedWhileTheDeviceGoesAreClosedWithIt) {
+    for (int round = 0; round < 20; ++round) {
+        Rig rig;
+        std::atomic<bool> removed{false};
+        std::atomic<size_t> opened{0}, refused{0};
+        std::vector<std::unique_ptr<hostpc::KsStream>> kept;
+        std::thread opener([&] {
+            // Keeps opening render pins until well after the removal.
+            for (int after = 0; after < 5;) {
+                NTSTATUS status = STATUS_SUCCESS;
+                auto s = rig.open(false, 48000, 2, 16, &status);
+                if (s) {
+                    ++opened;
+                    kept.push_back(std::move(s)); // held past the removal
+                    kept.erase(kept.begin(), kept.end() - 1);
+                } else {
+                    ++refused;
+                }
+                if (removed)
+                    ++after;
+            }
+        });
+        std::this_thread::sleep_for(std::chrono::microseconds(50 * round));
+        rig.harness.remove();
+        removed = true;
+        opener.join();
+        EXPECT_GE(refused.load(), 5u) << "every open after the removal fails";
+        for (auto& s : kept)
+            EXPECT_TRUE(s->removed() || s->state() == KSSTATE_STOP);
+        EXPECT_EQ(rig.model().callCount(USBCall_Unregister), 1u)
+            << "no pin kept the driver alive past its removal";
+        kept.clear();
+        EXPECT_TRUE(hostk::assertReports().empty());
+    }
+}
+
+TEST(Removal, StreamsClosedBeforeRemovalLeaveNothingForIt) {
+    Rig rig;
+    {
+        auto render = rig.open(false, 48000, 2, 16);
+        ASSERT_TRUE(render);
+        ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+        rig.model().runPeriods(3);
+    }
+    EXPECT_EQ(rig.harness.wave()->renderStream(), nullptr);
+    rig.harness.remove();
+    EXPECT_EQ(rig.model().callCount(USBCall_Unregister), 1u);
+    EXPECT_TRUE(hostk::assertReports().empty());
+}
+
+} // namespace

@@ -1,0 +1,261 @@
+// The host wave-cyclic port as a kernel-streaming client meets it: how a pin
+// is created (NewStream, then SetNotificationFreq with 10 ms), how data
+// intersection is asked (the pin's ranges in order, size query first), what
+// the port refuses before the miniport sees it, allocation failures at any
+// point of opening, the client queue, and a filter whose device is gone.
+#include "support/E2eRig.h"
+
+#include "driver/wave/MMEWaveStream.h"
+
+#include <cstring>
+
+namespace {
+
+using e2e::Rig;
+using e2e::traced;
+using e2e::tracedAt;
+
+TEST(PinCreation, NewStreamThenTenMillisecondNotificationsThenItsFraming) {
+    Rig rig;
+    hostk::clearCaptured();
+    auto render = rig.open(false, 48000, 2, 16);
+    ASSERT_TRUE(render);
+    const size_t created = tracedAt("[exit MMEWave::NewStream]");
+    const size_t asked = tracedAt("MMEWaveStream::SetNotificationFreq interval:10 ");
+    ASSERT_NE(created, size_t(-1));
+    ASSERT_NE(asked, size_t(-1));
+    EXPECT_LT(created, asked);
+    EXPECT_EQ(render->framingBytes(), 256u * 4) << "one 256-frame period";
+    EXPECT_EQ(render->notificationMs(), 5u);
+    EXPECT_EQ(render->bufferBytes(), 4096u * 4) << "BufferSize(): 4096 frames";
+    EXPECT_EQ(render->leadFrames(), 512u);
+    EXPECT_EQ(render->state(), KSSTATE_STOP);
+    EXPECT_EQ(rig.harness.wave()->renderStream()->state(), KSSTATE_STOP);
+
+    render.reset();
+    hostpc::StreamOptions options;
+    options.leadFrames = 100000; // more than the buffer: one period less than it
+    render = rig.open(false, 48000, 2, 24, nullptr, options);
+    ASSERT_TRUE(render);
+    EXPECT_EQ(render->leadFrames(), 4096u - 256);
+    options.leadFrames = 1; // less than a period: one period
+    render.reset();
+    render = rig.open(false, 48000, 2, 24, nullptr, options);
+    ASSERT_TRUE(render);
+    EXPECT_EQ(render->leadFrames(), 256u);
+}
+
+TEST(PinCreation, ThePortRefusesWhatNoPinCanTake) {
+    Rig rig;
+    std::unique_ptr<hostpc::KsStream> stream;
+    const auto good = hostpc::pcmFormat(48000, 2, 16);
+    EXPECT_EQ(rig.filter->open(1, good, {}, &stream), STATUS_INVALID_DEVICE_REQUEST) << "bridge";
+    EXPECT_EQ(rig.filter->open(3, good, {}, &stream), STATUS_INVALID_DEVICE_REQUEST) << "bridge";
+    EXPECT_EQ(rig.filter->open(4, good, {}, &stream), STATUS_INVALID_PARAMETER) << "no pin 4";
+    std::vector<UCHAR> shortFormat(good.begin(), good.begin() + 70);
+    EXPECT_EQ(rig.filter->open(2, shortFormat, {}, &stream), STATUS_INVALID_PARAMETER);
+    auto lying = good;
+    reinterpret_cast<KSDATAFORMAT*>(lying.data())->FormatSize = ULONG(good.size() + 1);
+    EXPECT_EQ(rig.filter->open(2, lying, {}, &stream), STATUS_INVALID_PARAMETER);
+    auto noFrames = good;
+    reinterpret_cast<WAVEFORMATEX*>(noFrames.data() + sizeof(KSDATAFORMAT))->nBlockAlign = 0;
+    EXPECT_EQ(rig.filter->open(2, noFrames, {}, &stream), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(stream, nullptr);
+    EXPECT_EQ(rig.harness.wave()->renderStream(), nullptr) << "nothing reached NewStream";
+    EXPECT_EQ(rig.harness.wave()->captureStream(), nullptr);
+
+    hostpc::WaveFilter topology(hostpc::subdevice(rig.harness.fdo(), L"Topology"));
+    EXPECT_FALSE(topology.valid());
+    EXPECT_EQ(topology.open(0, good, {}, &stream), STATUS_INVALID_PARAMETER);
+}
+
+TEST(PinCreation, ASecondPinOfADirectionIsTheDriversRefusal) {
+    Rig rig;
+    auto first = rig.open(true, 48000, 2, 16);
+    ASSERT_TRUE(first);
+    ASSERT_EQ(first->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    hostk::clearCaptured();
+    NTSTATUS status = STATUS_SUCCESS;
+    EXPECT_EQ(rig.open(true, 48000, 2, 16, &status), nullptr);
+    EXPECT_EQ(status, STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_TRUE(traced("...try to allocate second capture channel"));
+    rig.model().runPeriods(3);
+    EXPECT_EQ(first->positionFrames(), 3u * 256) << "the first pin runs on";
+    EXPECT_EQ(first->queuedFrames(), 3u * 256);
+}
+
+TEST(PinCreation, AllocationFailuresAnywhereLeaveNothingBehind) {
+    Rig rig;
+    const size_t blocks = hostk::poolStats().liveBlocks;
+    size_t failures = 0;
+    for (size_t nth = 1; nth < 200; ++nth) {
+        hostk::failAllocation(nth);
+        NTSTATUS status = STATUS_SUCCESS;
+        auto render = rig.open(false, 48000, 2, 16, &status);
+        hostk::failAllocation(0);
+        if (render) {
+            EXPECT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+            rig.model().runPeriods(2);
+            EXPECT_EQ(render->positionFrames(), 2u * 256);
+            break;
+        }
+        ++failures;
+        EXPECT_FALSE(NT_SUCCESS(status)) << "allocation " << nth;
+        EXPECT_EQ(rig.harness.wave()->renderStream(), nullptr) << "allocation " << nth;
+        EXPECT_EQ(hostk::poolStats().liveBlocks, blocks) << "allocation " << nth;
+        hostk::clearAssertReports();
+    }
+    EXPECT_GE(failures, 2u) << "the port's pin and the driver's stream both allocate";
+}
+
+// ---- Data intersection ----
+
+TEST(Intersection, AsksTheSizeFirstThenGetsTheFormat) {
+    Rig rig;
+    hostk::clearCaptured();
+    std::vector<UCHAR> format;
+    ULONG index = 99;
+    ASSERT_EQ(rig.filter->intersect(hostpc::kWaveCapturePin,
+                                    hostpc::clientRange(2, 16, 32, 48000, 48000), &format, &index),
+              STATUS_SUCCESS);
+    EXPECT_EQ(index, 1u) << "the 44100 Hz range came first and did not meet the client's";
+    const size_t sizeAnswer = tracedAt("...!OutputBufferLength");
+    const size_t success = tracedAt("datarangeintersection STATUS_SUCCESS");
+    ASSERT_NE(sizeAnswer, size_t(-1));
+    ASSERT_NE(success, size_t(-1));
+    EXPECT_LT(sizeAnswer, success);
+
+    ASSERT_EQ(format.size(), sizeof(KSDATAFORMAT_WAVEFORMATEXTENSIBLE));
+    KSDATAFORMAT_WAVEFORMATEXTENSIBLE f;
+    std::memcpy(&f, format.data(), sizeof f);
+    EXPECT_EQ(f.DataFormat.FormatSize, sizeof f);
+    EXPECT_TRUE(IsEqualGUID(f.DataFormat.MajorFormat, KSDATAFORMAT_TYPE_AUDIO));
+    EXPECT_EQ(f.WaveFormatExt.Format.wFormatTag, WAVE_FORMAT_EXTENSIBLE);
+    EXPECT_EQ(f.WaveFormatExt.Format.nChannels, 2u);
+    EXPECT_EQ(f.WaveFormatExt.Format.nSamplesPerSec, 48000u);
+    EXPECT_EQ(f.WaveFormatExt.Format.wBitsPerSample, 24u);
+    EXPECT_EQ(f.WaveFormatExt.Format.nBlockAlign, 6u);
+    EXPECT_EQ(f.WaveFormatExt.dwChannelMask, 0x3u);
+
+    // What the port was offered opens as it is. Its SampleSize is 0, so the
+    // stream names no framing; the port plans by the 5 ms interval (+1 ms).
+    EXPECT_EQ(f.DataFormat.SampleSize, 0u);
+    std::unique_ptr<hostpc::KsStream> stream;
+    EXPECT_EQ(rig.filter->open(hostpc::kWaveCapturePin, format, {}, &stream), STATUS_SUCCESS);
+    ASSERT_TRUE(stream);
+    EXPECT_EQ(stream->notificationMs(), 5u);
+    EXPECT_EQ(stream->framingBytes(), 288u * 6);
+    EXPECT_EQ(stream->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    rig.model().runPeriods(4);
+    EXPECT_EQ(stream->queuedFrames(), 4u * 256);
+    EXPECT_EQ(stream->counters().overruns, 0u);
+}
+
+TEST(Intersection, WhatItOffersRendersWithoutGlitches) {
+    Rig rig;
+    std::vector<UCHAR> format;
+    ASSERT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin,
+                                    hostpc::clientRange(2, 16, 16, 96000, 96000), &format),
+              STATUS_SUCCESS);
+    std::unique_ptr<hostpc::KsStream> render;
+    ASSERT_EQ(rig.filter->open(hostpc::kWaveRenderPin, format, {}, &render), STATUS_SUCCESS);
+    e2e::Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 30000, 16, 1), 16), nullptr);
+    pump.feed();
+    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    pump.periods(100);
+    EXPECT_EQ(render->counters().glitches, 0u);
+    EXPECT_EQ(render->positionFrames(), 100u * 256);
+}
+
+TEST(Intersection, NoFormatWhereTheRangesDoNotMeet) {
+    Rig rig;
+    std::vector<UCHAR> format(5, 1);
+    const auto stereo = hostpc::clientRange(2, 16, 24, 44100, 192000);
+    EXPECT_EQ(rig.filter->intersect(1, stereo, &format), STATUS_NO_MATCH) << "bridge pin";
+    EXPECT_TRUE(format.empty());
+    EXPECT_EQ(rig.filter->intersect(9, stereo, &format), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(rig.filter->intersect(2, hostpc::clientRange(1, 16, 24, 44100, 192000), &format),
+              STATUS_NO_MATCH)
+        << "mono is never offered";
+    EXPECT_EQ(rig.filter->intersect(2, hostpc::clientRange(2, 8, 8, 44100, 192000), &format),
+              STATUS_NO_MATCH);
+    EXPECT_EQ(rig.filter->intersect(2, hostpc::clientRange(2, 16, 24, 8000, 22050), &format),
+              STATUS_NO_MATCH);
+    KSDATARANGE_AUDIO notPcm = stereo;
+    notPcm.DataRange.SubFormat = KSDATAFORMAT_TYPE_AUDIO;
+    EXPECT_EQ(rig.filter->intersect(2, notPcm, &format), STATUS_NO_MATCH);
+    EXPECT_EQ(rig.filter->intersect(2, stereo, nullptr), STATUS_INVALID_PARAMETER);
+}
+
+TEST(Intersection, PinsDescribeTheStreamingAndBridgePins) {
+    Rig rig;
+    const auto pins = rig.filter->pins();
+    ASSERT_EQ(pins.size(), 4u);
+    EXPECT_TRUE(pins[0].streaming && pins[0].capture);
+    EXPECT_FALSE(pins[1].streaming);
+    EXPECT_TRUE(pins[2].streaming && !pins[2].capture);
+    EXPECT_FALSE(pins[3].streaming);
+    EXPECT_TRUE(pins[1].ranges.empty()) << "a bridge pin's range is analog, not PCM";
+    ASSERT_EQ(pins[2].ranges.size(), 6u);
+    const ULONG rates[] = {44100, 48000, 88200, 96000, 176400, 192000};
+    for (size_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(pins[2].ranges[i].MinimumSampleFrequency, rates[i]);
+        EXPECT_EQ(pins[2].ranges[i].MaximumSampleFrequency, rates[i]);
+        EXPECT_EQ(pins[2].ranges[i].MaximumChannels, 8u);
+    }
+}
+
+// ---- Client queue ----
+
+TEST(ClientQueue, KeepsOrderAcrossTheWrapAndMapsContiguousPieces) {
+    hostpc::ByteQueue q(10);
+    const char text[] = "abcdefghijklmnop";
+    EXPECT_EQ(q.put(text, 7), 7u);
+    char out[16] = {};
+    EXPECT_EQ(q.get(out, 5), 5u);
+    EXPECT_EQ(std::string(out, 5), "abcde");
+    EXPECT_EQ(q.put(text + 7, 9), 8u) << "room for eight";
+    EXPECT_EQ(q.room(), 0u);
+
+    const UCHAR* piece = nullptr;
+    hostpc::RenderSource& source = q;
+    EXPECT_EQ(source.map(&piece, 100), 5u) << "up to the end of the storage";
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(piece), 5), "fghij");
+    source.release(5);
+    EXPECT_EQ(source.map(&piece, 100), 5u);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(piece), 5), "klmno");
+    source.release(50); // no more than is there
+    EXPECT_EQ(q.used(), 0u);
+
+    hostpc::CaptureSink& sink = q;
+    UCHAR* room = nullptr;
+    EXPECT_EQ(sink.map(&room, 100), 5u) << "room to the end of the storage first";
+    std::memcpy(room, "12345", 5);
+    sink.commit(5);
+    EXPECT_EQ(sink.map(&room, 3), 3u);
+    std::memcpy(room, "678", 3);
+    sink.commit(3);
+    EXPECT_EQ(q.get(out, 16), 8u);
+    EXPECT_EQ(std::string(out, 8), "12345678");
+    q.put(text, 4);
+    q.clear();
+    EXPECT_EQ(q.used(), 0u);
+}
+
+// ---- A filter whose device is gone ----
+
+TEST(RemovedFilter, AnswersThatTheDeviceIsGone) {
+    Rig rig;
+    ASSERT_EQ(rig.filter->pins().size(), 4u);
+    rig.harness.remove();
+    EXPECT_TRUE(rig.filter->valid()) << "the client's handle stays";
+    EXPECT_TRUE(rig.filter->pins().empty());
+    std::vector<UCHAR> format;
+    EXPECT_EQ(rig.filter->intersect(2, hostpc::clientRange(2, 16, 24, 48000, 48000), &format),
+              hostpc::kStatusDeviceRemoved);
+    std::unique_ptr<hostpc::KsStream> stream;
+    EXPECT_EQ(rig.filter->open(2, hostpc::pcmFormat(48000, 2, 16), {}, &stream),
+              hostpc::kStatusDeviceRemoved);
+}
+
+} // namespace

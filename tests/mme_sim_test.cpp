@@ -1,0 +1,446 @@
+// mme-sim as its users run it: the binary itself in a scratch directory,
+// with real WAV files. The demo's report, play's device-side WAV against the
+// conversion rules, record from a file and from a generator, the formats
+// table and validation, the trace switches, progress on a terminal and off
+// it, and every error: one line on stderr, a non-zero status, nothing
+// half-written left behind.
+#include "usbsim/Profile.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sndfile.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
+#include <pty.h>
+#include <set>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+std::string makeTempDir() {
+    char pattern[] = "/tmp/mme_sim_test.XXXXXX";
+    const char* dir = ::mkdtemp(pattern);
+    return dir ? dir : "";
+}
+
+void removeTree(const std::string& path) {
+    if (DIR* d = ::opendir(path.c_str())) {
+        while (dirent* e = ::readdir(d)) {
+            const std::string name = e->d_name;
+            if (name != "." && name != "..")
+                removeTree(path + "/" + name);
+        }
+        ::closedir(d);
+        ::rmdir(path.c_str());
+    } else {
+        ::unlink(path.c_str());
+    }
+}
+
+std::set<std::string> listDir(const std::string& path) {
+    std::set<std::string> names;
+    if (DIR* d = ::opendir(path.c_str())) {
+        while (dirent* e = ::readdir(d)) {
+            const std::string name = e->d_name;
+            if (name != "." && name != "..")
+                names.insert(name);
+        }
+        ::closedir(d);
+    }
+    return names;
+}
+
+std::string slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+size_t lineCount(const std::string& text) {
+    return size_t(std::count(text.begin(), text.end(), '\n'));
+}
+
+struct Result {
+    int code = -1;
+    std::string out, err;
+};
+
+std::vector<char*> argvOf(std::vector<std::string>& args) {
+    std::vector<char*> argv;
+    for (auto& a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    return argv;
+}
+
+// A scratch directory the program runs in; its output is captured apart.
+class MmeSim : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir = makeTempDir();
+        io = makeTempDir();
+        ASSERT_FALSE(dir.empty());
+        ASSERT_FALSE(io.empty());
+    }
+    void TearDown() override {
+        removeTree(dir);
+        removeTree(io);
+    }
+
+    Result run(std::vector<std::string> args) {
+        args.insert(args.begin(), MME_SIM_PATH);
+        const std::string outPath = io + "/stdout", errPath = io + "/stderr";
+        pid_t pid = ::fork();
+        if (pid == 0) {
+            if (::chdir(dir.c_str()) != 0)
+                ::_exit(126);
+            int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            ::dup2(out, 1);
+            ::dup2(err, 2);
+            auto argv = argvOf(args);
+            ::execv(argv[0], argv.data());
+            ::_exit(127);
+        }
+        Result r;
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        r.out = slurp(outPath);
+        r.err = slurp(errPath);
+        return r;
+    }
+
+    std::string path(const std::string& name) const { return dir + "/" + name; }
+
+    // A one-line error on stderr and nothing on it but that.
+    static void expectOneLineError(const Result& r, int code, const std::string& text) {
+        EXPECT_EQ(r.code, code) << r.err;
+        EXPECT_EQ(lineCount(r.err), 1u) << r.err;
+        EXPECT_EQ(r.err.rfind("mme-sim: error: ", 0), 0u) << r.err;
+        EXPECT_NE(r.err.find(text), std::string::npos) << r.err;
+    }
+
+    std::string dir, io;
+};
+
+// Left-justified 32-bit samples of a `bits`-bit signal (what sf_readf_int
+// hands out), never zero.
+std::vector<int> noise(size_t count, unsigned bits, uint32_t seed) {
+    std::vector<int> out(count);
+    uint32_t x = seed * 2654435761u + 7;
+    for (auto& s : out) {
+        x = x * 1664525u + 1013904223u;
+        uint32_t v = x & ~((1u << (32 - bits)) - 1);
+        s = int(v ? v : 1u << (32 - bits));
+    }
+    return out;
+}
+
+bool writeWav(const std::string& file, int rate, int channels, int subtype,
+              const std::vector<int>& samples) {
+    SF_INFO info{};
+    info.samplerate = rate;
+    info.channels = channels;
+    info.format = SF_FORMAT_WAV | subtype;
+    SNDFILE* f = sf_open(file.c_str(), SFM_WRITE, &info);
+    if (!f)
+        return false;
+    const sf_count_t frames = sf_count_t(samples.size() / size_t(channels));
+    const bool ok = sf_writef_int(f, samples.data(), frames) == frames;
+    return sf_close(f) == 0 && ok;
+}
+
+struct Wav {
+    SF_INFO info{};
+    std::vector<int> samples;
+};
+Wav readWav(const std::string& file) {
+    Wav w;
+    SNDFILE* f = sf_open(file.c_str(), SFM_READ, &w.info);
+    if (!f)
+        return w;
+    w.samples.resize(size_t(w.info.frames) * size_t(w.info.channels));
+    sf_readf_int(f, w.samples.data(), w.info.frames);
+    sf_close(f);
+    return w;
+}
+
+void writeProfile(const std::string& file, const usbsim::DeviceProfile& profile) {
+    std::ofstream(file) << profile.toJson().dump(2);
+}
+
+// ---- The demo ----
+
+TEST_F(MmeSim, DemoPrintsTheFormatsAndABitExactLoopback) {
+    Result r = run({});
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    for (const char* text :
+         {"Capture pin 0 offers:", "Render pin 2 offers:",
+          "  48000        8 (or 2/4/6)         16, 24",
+          "for a stereo client (2 channels, 16-32 bits, 48000 Hz): 48000 Hz, 2 channels, 24-bit",
+          "  periods moved  render ", "  glitches       0 render, 0 capture overruns",
+          "  latency        2212 frames = 46.08 ms at 48000 Hz", "measured 2212 frames",
+          "  result         PASS: bit-exact", "  teardown       device removed"})
+        EXPECT_NE(r.out.find(text), std::string::npos) << text << "\n" << r.out;
+    // stdout is a file here: progress as plain lines, no bar, no driver trace.
+    EXPECT_NE(r.out.find("loopback: 1.0 of 2.0 s\n"), std::string::npos);
+    EXPECT_EQ(r.out.find('\r'), std::string::npos);
+    EXPECT_EQ(r.out.find("MME: ("), std::string::npos);
+    EXPECT_EQ(listDir(dir).size(), 0u) << "the demo writes no file";
+}
+
+TEST_F(MmeSim, LoopbackAtOtherFormatsIsBitExactToo) {
+    for (const char* format : {"44100/2/16", "96000/2/24", "192000/4/16"}) {
+        Result r = run({"loopback", "--format", format, "--seconds", "0.5"});
+        EXPECT_EQ(r.code, 0) << format << ": " << r.err;
+        EXPECT_NE(r.out.find("PASS: bit-exact"), std::string::npos) << format << "\n" << r.out;
+    }
+}
+
+TEST_F(MmeSim, TheDriverTraceGoesOnlyWhereItIsAskedFor) {
+    Result quiet = run({"--seconds", "0.5"});
+    EXPECT_EQ(quiet.out.find("MME: ("), std::string::npos);
+    EXPECT_EQ(quiet.err.find("MME: ("), std::string::npos);
+
+    Result traced = run({"--seconds", "0.5", "--trace", "trace.txt"});
+    EXPECT_EQ(traced.code, 0);
+    const std::string trace = slurp(path("trace.txt"));
+    EXPECT_NE(trace.find("MME: ("), std::string::npos);
+    EXPECT_NE(trace.find("MMEWave::NewStream"), std::string::npos);
+    EXPECT_NE(trace.find("MMEWaveStream::SetNotificationFreq interval:10"), std::string::npos);
+    EXPECT_EQ(traced.out.find("MME: ("), std::string::npos);
+
+    Result verbose = run({"--seconds", "0.5", "--verbose"});
+    EXPECT_EQ(verbose.code, 0);
+    EXPECT_NE(verbose.err.find("MMEWave::NewStream"), std::string::npos);
+}
+
+TEST_F(MmeSim, ProgressIsABarOnATerminal) {
+    int master = -1;
+    pid_t pid = ::forkpty(&master, nullptr, nullptr, nullptr);
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        std::vector<std::string> args = {MME_SIM_PATH, "loopback", "--seconds", "2"};
+        auto argv = argvOf(args);
+        ::execv(argv[0], argv.data());
+        ::_exit(127);
+    }
+    std::string text;
+    char buffer[4096];
+    ssize_t n;
+    while ((n = ::read(master, buffer, sizeof buffer)) > 0)
+        text.append(buffer, size_t(n));
+    ::close(master);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << text;
+    EXPECT_NE(text.find("\rloopback [##############################]"), std::string::npos) << text;
+    EXPECT_EQ(text.find("loopback: 1.0 of"), std::string::npos) << "no plain lines on a terminal";
+}
+
+// ---- play ----
+
+TEST_F(MmeSim, PlayWritesWhatReachesTheDeviceByTheConversionRules) {
+    for (int bits : {16, 24}) {
+        SCOPED_TRACE(std::to_string(bits) + "-bit file");
+        const size_t frames = 30000;
+        const auto sent = noise(frames * 2, unsigned(bits), unsigned(bits));
+        ASSERT_TRUE(writeWav(path("in.wav"), 44100, 2,
+                             bits == 16 ? SF_FORMAT_PCM_16 : SF_FORMAT_PCM_24, sent));
+        Result r = run({"play", "in.wav", "--out", "device.wav"});
+        ASSERT_EQ(r.code, 0) << r.err;
+        EXPECT_NE(r.out.find("  played         30000 frames"), std::string::npos) << r.out;
+        EXPECT_NE(r.out.find("  glitches       0\n"), std::string::npos) << r.out;
+
+        Wav device = readWav(path("device.wav"));
+        EXPECT_EQ(device.info.samplerate, 44100) << "the hardware followed the stream's rate";
+        EXPECT_EQ(device.info.channels, 8);
+        EXPECT_EQ(device.info.format & SF_FORMAT_SUBMASK, SF_FORMAT_PCM_24);
+        ASSERT_EQ(device.info.frames, sf_count_t(frames));
+        // The render ring holds s x 256 for 16 bits and s for 24; either way
+        // the device's 24-bit sample, left-justified, is the file's sample.
+        size_t wrong = 0;
+        for (size_t f = 0; f < frames; ++f)
+            for (size_t c = 0; c < 8; ++c)
+                wrong += device.samples[f * 8 + c] != (c < 2 ? sent[f * 2 + c] : 0);
+        EXPECT_EQ(wrong, 0u);
+        EXPECT_EQ(listDir(dir), (std::set<std::string>{"device.wav", "in.wav"}));
+        ::unlink(path("device.wav").c_str());
+    }
+}
+
+TEST_F(MmeSim, PlayWithoutOutPlaysAndWritesNothing) {
+    ASSERT_TRUE(writeWav(path("in.wav"), 48000, 2, SF_FORMAT_PCM_16, noise(2 * 3000, 16, 1)));
+    Result r = run({"play", "in.wav"});
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.out.find("  played         3000 frames"), std::string::npos) << r.out;
+    EXPECT_EQ(listDir(dir), (std::set<std::string>{"in.wav"}));
+}
+
+// ---- record ----
+
+TEST_F(MmeSim, RecordFromAFileGivesBackWhatTheDeviceHeard) {
+    const auto input = noise(2 * 48000, 24, 5);
+    ASSERT_TRUE(writeWav(path("in.wav"), 48000, 2, SF_FORMAT_PCM_24, input));
+    for (int bits : {24, 16}) {
+        SCOPED_TRACE(std::to_string(bits) + "-bit stream");
+        Result r = run({"record", "out.wav", "--seconds", "0.5", "--input", "in.wav", "--format",
+                        "48000/2/" + std::to_string(bits)});
+        ASSERT_EQ(r.code, 0) << r.err;
+        Wav out = readWav(path("out.wav"));
+        EXPECT_EQ(out.info.samplerate, 48000);
+        EXPECT_EQ(out.info.channels, 2);
+        ASSERT_EQ(out.info.frames, 24000);
+        // Capture keeps the top bits of the device's samples.
+        const int mask = bits == 24 ? int(0xFFFFFF00u) : int(0xFFFF0000u);
+        size_t wrong = 0;
+        for (size_t i = 0; i < 24000 * 2; ++i)
+            wrong += out.samples[i] != (input[i] & mask);
+        EXPECT_EQ(wrong, 0u);
+    }
+}
+
+TEST_F(MmeSim, RecordFromAGeneratorForTheSecondsAsked) {
+    Result r = run({"record", "sine.wav", "--seconds", "1.5", "--generator", "sine:1000:0.25"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.out.find("record: 1.0 of 1.5 s"), std::string::npos) << r.out;
+    Wav out = readWav(path("sine.wav"));
+    ASSERT_EQ(out.info.frames, 72000) << "1.5 s at the hardware's 48000 Hz";
+    EXPECT_EQ(out.info.channels, 2);
+    EXPECT_EQ(out.info.format & SF_FORMAT_SUBMASK, SF_FORMAT_PCM_24);
+    int peak = 0;
+    for (int s : out.samples)
+        peak = std::max(peak, std::abs(s / 256));
+    EXPECT_NEAR(double(peak) / 8388607.0, 0.25, 0.005);
+}
+
+// ---- formats ----
+
+TEST_F(MmeSim, FormatsShowsThePinsAndValidatesAFormat) {
+    Result table = run({"formats"});
+    EXPECT_EQ(table.code, 0);
+    EXPECT_NE(table.out.find("  192000       8 (or 2/4/6)         16, 24"), std::string::npos)
+        << table.out;
+
+    Result accepted = run({"formats", "--format", "96000/2/24"});
+    EXPECT_EQ(accepted.code, 0) << accepted.err;
+    EXPECT_NE(accepted.out.find("  capture  accepted\n  render   accepted"), std::string::npos)
+        << accepted.out;
+
+    Result refused = run({"formats", "--format", "48000/2/32"});
+    expectOneLineError(refused, 1, "the driver refuses 48000/2/32");
+    EXPECT_NE(refused.out.find("capture  refused when opened: STATUS_NOT_SUPPORTED: "
+                               "\"pinSupportsSettingEx returned false (less channels)\""),
+              std::string::npos)
+        << refused.out;
+
+    auto locked = usbsim::DeviceProfile::builtInDefault();
+    locked.digitalLockHz = 44100;
+    locked.hardware.fr = 44100;
+    writeProfile(path("locked.json"), locked);
+    Result digital = run({"formats", "--device", "locked.json", "--format", "48000/2/24"});
+    EXPECT_EQ(digital.code, 1);
+    EXPECT_NE(digital.out.find("digital input locked at 44100 Hz"), std::string::npos);
+    EXPECT_NE(digital.out.find("samplerate not allowed requested/digital"), std::string::npos)
+        << digital.out;
+}
+
+// ---- Errors ----
+
+TEST_F(MmeSim, FilesThatCannotBePlayedAreRefusedOnOneLine) {
+    expectOneLineError(run({"play", "missing.wav"}), 1, "missing.wav: no such file");
+    ::mkdir(path("folder.wav").c_str(), 0755);
+    expectOneLineError(run({"play", "folder.wav"}), 1, "folder.wav: is a directory");
+    std::ofstream(path("notes.wav")) << "not audio at all\n";
+    expectOneLineError(run({"play", "notes.wav"}), 1, "not a sound file");
+    ASSERT_TRUE(writeWav(path("u8.wav"), 48000, 2, SF_FORMAT_PCM_U8, noise(200, 8, 1)));
+    expectOneLineError(run({"play", "u8.wav"}), 1, "unsupported WAV: 8-bit unsigned PCM");
+    ASSERT_TRUE(writeWav(path("float.wav"), 48000, 2, SF_FORMAT_FLOAT, noise(200, 16, 1)));
+    expectOneLineError(run({"play", "float.wav", "--out", "x.wav"}), 1,
+                       "unsupported WAV: 32-bit float");
+    if (::geteuid() != 0) { // root reads whatever the mode says
+        ASSERT_TRUE(writeWav(path("locked.wav"), 48000, 2, SF_FORMAT_PCM_16, noise(200, 16, 1)));
+        ::chmod(path("locked.wav").c_str(), 0);
+        expectOneLineError(run({"play", "locked.wav"}), 1, "locked.wav: cannot be read");
+    }
+    EXPECT_EQ(listDir(dir).count("x.wav"), 0u);
+    EXPECT_EQ(listDir(dir).count("x.wav.part"), 0u);
+}
+
+TEST_F(MmeSim, RefusedFormatsCarryTheDriversReasonAndLeaveNoFile) {
+    ASSERT_TRUE(writeWav(path("mono.wav"), 48000, 1, SF_FORMAT_PCM_16, noise(4800, 16, 2)));
+    Result mono = run({"play", "mono.wav", "--out", "device.wav"});
+    expectOneLineError(mono, 1,
+                       "the driver refused render at 48000/1/16: STATUS_NOT_SUPPORTED: "
+                       "\"pinSupportsSettingEx returned false (less channels)\"");
+
+    expectOneLineError(run({"loopback", "--format", "48000/3/16"}), 1,
+                       "the driver refused capture at 48000/3/16: STATUS_NOT_SUPPORTED");
+
+    Result record = run({"record", "rec.wav", "--seconds", "1", "--format", "22050/2/16"});
+    expectOneLineError(record, 1, "the driver refused capture at 22050/2/16");
+
+    // The USB driver's own refusal, with its reason from the profile.
+    auto profile = usbsim::DeviceProfile::builtInDefault();
+    usbsim::RefusalRule rule;
+    rule.fr = 96000;
+    rule.reason = "the clock does not lock at 96 kHz";
+    profile.accept.refuse.push_back(rule);
+    writeProfile(path("refuse96.json"), profile);
+    ASSERT_TRUE(writeWav(path("hi.wav"), 96000, 2, SF_FORMAT_PCM_16, noise(2 * 9600, 16, 3)));
+    Result usb = run({"play", "hi.wav", "--device", "refuse96.json", "--out", "device.wav"});
+    expectOneLineError(usb, 1, "the driver refused to start render at 96000/2/16");
+    EXPECT_NE(usb.err.find("(USB driver: the clock does not lock at 96 kHz"), std::string::npos)
+        << usb.err;
+
+    for (const std::string& name : listDir(dir))
+        EXPECT_TRUE(name.find("device.wav") == std::string::npos &&
+                    name.find("rec.wav") == std::string::npos)
+            << "left behind: " << name;
+}
+
+TEST_F(MmeSim, BadProfilesAreNamedByTheirField) {
+    nlohmann::json j = usbsim::DeviceProfile::builtInDefault().toJson();
+    j["hardware"]["fr"] = "fast";
+    std::ofstream(path("bad.json")) << j.dump();
+    expectOneLineError(run({"--device", "bad.json"}), 1, "bad profile: hardware.fr:");
+    j = usbsim::DeviceProfile::builtInDefault().toJson();
+    j["hardwear"] = j["hardware"];
+    std::ofstream(path("typo.json")) << j.dump();
+    expectOneLineError(run({"formats", "--device", "typo.json"}), 1, "hardwear");
+    expectOneLineError(run({"--device", "absent.json"}), 1, "cannot open the profile file");
+}
+
+TEST_F(MmeSim, CommandLineMistakesAndUnwritablePlaces) {
+    expectOneLineError(run({"--format", "48000/2"}), 2, "use rate/channels/bits");
+    expectOneLineError(run({"loopback", "--format", "48000/2/20"}), 2, "16-, 24- or 32-bit PCM");
+    expectOneLineError(run({"--seconds", "-1"}), 2, "--seconds");
+    expectOneLineError(run({"dance"}), 2, "dance");
+    expectOneLineError(run({"record", "r.wav", "--generator", "noise"}), 2, "--generator");
+    expectOneLineError(run({"record", "no/such/dir/r.wav", "--seconds", "0.5"}), 1,
+                       "no/such/dir/r.wav: cannot be written");
+    ASSERT_TRUE(writeWav(path("in.wav"), 44100, 2, SF_FORMAT_PCM_16, noise(2000, 16, 4)));
+    expectOneLineError(run({"play", "in.wav", "--format", "48000/2/24"}), 1,
+                       "does not match in.wav (44100/2/16)");
+    EXPECT_EQ(listDir(dir), (std::set<std::string>{"in.wav"}));
+
+    Result help = run({"--help"});
+    EXPECT_EQ(help.code, 0);
+    EXPECT_NE(help.out.find("--trace"), std::string::npos);
+    EXPECT_NE(help.out.find("Exit status"), std::string::npos);
+}
+
+} // namespace

@@ -1,0 +1,191 @@
+// Reference-counted objects and pool allocation: AddRef/Release counting and
+// deletion through the most derived destructor, the counter itself, the
+// zero-filling object allocation, the sized allocation that does not clear,
+// null frees and allocation failure.
+#include "driver/common/MMEUnknown.h"
+#include "host/kernel/HostKernel.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr ULONG kNoneTag = 0x656E6F4E; // 'None', the tag of untagged ExAllocatePool
+
+struct Counters {
+    std::atomic<int> constructed{0};
+    std::atomic<int> destroyed{0};
+    std::atomic<bool> blockLiveInDestructor{false};
+};
+
+class Probe : public MMEUnknown {
+public:
+    explicit Probe(Counters* counters) : mCounters(counters) { ++mCounters->constructed; }
+    ~Probe() override {
+        // The class destructor runs before the memory goes back.
+        mCounters->blockLiveInDestructor =
+            hostk::poolBlockInfo(static_cast<void*>(this), nullptr, nullptr);
+        ++mCounters->destroyed;
+    }
+    char payload[40];
+
+private:
+    Counters* mCounters;
+};
+
+// A constructor that sets nothing: every field is what the allocation left.
+struct Untouched : MMEPoolObject {
+    Untouched() {}
+    int number;
+    void* pointer;
+    unsigned char bytes[61];
+};
+
+TEST(RefCounting, NewObjectStartsAtZeroAndOnlyTheLastReleaseDeletesIt) {
+    Counters counters;
+    const size_t blocksBefore = hostk::poolStats().liveBlocks;
+    Probe* probe = new Probe(&counters);
+    ASSERT_NE(probe, nullptr);
+    EXPECT_EQ(probe->referenceCount(), 0);
+    EXPECT_EQ(hostk::poolStats().liveBlocks, blocksBefore + 1);
+
+    EXPECT_EQ(probe->AddRef(), 1u);
+    EXPECT_EQ(probe->AddRef(), 2u);
+    EXPECT_EQ(probe->Release(), 1u);
+    EXPECT_EQ(counters.destroyed, 0);
+    EXPECT_EQ(probe->referenceCount(), 1);
+    std::memset(probe->payload, 0x11, sizeof probe->payload); // still ours to use
+    EXPECT_EQ(probe->Release(), 0u);
+    EXPECT_EQ(counters.constructed, 1);
+    EXPECT_EQ(counters.destroyed, 1);
+    EXPECT_TRUE(counters.blockLiveInDestructor);
+    EXPECT_EQ(hostk::poolStats().liveBlocks, blocksBefore);
+
+    MMERefCounter counter; // the bare counter goes through zero
+    EXPECT_EQ(counter.increment(), 1);
+    EXPECT_EQ(counter.decrement(), 0);
+    EXPECT_EQ(counter.decrement(), -1);
+    EXPECT_EQ(counter.value(), -1);
+}
+
+// (Classes with an interface before MMEUnknown, counting through it and
+// deleted whole by its last Release: the adapter and the miniports, in
+// adapter_test and every test that ends clean.)
+
+TEST(ObjectsConcurrency, ParallelAddRefReleaseKeepsTheCountAndDeletesOnce) {
+    Counters counters;
+    Probe* probe = new Probe(&counters);
+    probe->AddRef();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 6; ++t)
+        threads.emplace_back([probe] {
+            for (int i = 0; i < 20000; ++i) {
+                probe->AddRef();
+                probe->Release();
+            }
+        });
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(probe->referenceCount(), 1);
+    EXPECT_EQ(counters.destroyed, 0);
+
+    // Holders letting go at once while the creator keeps its reference.
+    // (Release re-reads the count after its decrement, so the final Release
+    // must not race with another one.)
+    constexpr int kHolders = 8;
+    for (int i = 0; i < kHolders; ++i)
+        probe->AddRef();
+    threads.clear();
+    for (int t = 0; t < kHolders; ++t)
+        threads.emplace_back([probe] { EXPECT_GE(probe->Release(), 1u); });
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(probe->referenceCount(), 1);
+    EXPECT_EQ(counters.destroyed, 0);
+    EXPECT_EQ(probe->Release(), 0u);
+    EXPECT_EQ(counters.destroyed, 1);
+}
+
+TEST(ObjectAllocation, FieldsTheConstructorLeavesAloneReadZero) {
+    // Dirty the pool first so that zeros cannot come from fresh memory.
+    for (int i = 0; i < 8; ++i) {
+        void* dirty = MMEAllocate(sizeof(Untouched));
+        ASSERT_NE(dirty, nullptr);
+        std::memset(dirty, 0xEE, sizeof(Untouched));
+        MMEFree(dirty, sizeof(Untouched));
+    }
+    Untouched* object = new Untouched;
+    ASSERT_NE(object, nullptr);
+    EXPECT_EQ(object->number, 0);
+    EXPECT_EQ(object->pointer, nullptr);
+    for (unsigned char b : object->bytes)
+        ASSERT_EQ(b, 0);
+    delete object;
+
+    auto* raw = static_cast<unsigned char*>(MMEAllocateObject(333));
+    ASSERT_NE(raw, nullptr);
+    for (int i = 0; i < 333; ++i)
+        ASSERT_EQ(raw[i], 0) << i;
+    MMEFreeObject(raw);
+
+    // Zero bytes give one zeroed byte.
+    raw = static_cast<unsigned char*>(MMEAllocateObject(0));
+    ASSERT_NE(raw, nullptr);
+    size_t size = 0;
+    ASSERT_TRUE(hostk::poolBlockInfo(raw, nullptr, &size));
+    EXPECT_EQ(size, 1u);
+    EXPECT_EQ(raw[0], 0);
+    MMEFreeObject(raw);
+}
+
+TEST(ObjectAllocation, SizedAllocationIsNotClearedAndComesFromNonPagedPool) {
+    hostk::runAtDispatch([] {
+        // Non-paged, so allowed at dispatch level.
+        auto* buffer = static_cast<unsigned char*>(MMEAllocate(64));
+        ASSERT_NE(buffer, nullptr);
+        size_t size = 0;
+        ULONG tag = 0;
+        ASSERT_TRUE(hostk::poolBlockInfo(buffer, &tag, &size));
+        EXPECT_EQ(size, 64u);
+        EXPECT_EQ(tag, kNoneTag);
+        // Exactly what the pool handed out: no clearing.
+        for (int i = 0; i < 64; ++i)
+            ASSERT_EQ(buffer[i], hostk::kPoolFill) << i;
+        MMEFree(buffer, 64);
+
+        Counters counters;
+        Probe* probe = new Probe(&counters);
+        EXPECT_EQ(hostk::liveBlocksWithTag(kNoneTag), 1u);
+        probe->AddRef();
+        probe->Release();
+    });
+    EXPECT_TRUE(hostk::verifierFailures().empty());
+    EXPECT_EQ(hostk::poolStats().liveBlocks, 0u);
+}
+
+TEST(ObjectAllocation, NullFreesDoNothingAndFailedAllocationsRunNoConstructor) {
+    MMEFreeObject(nullptr);
+    MMEFree(nullptr, 128);
+    Probe* none = nullptr;
+    delete none;
+    EXPECT_EQ(hostk::poolStats().totalAllocations, 0u);
+    EXPECT_TRUE(hostk::verifierFailures().empty()) << "nothing reached the pool";
+
+    Counters counters;
+    hostk::failAllocation(1);
+    Probe* probe = new Probe(&counters);
+    EXPECT_EQ(probe, nullptr);
+    EXPECT_EQ(counters.constructed, 0);
+
+    hostk::failAllocation(1);
+    EXPECT_EQ(MMEAllocateObject(16), nullptr);
+    hostk::failAllocation(1);
+    EXPECT_EQ(MMEAllocate(16), nullptr);
+    EXPECT_EQ(hostk::poolStats().liveBlocks, 0u);
+}
+
+} // namespace

@@ -1,0 +1,78 @@
+// The driver loaded on the host port-class library above the model USB
+// driver, as the PnP manager would: DriverEntry, AddDevice, StartDevice,
+// and removal when the harness goes (before the model does). Failures of
+// any step are left to the test to inspect; nothing throws.
+//
+// adapter() finds the adapter through whichever miniport holds it, so it is
+// null when neither subdevice was registered (or after removal).
+#pragma once
+
+#include "driver/adapter/MMEAdapter.h"
+#include "driver/entry/adapter.h"
+#include "driver/topology/MMETopology.h"
+#include "driver/wave/MMEWave.h"
+#include "host/kernel/HostKernel.h"
+#include "host/portcls/HostPortCls.h"
+#include "usbsim/UsbDriverModel.h"
+
+#include <ostream>
+
+namespace adaptertest {
+
+class DriverHarness {
+public:
+    // Loads and adds the device; starts it too when start is set.
+    explicit DriverHarness(bool start = true,
+                           usbsim::DeviceProfile profile = usbsim::DeviceProfile::builtInDefault())
+        : model(std::move(profile)) {
+        addStatus = loader.addDevice(model.pdo());
+        if (start)
+            startStatus = loader.startDevice(model.pdo());
+    }
+    ~DriverHarness() { remove(); }
+    DriverHarness(const DriverHarness&) = delete;
+    DriverHarness& operator=(const DriverHarness&) = delete;
+
+    PDEVICE_OBJECT fdo() const { return loader.fdo(model.pdo()); }
+
+    MMEWave* wave() const {
+        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), L"Wave") : nullptr;
+        PUNKNOWN miniport = port ? hostpc::portState(port).miniport : nullptr;
+        return miniport ? static_cast<MMEWave*>(static_cast<IMiniportWaveCyclic*>(miniport))
+                        : nullptr;
+    }
+    MMETopology* topology() const {
+        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), L"Topology") : nullptr;
+        PUNKNOWN miniport = port ? hostpc::portState(port).miniport : nullptr;
+        return miniport ? static_cast<MMETopology*>(static_cast<IMiniportTopology*>(miniport))
+                        : nullptr;
+    }
+    MMEAdapter* adapter() const {
+        if (MMEWave* w = wave())
+            return w->adapter();
+        if (MMETopology* t = topology())
+            return t->adapter();
+        return nullptr;
+    }
+
+    void remove() { loader.removeDevice(model.pdo()); }
+
+    usbsim::UsbDriverModel model; // declared first: outlives the driver's device
+    hostpc::DriverLoader loader;
+    NTSTATUS addStatus = STATUS_UNSUCCESSFUL;
+    NTSTATUS startStatus = STATUS_UNSUCCESSFUL;
+};
+
+// A ChannelConfig from its six fields, in record order.
+inline ChannelConfig config(ULONG fr, ULONG inCH, ULONG outCH, ULONG inRes, ULONG outRes,
+                            ULONG word = 0) {
+    return ChannelConfig{fr, inCH, outCH, inRes, outRes, word};
+}
+
+} // namespace adaptertest
+
+// For test failure messages: fr/inCH/outCH/inRes/outRes/config.
+inline void PrintTo(const ChannelConfig& c, std::ostream* os) {
+    *os << c.fr << "/" << c.inCH << "/" << c.outCH << "/" << c.inRes << "/" << c.outRes << "/"
+        << c.config;
+}

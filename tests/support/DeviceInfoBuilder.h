@@ -1,0 +1,76 @@
+// Builds a device-info record (the USB driver's description of the device's
+// formats) from a compact description, for the wave filter's tests:
+//
+//   DeviceInfoBuilder dev;
+//   dev.ids(0x1234, 0x0001)
+//       .input(24, 2, {48000}).input(24, 8, {48000})   // input interface, 2 alt settings
+//       .output(16, 2, {48000});                      // output interface, 1 alt setting
+//   adapter.linkInfo().mpAPIDeviceInfo = dev.get();
+//
+// Configuration 0 gets one input interface (direction 1, IN endpoint 0x81)
+// and one output interface (direction 0, OUT endpoint 0x01), created on
+// first use; each mode is one alternate setting with one usable endpoint of
+// 512 bytes. lastAlt()/lastInterface() allow odd records to be made by hand.
+//
+// ListGuard installs a table in one of the driver's device lists for its
+// scope: ListGuard guard(STEREO_16BIT_DEVICES, {{0x1111, 0x2222}});
+#pragma once
+
+#include "driver/common/MMEAdapterInfo.h"
+#include "driver/wave/DeviceLists.h"
+
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <vector>
+
+namespace wavetest {
+
+class DeviceInfoBuilder {
+public:
+    DeviceInfoBuilder();
+
+    DeviceInfoBuilder& ids(uint16_t vendor, uint16_t product, uint16_t third = 0);
+    // Discrete rates.
+    DeviceInfoBuilder& input(uint8_t bits, uint8_t channels, std::initializer_list<uint32_t> rates);
+    DeviceInfoBuilder& output(uint8_t bits, uint8_t channels,
+                              std::initializer_list<uint32_t> rates);
+    // Continuous range lowest..highest.
+    DeviceInfoBuilder& inputRange(uint8_t bits, uint8_t channels, uint32_t lowest,
+                                  uint32_t highest);
+    DeviceInfoBuilder& outputRange(uint8_t bits, uint8_t channels, uint32_t lowest,
+                                   uint32_t highest);
+
+    MMEDeviceAltSetting& lastAlt();
+    MMEDeviceInterface& lastInterface();
+    MMEDeviceInfo& info() { return *mInfo; }
+    MMEDeviceInfo* get() { return mInfo.get(); }
+
+private:
+    MMEDeviceAltSetting& addAlt(bool input, uint8_t bits, uint8_t channels);
+
+    std::unique_ptr<MMEDeviceInfo> mInfo;
+    int mInputInterface = -1;
+    int mOutputInterface = -1;
+    MMEDeviceInterface* mLastInterface = nullptr;
+    MMEDeviceAltSetting* mLastAlt = nullptr;
+};
+
+class ListGuard {
+public:
+    ListGuard(DeviceList& list, std::vector<DeviceIdPair> pairs)
+        : mList(list), mSaved(list), mPairs(std::move(pairs)) {
+        mList.pairs = mPairs.data();
+        mList.count = static_cast<ULONG>(mPairs.size());
+    }
+    ~ListGuard() { mList = mSaved; }
+    ListGuard(const ListGuard&) = delete;
+    ListGuard& operator=(const ListGuard&) = delete;
+
+private:
+    DeviceList& mList;
+    DeviceList mSaved;
+    std::vector<DeviceIdPair> mPairs;
+};
+
+} // namespace wavetest

@@ -1,0 +1,38 @@
+// Test main: every test starts from a reset host kernel and must end with no
+// leaked pool block, no live IRP, no assertion report and no verifier failure.
+#include "driver/entry/adapter.h"
+#include "host/kernel/HostKernel.h"
+#include "host/portcls/HostPortCls.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+namespace {
+
+bool gUnclean = false;
+
+class HostKernelCleanliness : public ::testing::EmptyTestEventListener {
+    void OnTestStart(const ::testing::TestInfo&) override {
+        hostk::resetForTest();
+        hostpc::resetForTest();
+        ResetPdoHandOver();
+    }
+    void OnTestEnd(const ::testing::TestInfo& info) override {
+        std::string problems = hostk::checkClean();
+        if (!problems.empty()) {
+            gUnclean = true;
+            std::fprintf(stderr, "[ UNCLEAN  ] %s.%s left the host kernel unclean:\n%s\n",
+                         info.test_suite_name(), info.name(), problems.c_str());
+        }
+    }
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    ::testing::UnitTest::GetInstance()->listeners().Append(new HostKernelCleanliness);
+    int result = RUN_ALL_TESTS();
+    return (result != 0 || gUnclean) ? 1 : 0;
+}

@@ -1,0 +1,406 @@
+// The topology miniport: its constant filter (checked against the drawing
+// in TopologyFilter.h), interface query, intersection, Init and
+// destruction, and the mute, level and sample-rate handlers answering
+// well-formed and malformed property requests.
+#include "driver/topology/MMETopology.h"
+#include "driver/topology/TopologyFilter.h"
+#include "support/TraceCapture.h"
+#include "support/WaveRig.h"
+#include "support/ObjectChecks.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+
+using checks::refs;
+
+namespace {
+
+// A topology port stand-in whose IPortEvents can be switched off.
+class FakeTopologyPort : public wavetest::PortSlotsNotImplemented<IPortTopology>,
+                         public IPortEvents {
+public:
+    STDMETHODIMP_(NTSTATUS) QueryInterface(REFIID riid, PVOID* object) override {
+        ++queries;
+        if (IsEqualGUID(riid, IID_IUnknown) || IsEqualGUID(riid, IID_IPortTopology)) {
+            *object = static_cast<IPortTopology*>(this);
+        } else if (withEvents && IsEqualGUID(riid, IID_IPortEvents)) {
+            *object = static_cast<IPortEvents*>(this);
+        } else {
+            *object = nullptr;
+            return STATUS_INVALID_PARAMETER;
+        }
+        ++refs;
+        return STATUS_SUCCESS;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return ++refs; }
+    STDMETHODIMP_(ULONG) Release() override { return --refs; }
+    STDMETHODIMP_(void) AddEventToEventList(PKSEVENT_ENTRY) override {}
+    STDMETHODIMP_(void) GenerateEventList(GUID*, ULONG, BOOL, ULONG, BOOL, ULONG) override {}
+
+    bool withEvents = true;
+    LONG refs = 1;
+    int queries = 0;
+};
+
+class Topology : public ::testing::Test {
+protected:
+    Topology() {
+        fdo = hostk::createDeviceObject(nullptr, 2, 0);
+        adapter = MMEAdapter::create(fdo, nullptr);
+        topo = new MMETopology();
+        topo->AddRef();
+    }
+    ~Topology() override {
+        if (topo)
+            topo->Release();
+        adapter->Release();
+        hostk::deleteDeviceObject(fdo);
+    }
+    const PCFILTER_DESCRIPTOR& describe() {
+        PPCFILTER_DESCRIPTOR d = nullptr;
+        EXPECT_EQ(topo->GetDescription(&d), STATUS_SUCCESS);
+        return *d;
+    }
+
+    PDEVICE_OBJECT fdo = nullptr;
+    MMEAdapter* adapter = nullptr;
+    MMETopology* topo = nullptr;
+    FakeTopologyPort port;
+};
+
+} // namespace
+
+TEST_F(Topology, ConstantFilterAsDrawn) {
+    const PCFILTER_DESCRIPTOR& f = describe();
+    EXPECT_EQ(&describe(), &f); // the same descriptor every time, also before Init
+    EXPECT_TRUE(tracecap::containsLine("[MMETopology::GetDescription]"));
+    EXPECT_EQ(f.AutomationTable, nullptr);
+    EXPECT_EQ(
+        (std::vector<ULONG>{f.Version, f.PinSize, f.PinCount, f.NodeSize, f.NodeCount,
+                            f.ConnectionCount, f.CategoryCount}),
+        (std::vector<ULONG>{0, sizeof(PCPIN_DESCRIPTOR), 4, sizeof(PCNODE_DESCRIPTOR), 4, 6, 0}));
+
+    // The connections as drawn, in order: from node/pin, to node/pin.
+    const ULONG F = PCFILTER_NODE, I = KSNODEPIN_STANDARD_IN, O = KSNODEPIN_STANDARD_OUT;
+    std::vector<std::vector<ULONG>> listed;
+    for (ULONG i = 0; i < f.ConnectionCount; ++i) {
+        const PCCONNECTION_DESCRIPTOR& c = f.Connections[i];
+        listed.push_back({c.FromNode, c.FromNodePin, c.ToNode, c.ToNodePin});
+    }
+    EXPECT_EQ(listed, (std::vector<std::vector<ULONG>>{
+                          {F, TOPO_PIN_WAVEOUT_SOURCE, TOPO_NODE_WAVEOUT_MUTE, I},
+                          {TOPO_NODE_WAVEOUT_MUTE, O, TOPO_NODE_WAVEOUT_VOLUME, I},
+                          {TOPO_NODE_WAVEOUT_VOLUME, O, F, TOPO_PIN_SPEAKER_DEST},
+                          {F, TOPO_PIN_LINEIN_SOURCE, TOPO_NODE_LINEIN_MUTE, I},
+                          {TOPO_NODE_LINEIN_MUTE, O, TOPO_NODE_LINEIN_VOLUME, I},
+                          {TOPO_NODE_LINEIN_VOLUME, O, F, TOPO_PIN_WAVEIN_DEST}}));
+
+    struct {
+        KSPIN_DATAFLOW flow;
+        const GUID *category, *name;
+    } pins[] = {
+        {KSPIN_DATAFLOW_IN, &KSNODETYPE_LEGACY_AUDIO_CONNECTOR, nullptr},
+        {KSPIN_DATAFLOW_OUT, &KSCATEGORY_AUDIO, nullptr},
+        {KSPIN_DATAFLOW_IN, &KSNODETYPE_LINE_CONNECTOR, &KSAUDFNAME_LINE_IN},
+        {KSPIN_DATAFLOW_OUT, &KSNODETYPE_SPEAKER, &KSAUDFNAME_VOLUME_CONTROL},
+    };
+    const PKSDATARANGE* shared = f.Pins[0].KsPinDescriptor.DataRanges;
+    for (ULONG i = 0; i < 4; ++i) {
+        SCOPED_TRACE(i);
+        const PCPIN_DESCRIPTOR& p = f.Pins[i];
+        const KSPIN_DESCRIPTOR& k = p.KsPinDescriptor;
+        EXPECT_EQ(
+            (std::vector<ULONG>{p.MaxGlobalInstanceCount, p.MaxFilterInstanceCount,
+                                p.MinFilterInstanceCount, k.InterfacesCount, k.MediumsCount,
+                                k.DataRangesCount, ULONG(k.DataFlow), ULONG(k.Communication)}),
+            (std::vector<ULONG>{0, 0, 0, 0, 0, 1, ULONG(pins[i].flow),
+                                ULONG(KSPIN_COMMUNICATION_NONE)}));
+        EXPECT_EQ(p.AutomationTable, nullptr);
+        EXPECT_EQ(k.DataRanges, shared);
+        EXPECT_TRUE(IsEqualGUID(*k.Category, *pins[i].category));
+        EXPECT_TRUE(pins[i].name ? k.Name && IsEqualGUID(*k.Name, *pins[i].name) : !k.Name);
+    }
+    const KSDATARANGE& range = *shared[0];
+    EXPECT_EQ(range.FormatSize, 64u);
+    EXPECT_EQ(range.Flags + range.SampleSize + range.Reserved, 0u);
+    EXPECT_TRUE(IsEqualGUID(range.MajorFormat, KSDATAFORMAT_TYPE_AUDIO));
+    EXPECT_TRUE(IsEqualGUID(range.SubFormat, KSDATAFORMAT_SUBTYPE_ANALOG));
+    EXPECT_TRUE(IsEqualGUID(range.Specifier, KSDATAFORMAT_SPECIFIER_NONE));
+
+    const GUID* nodes[][2] = {{&KSNODETYPE_MUTE, &KSAUDFNAME_WAVE_MUTE},
+                              {&KSNODETYPE_VOLUME, &KSAUDFNAME_WAVE_VOLUME},
+                              {&KSNODETYPE_MUTE, &KSAUDFNAME_LINE_MUTE},
+                              {&KSNODETYPE_VOLUME, &KSAUDFNAME_LINE_VOLUME}};
+    for (ULONG i = 0; i < 4; ++i) {
+        EXPECT_EQ(f.Nodes[i].Flags, 0u);
+        EXPECT_EQ(f.Nodes[i].AutomationTable, nullptr); // no control that does not act
+        EXPECT_TRUE(IsEqualGUID(*f.Nodes[i].Type, *nodes[i][0]));
+        EXPECT_TRUE(IsEqualGUID(*f.Nodes[i].Name, *nodes[i][1]));
+    }
+}
+
+TEST_F(Topology, QueryInterfaceIdentitiesAndTraces) {
+    IMiniportTopology* self = topo;
+    const std::pair<const GUID*, const char*> named[] = {
+        {&IID_IUnknown, "IID_IUnknown"},
+        {&IID_IMiniport, "IID_IMiniport"},
+        {&IID_IMiniportTopology, "IID_IMiniportTopology"}};
+    for (const auto& n : named) {
+        tracecap::clearTrace();
+        checks::expectInterfaces(self, self, {n.first}, {});
+        EXPECT_TRUE(tracecap::containsLine(n.second)) << n.second;
+    }
+    tracecap::clearTrace();
+    checks::expectInterfaces(self, self, {}, {&IID_IMiniportWaveCyclic});
+    // {B4C90A27-5791-11D0-86F9-00A0C911B544}: last eight bytes as two
+    // little-endian words.
+    checks::expectLines({"unsupported", "Interface is B4C90A27-5791-11D0-A000F986-44B511C9"});
+}
+
+TEST_F(Topology, IntersectionLeftToThePort) {
+    KSDATARANGE range{};
+    ULONG length = 7;
+    UCHAR buffer[128];
+    EXPECT_EQ(topo->DataRangeIntersection(0, &range, &range, sizeof buffer, buffer, &length),
+              STATUS_NOT_IMPLEMENTED);
+    EXPECT_EQ(length, 7u);
+    EXPECT_EQ(topo->DataRangeIntersection(99, nullptr, nullptr, 0, nullptr, nullptr),
+              STATUS_NOT_IMPLEMENTED);
+}
+
+TEST_F(Topology, InitBindsAndDestructionReleases) {
+    tracecap::clearTrace();
+    MMETopology* fresh = new MMETopology();
+    char expected[80];
+    std::snprintf(expected, sizeof expected, "CONSTRUCTOR MMETopology::MMETopology 0x%X",
+                  (unsigned)(reinterpret_cast<uintptr_t>(fresh) & 0xFFFFFFFF));
+    EXPECT_TRUE(tracecap::containsLine(expected));
+    delete fresh;
+
+    ASSERT_EQ(topo->Init(static_cast<IMMEAdapter*>(adapter), nullptr, &port), STATUS_SUCCESS);
+    EXPECT_EQ(adapter->topology(), topo);
+    EXPECT_EQ(topo->adapter(), adapter);
+    EXPECT_EQ(refs(adapter), 2);
+    EXPECT_EQ(topo->portEvents(), static_cast<IPortEvents*>(&port));
+    EXPECT_EQ(port.refs, 2);
+
+    topo->Release();
+    topo = nullptr;
+    EXPECT_EQ(adapter->topology(), nullptr);
+    EXPECT_EQ(refs(adapter), 1);
+    EXPECT_EQ(port.refs, 1);
+    EXPECT_TRUE(tracecap::containsLineStartingWith("+ DESTRUCTOR MMETopology::~MMETopology"));
+}
+
+TEST_F(Topology, InitFailures) {
+    // No adapter behind the unknown: the port is not asked for its events.
+    wavetest::FakeWavePort notAnAdapter;
+    EXPECT_EQ(topo->Init(&notAnAdapter, nullptr, &port), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(topo->adapter(), nullptr);
+    EXPECT_EQ(port.queries, 0);
+    EXPECT_EQ(adapter->topology(), nullptr);
+
+    // A port without events: bound all the same.
+    port.withEvents = false;
+    EXPECT_EQ(topo->Init(static_cast<IMMEAdapter*>(adapter), nullptr, &port), STATUS_SUCCESS);
+    EXPECT_EQ(topo->portEvents(), nullptr);
+    EXPECT_EQ(adapter->topology(), topo);
+
+    MMETopology* other = new MMETopology();
+    other->AddRef();
+    EXPECT_EQ(other->Init(nullptr, nullptr, nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(hostk::assertReports().size(), 2u);
+    hostk::clearAssertReports();
+    other->Release();
+}
+
+namespace {
+
+// A node property request as the port builds it: the channel is the
+// instance, the value follows.
+struct Request {
+    PCPROPERTY_ITEM item{&KSPROPSETID_Audio, KSPROPERTY_AUDIO_VOLUMELEVEL, 0, nullptr};
+    PCPROPERTY_REQUEST req{};
+    LONG channel = 0;
+    UCHAR value[96] = {};
+
+    Request(ULONG node, ULONG verb, ULONG valueSize, ULONG id = KSPROPERTY_AUDIO_VOLUMELEVEL) {
+        item.Id = id;
+        req.Node = node;
+        req.PropertyItem = &item;
+        req.Verb = verb;
+        req.Instance = &channel;
+        req.InstanceSize = sizeof(channel);
+        req.Value = value;
+        req.ValueSize = valueSize;
+    }
+    LONG asLong() const {
+        LONG v;
+        std::memcpy(&v, value, sizeof v);
+        return v;
+    }
+    void set(LONG v) { std::memcpy(value, &v, sizeof v); }
+};
+
+NTSTATUS setLevel(ULONG node, LONG channel, LONG level) {
+    Request r(node, KSPROPERTY_TYPE_SET, 4);
+    r.channel = channel;
+    r.set(level);
+    return PropertyHandler_Level(&r.req);
+}
+
+LONG getLevel(ULONG node) {
+    Request r(node, KSPROPERTY_TYPE_GET, 4);
+    EXPECT_EQ(PropertyHandler_Level(&r.req), STATUS_SUCCESS);
+    return r.asLong();
+}
+
+NTSTATUS setMute(ULONG node, ULONG on) {
+    Request r(node, KSPROPERTY_TYPE_SET, 4, KSPROPERTY_AUDIO_MUTE);
+    r.set((LONG)on);
+    return PropertyHandler_OnOff(&r.req);
+}
+
+LONG getMute(ULONG node) {
+    Request r(node, KSPROPERTY_TYPE_GET, 8, KSPROPERTY_AUDIO_MUTE);
+    EXPECT_EQ(PropertyHandler_OnOff(&r.req), STATUS_SUCCESS);
+    EXPECT_EQ(r.req.ValueSize, 4u);
+    return r.asLong();
+}
+
+} // namespace
+
+TEST(TopologyControls, MuteFlagsPerNode) {
+    resetTopologyControls();
+    EXPECT_EQ(getMute(TOPO_NODE_WAVEOUT_MUTE), 0);
+    EXPECT_EQ(setMute(TOPO_NODE_WAVEOUT_MUTE, 0x100), STATUS_SUCCESS);
+    EXPECT_TRUE(tracecap::containsLine("MuteOut is set to  1"));
+    EXPECT_EQ(getMute(TOPO_NODE_WAVEOUT_MUTE), 1);
+    EXPECT_EQ(getMute(TOPO_NODE_LINEIN_MUTE), 0);
+    EXPECT_EQ(setMute(TOPO_NODE_LINEIN_MUTE, 1), STATUS_SUCCESS);
+    EXPECT_TRUE(tracecap::containsLine("MuteIn is set to  1"));
+    EXPECT_EQ(setMute(TOPO_NODE_WAVEOUT_MUTE, 0), STATUS_SUCCESS);
+    EXPECT_EQ(getMute(TOPO_NODE_WAVEOUT_MUTE), 0);
+    EXPECT_EQ(getMute(TOPO_NODE_LINEIN_MUTE), 1);
+
+    // Malformed requests.
+    EXPECT_EQ(setMute(TOPO_NODE_WAVEOUT_VOLUME, 1), STATUS_INVALID_PARAMETER);
+    Request wideSet(TOPO_NODE_WAVEOUT_MUTE, KSPROPERTY_TYPE_SET, 8, KSPROPERTY_AUDIO_MUTE);
+    EXPECT_EQ(PropertyHandler_OnOff(&wideSet.req), STATUS_INVALID_PARAMETER);
+    Request shortGet(TOPO_NODE_WAVEOUT_MUTE, KSPROPERTY_TYPE_GET, 3, KSPROPERTY_AUDIO_MUTE);
+    EXPECT_EQ(PropertyHandler_OnOff(&shortGet.req), STATUS_INVALID_PARAMETER);
+    Request noInstance(TOPO_NODE_WAVEOUT_MUTE, KSPROPERTY_TYPE_GET, 4, KSPROPERTY_AUDIO_MUTE);
+    noInstance.req.InstanceSize = 3;
+    EXPECT_EQ(PropertyHandler_OnOff(&noInstance.req), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PropertyHandler_OnOff(nullptr), STATUS_INVALID_PARAMETER);
+
+    resetTopologyControls();
+    EXPECT_EQ(getMute(TOPO_NODE_LINEIN_MUTE), 0);
+}
+
+TEST(TopologyControls, LevelsPerNodeAndChannel) {
+    resetTopologyControls();
+    EXPECT_EQ(setLevel(TOPO_NODE_WAVEOUT_VOLUME, 0, -1200), STATUS_SUCCESS);
+    EXPECT_EQ(setLevel(TOPO_NODE_LINEIN_VOLUME, -1, 300), STATUS_SUCCESS); // all channels
+    EXPECT_EQ(getLevel(TOPO_NODE_WAVEOUT_VOLUME), -1200);
+    EXPECT_EQ(getLevel(TOPO_NODE_LINEIN_VOLUME), 300);
+    EXPECT_EQ(setLevel(TOPO_NODE_WAVEOUT_VOLUME, 1, 7), STATUS_SUCCESS); // one level for both
+    EXPECT_EQ(getLevel(TOPO_NODE_WAVEOUT_VOLUME), 7);
+
+    struct Case {
+        const char* what;
+        ULONG node, verb, valueSize, id;
+        LONG channel;
+        ULONG instanceSize;
+    } refused[] = {
+        {"get channel 2", TOPO_NODE_WAVEOUT_VOLUME, KSPROPERTY_TYPE_GET, 4,
+         KSPROPERTY_AUDIO_VOLUMELEVEL, 2, 4},
+        {"get all channels", TOPO_NODE_WAVEOUT_VOLUME, KSPROPERTY_TYPE_GET, 4,
+         KSPROPERTY_AUDIO_VOLUMELEVEL, -1, 4},
+        {"set channel 2", TOPO_NODE_LINEIN_VOLUME, KSPROPERTY_TYPE_SET, 4,
+         KSPROPERTY_AUDIO_VOLUMELEVEL, 2, 4},
+        {"get short value", TOPO_NODE_WAVEOUT_VOLUME, KSPROPERTY_TYPE_GET, 3,
+         KSPROPERTY_AUDIO_VOLUMELEVEL, 0, 4},
+        {"set long value", TOPO_NODE_WAVEOUT_VOLUME, KSPROPERTY_TYPE_SET, 8,
+         KSPROPERTY_AUDIO_VOLUMELEVEL, 0, 4},
+        {"short instance", TOPO_NODE_WAVEOUT_VOLUME, KSPROPERTY_TYPE_GET, 4,
+         KSPROPERTY_AUDIO_VOLUMELEVEL, 0, 2},
+        {"mute id on a volume node", TOPO_NODE_WAVEOUT_VOLUME, KSPROPERTY_TYPE_GET, 4,
+         KSPROPERTY_AUDIO_MUTE, 0, 4},
+        {"mute node", TOPO_NODE_WAVEOUT_MUTE, KSPROPERTY_TYPE_GET, 4, KSPROPERTY_AUDIO_VOLUMELEVEL,
+         0, 4},
+        {"the filter", PCFILTER_NODE, KSPROPERTY_TYPE_GET, 4, KSPROPERTY_AUDIO_VOLUMELEVEL, 0, 4},
+    };
+    for (const Case& c : refused) {
+        SCOPED_TRACE(c.what);
+        Request r(c.node, c.verb, c.valueSize, c.id);
+        r.channel = c.channel;
+        r.req.InstanceSize = c.instanceSize;
+        r.set(555);
+        tracecap::clearTrace();
+        EXPECT_EQ(PropertyHandler_Level(&r.req), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(tracecap::containsLine("node is valid"), c.node != PCFILTER_NODE);
+    }
+    Request mute(TOPO_NODE_WAVEOUT_MUTE, KSPROPERTY_TYPE_GET, 4);
+    tracecap::clearTrace();
+    EXPECT_EQ(PropertyHandler_Level(&mute.req), STATUS_INVALID_PARAMETER);
+    EXPECT_TRUE(tracecap::containsLine("unsupported node"));
+    EXPECT_EQ(getLevel(TOPO_NODE_WAVEOUT_VOLUME), 7); // nothing stored by the refusals
+    EXPECT_EQ(getLevel(TOPO_NODE_LINEIN_VOLUME), 300);
+
+    resetTopologyControls();
+    EXPECT_EQ(getLevel(TOPO_NODE_WAVEOUT_VOLUME), 0);
+    EXPECT_EQ(getLevel(TOPO_NODE_LINEIN_VOLUME), 0);
+}
+
+TEST(TopologyControls, LevelBasicSupportBySize) {
+    Request full(TOPO_NODE_LINEIN_VOLUME, KSPROPERTY_TYPE_BASICSUPPORT, 96);
+    ASSERT_EQ(PropertyHandler_Level(&full.req), STATUS_SUCCESS);
+    EXPECT_EQ(full.req.ValueSize, 72u);
+    KSPROPERTY_DESCRIPTION d;
+    std::memcpy(&d, full.value, sizeof d);
+    EXPECT_EQ((std::vector<ULONG>{d.AccessFlags, d.DescriptionSize, d.PropTypeSet.Id,
+                                  d.PropTypeSet.Flags, d.MembersListCount, d.Reserved}),
+              (std::vector<ULONG>{0x203, 72, VT_I4, 0, 1, 0}));
+    EXPECT_TRUE(IsEqualGUID(d.PropTypeSet.Set, KSPROPTYPESETID_General));
+    KSPROPERTY_MEMBERSHEADER m;
+    std::memcpy(&m, full.value + 40, sizeof m);
+    EXPECT_EQ((std::vector<ULONG>{m.MembersFlags, m.MembersSize, m.MembersCount, m.Flags}),
+              (std::vector<ULONG>{KSPROPERTY_MEMBER_STEPPEDRANGES, 16, 1, 0}));
+    // Stepping and bounds all 0, nothing written past 72 bytes.
+    EXPECT_EQ(std::vector<UCHAR>(full.value + 56, full.value + 96), std::vector<UCHAR>(40, 0));
+
+    Request description(TOPO_NODE_WAVEOUT_VOLUME, KSPROPERTY_TYPE_BASICSUPPORT, 40);
+    std::memset(description.value, 0xAB, sizeof description.value);
+    ASSERT_EQ(PropertyHandler_Level(&description.req), STATUS_SUCCESS);
+    EXPECT_EQ(description.req.ValueSize, 40u);
+    EXPECT_EQ(description.value[40], 0xAB);
+
+    Request flags(TOPO_NODE_WAVEOUT_VOLUME, KSPROPERTY_TYPE_BASICSUPPORT, 39);
+    std::memset(flags.value, 0xAB, sizeof flags.value);
+    ASSERT_EQ(PropertyHandler_Level(&flags.req), STATUS_SUCCESS);
+    EXPECT_EQ(flags.req.ValueSize, 4u);
+    EXPECT_EQ(flags.asLong(), 0x203);
+    EXPECT_EQ(flags.value[4], 0xAB);
+
+    Request tiny(TOPO_NODE_WAVEOUT_VOLUME, KSPROPERTY_TYPE_BASICSUPPORT, 3);
+    EXPECT_EQ(PropertyHandler_Level(&tiny.req), STATUS_INVALID_DEVICE_REQUEST);
+}
+
+TEST(TopologyControls, SampleRateHandlersOnlyTrace) {
+    Request r(0, KSPROPERTY_TYPE_GET, 4, KSPROPERTY_AUDIO_SAMPLING_RATE);
+    r.set(1234);
+    EXPECT_EQ(PropertyHandler_SR_CHANGE(&r.req), STATUS_SUCCESS);
+    EXPECT_EQ(r.asLong(), 1234);
+    EXPECT_TRUE(tracecap::containsLineStartingWith("+ PropertyHandler_SR_CHANGE"));
+
+    PCEVENT_ITEM item{&KSPROPSETID_Audio, KSPROPERTY_AUDIO_SAMPLING_RATE, 0, nullptr};
+    PCEVENT_REQUEST e{};
+    e.EventItem = &item;
+    e.Verb = PCEVENT_VERB_ADD;
+    EXPECT_EQ(EventHandler_SR_CHANGE(&e), STATUS_SUCCESS);
+    EXPECT_EQ(EventHandler_SR_CHANGE(nullptr), STATUS_SUCCESS);
+    EXPECT_TRUE(tracecap::containsLineStartingWith("+ EventHandler_SR_CHANGE"));
+}

@@ -1,0 +1,244 @@
+// The driver's trace output, line by line through the in-memory sink: every
+// FunctionTrace and TraceLine form, the indentation of nested operations,
+// silent traces, depth bookkeeping on every return path, the cap on deep
+// nesting and the thread part of the prefix (other threads: concurrency_trace_test).
+#include "driver/common/MMEAdapterInfo.h"
+#include "driver/common/Trace.h"
+#include "host/kernel/HostKernel.h"
+#include "support/TraceCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace {
+
+using tracecap::threadPrefix;
+using tracecap::traceLines;
+
+const void* const kObject = reinterpret_cast<const void*>(uintptr_t(0x561D2C3A9F10));
+const void* const kOther = reinterpret_cast<const void*>(uintptr_t(0xFFFF8001234ABCD0));
+
+// Expected lines with this thread's prefix in front of each body.
+std::vector<std::string> withPrefix(const std::vector<std::string>& bodies) {
+    std::vector<std::string> lines;
+    for (const auto& body : bodies)
+        lines.push_back(threadPrefix() + body);
+    return lines;
+}
+
+TEST(TraceFunction, OpenValueAndCloseLinesOfEveryForm) {
+    {
+        FunctionTrace trace("MMEAdapter::callUSBDriver", kObject);
+        trace.text("call IoCallDriver");
+        trace.num("one", -1);
+        trace.num("two", 1, 2);
+        trace.num("three", 3, -4, 5);
+        trace.num("four", 6, 7, 8, 2147483647);
+        trace.num("five", -2147483647 - 1, 0, 1, 2, 3);
+        trace.pointer("pointer", nullptr);
+        trace.pointers("!m_pCallIrp || !mUSBDeviceObject", kObject, kOther);
+        trace.hex("result IoCallDriver", 0xC0000016);
+        trace.hex("two hex", 0x1F, 0);
+    }
+    { FunctionTrace trace("MMEAdapter::onTimer", ULONG(3)); }
+    { FunctionTrace trace("MMEWave::NewStream", ULONG(0xBB00CC11)); }
+    EXPECT_EQ(traceLines(),
+              withPrefix({
+                  "+ MMEAdapter::callUSBDriver 0x0000561D2C3A9F10",
+                  "  call IoCallDriver",
+                  "  one -1",
+                  "  two 1 2",
+                  "  three 3 -4 5",
+                  "  four 6 7 8 2147483647",
+                  "  five -2147483648 0 1 2 3",
+                  "  pointer 0x0000000000000000",
+                  "  !m_pCallIrp || !mUSBDeviceObject 0x0000561D2C3A9F10 0xFFFF8001234ABCD0",
+                  "  result IoCallDriver 0xC0000016",
+                  "  two hex 0x0000001F 0x00000000",
+                  "- MMEAdapter::callUSBDriver",
+                  "+ MMEAdapter::onTimer 0x00000003",
+                  "- MMEAdapter::onTimer",
+                  "+ MMEWave::NewStream 0xBB00CC11",
+                  "- MMEWave::NewStream",
+              }));
+    EXPECT_EQ(TraceDepth(), 0);
+}
+
+void innermost() {
+    FunctionTrace inner("inner", ULONG(3));
+    inner.num("deep", 9);
+    // Single lines stay unindented at any depth.
+    TraceLine("event");
+    TraceLineStatus("failed", STATUS_INVALID_PARAMETER);
+}
+
+TEST(TraceFunction, EachLevelIsTwoBlanksDeeperAndSingleLinesAreNeverIndented) {
+    {
+        FunctionTrace outer("outer", nullptr);
+        outer.text("x");
+        {
+            FunctionTrace middle("middle", ULONG(2));
+            innermost();
+            middle.text("after inner");
+        }
+        { FunctionTrace sibling("sibling", ULONG(4)); }
+    }
+    EXPECT_EQ(traceLines(), withPrefix({
+                                "+ outer 0x0000000000000000",
+                                "  x",
+                                "  + middle 0x00000002",
+                                "    + inner 0x00000003",
+                                "      deep 9",
+                                "event",
+                                "failed 0xC000000D",
+                                "    - inner",
+                                "    after inner",
+                                "  - middle",
+                                "  + sibling 0x00000004",
+                                "  - sibling",
+                                "- outer",
+                            }));
+}
+
+TEST(TraceFunction, NullNameIsSilentAndLeavesTheDepthAlone) {
+    {
+        FunctionTrace silent(nullptr, kObject);
+        EXPECT_EQ(TraceDepth(), 0);
+        silent.text("dropped");
+        silent.num("dropped", 1, 2, 3, 4, 5);
+        silent.pointers("dropped", kObject, kOther);
+        silent.hex("dropped", 1, 2);
+        FunctionTrace visible("visible", ULONG(0));
+        visible.text("value");
+        FunctionTrace alsoSilent(nullptr, ULONG(5));
+        EXPECT_EQ(TraceDepth(), 1);
+    }
+    EXPECT_EQ(TraceDepth(), 0);
+    EXPECT_EQ(traceLines(), withPrefix({"+ visible 0x00000000", "  value", "- visible"}));
+}
+
+int withEarlyReturns(int path) {
+    FunctionTrace trace("withEarlyReturns", ULONG(path));
+    if (path == 0)
+        return 0;
+    {
+        FunctionTrace nested("nested", ULONG(path));
+        if (path == 1)
+            return 1;
+    }
+    trace.text("end");
+    return 2;
+}
+
+TEST(TraceFunction, DepthIsRestoredOnEveryReturnPath) {
+    for (int path = 0; path < 3; ++path) {
+        withEarlyReturns(path);
+        EXPECT_EQ(TraceDepth(), 0) << path;
+    }
+    // Every open has its close at the same indentation.
+    auto lines = traceLines();
+    ASSERT_EQ(lines.size(), 2u + 4u + 5u);
+    EXPECT_EQ(tracecap::body(lines[3]), "  + nested 0x00000001");
+    EXPECT_EQ(tracecap::body(lines[4]), "  - nested");
+    EXPECT_EQ(tracecap::body(lines[5]), "- withEarlyReturns");
+}
+
+void nest(int levels, int& reached) {
+    FunctionTrace trace("level", ULONG(levels));
+    trace.text("v");
+    if (levels > 1)
+        nest(levels - 1, reached);
+    else
+        reached = (int)TraceDepth();
+}
+
+TEST(TraceFunction, NestingBeyond127LevelsIsCappedAndUnwindsCleanly) {
+    constexpr int kLevels = 140;
+    int reached = 0;
+    nest(kLevels, reached);
+    EXPECT_EQ(reached, kLevels) << "depth counts every level";
+    EXPECT_EQ(TraceDepth(), 0);
+
+    auto lines = traceLines();
+    ASSERT_EQ(lines.size(), 3u * kLevels);
+    const size_t cap = 2 * MME_TRACE_MAX_INDENT_LEVELS;
+    for (int d = 0; d < kLevels; ++d) {
+        // Open and value line of depth d, close lines in reverse order.
+        const std::string& open = lines[2 * d];
+        const std::string& close = lines[lines.size() - 1 - d];
+        ASSERT_EQ(tracecap::indentOf(open), std::min<size_t>(2 * d, cap)) << d;
+        ASSERT_EQ(tracecap::indentOf(lines[2 * d + 1]), std::min<size_t>(2 * (d + 1), cap)) << d;
+        ASSERT_EQ(tracecap::indentOf(close), tracecap::indentOf(open)) << d;
+        char expected[32];
+        std::snprintf(expected, sizeof expected, "+ level 0x%08X", unsigned(kLevels - d));
+        ASSERT_EQ(tracecap::message(open), expected) << d;
+        ASSERT_EQ(tracecap::message(lines[2 * d + 1]), "v");
+        ASSERT_EQ(tracecap::message(close), "- level");
+    }
+}
+
+TEST(TraceLineForms, EveryFormPrintsItsGoldenLine) {
+    // Memory order fr, inCH, outCH, inRes, outRes, config; printed otherwise.
+    const ChannelConfig config{48000, 2, 8, 24, 32, 7};
+    const GUID iidUnknown = {0x00000000, 0x0000, 0x0000, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
+    const GUID iidAdapter = {
+        0xD7C1562E, 0x8F69, 0x449B, {0x91, 0x44, 0x1B, 0x8B, 0x8F, 0x0E, 0x32, 0xC8}};
+
+    TraceLine("MMEAdapter::start");
+    TraceLine("one", -7);
+    TraceLine("two", 0, 1);
+    TraceLine("three", 1, -2, 3);
+    TraceLineConfig("fr/inCH/inRes/outCH/outRes/config", config);
+    TraceLineStatus("status", STATUS_MORE_PROCESSING_REQUIRED);
+    TraceLineStatus("status", STATUS_SUCCESS);
+    TraceLinePointer("pointer", kOther);
+    TraceLinePointer("pointer", nullptr);
+    TraceLineGuid("Interface is", iidUnknown);
+    TraceLineGuid("Interface is", iidAdapter);
+
+    EXPECT_EQ(traceLines(), withPrefix({
+                                "MMEAdapter::start",
+                                "one -7",
+                                "two 0 1",
+                                "three 1 -2 3",
+                                "fr/inCH/inRes/outCH/outRes/config 48000 2 24 8 32 7",
+                                "status 0xC0000016",
+                                "status 0x0",
+                                "pointer 0xFFFF8001234ABCD0",
+                                "pointer 0x0000000000000000",
+                                "Interface is 0-0-0-C0-46000000",
+                                "Interface is D7C1562E-8F69-449B-8B1B4491-C8320E8F",
+                            }));
+}
+
+TEST(TraceCaptureHelpers, SplitLinesIntoTheirParts) {
+    {
+        FunctionTrace trace("op", ULONG(1));
+        trace.num("count", 2);
+        trace.num("count", 3);
+    }
+    DbgPrint("no prefix here\n");
+    EXPECT_EQ(tracecap::countLines("count 2"), 1u);
+    EXPECT_EQ(tracecap::countLinesStartingWith("count"), 2u);
+    EXPECT_TRUE(tracecap::containsLine("- op"));
+    EXPECT_FALSE(tracecap::containsLine("count"));
+    EXPECT_EQ(tracecap::findLine("count 3"), 2);
+    EXPECT_EQ(tracecap::findLine("count 2", 2), -1);
+    auto lines = traceLines();
+    EXPECT_EQ(tracecap::stripThread(lines[1]), "MME:   count 2");
+    EXPECT_EQ(tracecap::body(lines[1]), "  count 2");
+    EXPECT_EQ(tracecap::indentOf(lines[1]), 2u);
+    EXPECT_EQ(tracecap::threadOf(lines[4]), "");
+    EXPECT_EQ(tracecap::message(lines[4]), "no prefix here");
+    EXPECT_EQ(tracecap::traceMessages(),
+              (std::vector<std::string>{"+ op 0x00000001", "count 2", "count 3", "- op",
+                                        "no prefix here"}));
+    tracecap::clearTrace();
+    EXPECT_TRUE(traceLines().empty());
+}
+
+} // namespace

@@ -1,0 +1,188 @@
+// The adapter's calls into the USB driver, against the model USB driver:
+// what the USB side receives, the call guard, missing request or device,
+// refusals, and the request's life with MMENotify_PreventFurtherDriverCalls.
+#include "support/AdapterHarness.h"
+#include "support/TraceCapture.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using adaptertest::DriverHarness;
+
+// A started device whose adapter the test calls itself; the model does not
+// attach the MME side on its own.
+class UsbCall : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(h.startStatus, STATUS_SUCCESS);
+        ASSERT_NE(adapter, nullptr);
+        h.model.setAutoAttach(false);
+    }
+    DriverHarness h;
+    MMEAdapter* adapter = h.adapter();
+};
+
+TEST_F(UsbCall, EveryCodeReachesTheUsbSideAsInternalDeviceControlWithTheRecord) {
+    const MMEAdapterInfo* record = &adapter->linkInfo();
+    EXPECT_EQ(h.model.callCodes(), (std::vector<ULONG>{USBCall_Register, USBCall_AdapterStarted}));
+    EXPECT_TRUE(adapter->callUSBDriver(USBCall_Attach));
+    ASSERT_TRUE(adapter->refreshAttachChannels()); // wants what the hardware runs
+    EXPECT_TRUE(adapter->callUSBDriver(USBCall_ChangeConfig));
+    EXPECT_TRUE(adapter->callUSBDriver(USBCall_TimedStart));
+    h.remove();
+
+    auto calls = h.model.calls();
+    std::vector<ULONG> codes;
+    for (const auto& call : calls) {
+        codes.push_back(call.code);
+        EXPECT_EQ(call.major, IRP_MJ_INTERNAL_DEVICE_CONTROL) << call.code;
+        EXPECT_EQ(call.record, record) << call.code;
+        EXPECT_EQ(call.answer, STATUS_SUCCESS) << call.code << " " << call.note;
+        EXPECT_EQ(call.irql, PASSIVE_LEVEL) << call.code;
+    }
+    EXPECT_EQ(codes,
+              (std::vector<ULONG>{USBCall_Register, USBCall_AdapterStarted, USBCall_Attach,
+                                  USBCall_ChangeConfig, USBCall_TimedStart, USBCall_Unregister}));
+    EXPECT_EQ(h.model.link(), nullptr);
+}
+
+TEST(UsbCallRecord, CarriesVersionContextAndCallbacksFromRegistration) {
+    DriverHarness h(false);
+    MMEAdapterInfo seen{};
+    h.model.setDuringCall([&](ULONG code) {
+        if (code == USBCall_Register)
+            seen = *h.model.calls().back().record;
+    });
+    ASSERT_EQ(h.loader.startDevice(h.model.pdo()), STATUS_SUCCESS);
+    MMEAdapter* adapter = h.adapter();
+    ASSERT_NE(adapter, nullptr);
+
+    EXPECT_EQ(seen.mInterfaceVersion, 2095900u);
+    EXPECT_EQ(seen.mpContext, static_cast<PVOID>(adapter));
+    EXPECT_NE(seen.mpfnNotify, nullptr);
+    EXPECT_NE(seen.mpfnStcCallback, nullptr);
+    EXPECT_NE(seen.mpfnExchangeData, nullptr);
+    EXPECT_EQ(seen.mpSettings, nullptr);
+    EXPECT_EQ(seen.mbAttached, 0);
+
+    // What the model filled in is what the adapter traced and reads.
+    const MMEAdapterInfo& record = adapter->linkInfo();
+    EXPECT_EQ(record.mpAPIDeviceInfo, &h.model.deviceInfo());
+    EXPECT_EQ(adapter->getAPIDeviceInfo(), &h.model.deviceInfo());
+    EXPECT_EQ(record.mVendorID, h.model.profile().vendorId);
+    EXPECT_EQ(record.mProductID, h.model.profile().productId);
+    EXPECT_TRUE(tracecap::containsLine("mpAPIDeviceInfo.mpAPIDeviceInfo is  0x" +
+                                       tracecap::kernelPointer(&h.model.deviceInfo())));
+}
+
+TEST_F(UsbCall, NestedCallIsRefusedAtOnceWithoutSending) {
+    h.model.clearCalls();
+    bool nested = true;
+    h.model.setDuringCall([&](ULONG code) {
+        if (code == USBCall_Attach)
+            nested = adapter->callUSBDriver(USBCall_TimedStart);
+    });
+    tracecap::clearTrace();
+
+    EXPECT_TRUE(adapter->callUSBDriver(USBCall_Attach));
+    EXPECT_FALSE(nested);
+    EXPECT_EQ(h.model.callCodes(), (std::vector<ULONG>{USBCall_Attach}));
+
+    // Between sending and the result only the nested call's entry and exit.
+    auto messages = tracecap::traceMessages();
+    long sent = tracecap::findLine("call IoCallDriver 0x" + tracecap::kernelPointer(adapter));
+    long result = tracecap::findLine("result IoCallDriver 0x00000000");
+    ASSERT_GE(sent, 0) << tracecap::dumpTrace();
+    ASSERT_EQ(result, sent + 3) << tracecap::dumpTrace();
+    EXPECT_EQ(messages[sent + 1],
+              "+ MMEAdapter::callUSBDriver 0x" + tracecap::kernelPointer(adapter));
+    EXPECT_EQ(messages[sent + 2], "- MMEAdapter::callUSBDriver");
+
+    // The guard is free again afterwards.
+    h.model.setDuringCall(nullptr);
+    EXPECT_TRUE(adapter->callUSBDriver(USBCall_TimedStart));
+}
+
+TEST(UsbCallUnstarted, MissingRequestOrDeviceObjectIsTracedAndRefused) {
+    // Never started: no request was allocated.
+    usbsim::UsbDriverModel model;
+    PDEVICE_OBJECT fdo = hostk::createDeviceObject(nullptr, 2, 0);
+    MMEAdapter* adapter = MMEAdapter::create(fdo, model.pdo());
+    ASSERT_NE(adapter, nullptr);
+    tracecap::clearTrace();
+    EXPECT_FALSE(adapter->callUSBDriver(USBCall_Attach));
+    EXPECT_TRUE(tracecap::containsLine("!m_pCallIrp || !mUSBDeviceObject 0x0000000000000000 0x" +
+                                       tracecap::kernelPointer(model.pdo())))
+        << tracecap::dumpTrace();
+    EXPECT_TRUE(model.calls().empty());
+    adapter->Release();
+
+    // No USB device object at all.
+    adapter = MMEAdapter::create(fdo, nullptr);
+    tracecap::clearTrace();
+    EXPECT_FALSE(adapter->callUSBDriver(USBCall_ChangeConfig));
+    EXPECT_TRUE(tracecap::containsLine(
+        "!m_pCallIrp || !mUSBDeviceObject 0x0000000000000000 0x0000000000000000"));
+    adapter->Release();
+    hostk::deleteDeviceObject(fdo);
+}
+
+TEST_F(UsbCall, PendingAndErrorStatusCountAsRefusal) {
+    PIRP request = adapter->callIrp();
+
+    h.model.setAnswer(USBCall_Attach, STATUS_PENDING);
+    tracecap::clearTrace();
+    EXPECT_FALSE(adapter->callUSBDriver(USBCall_Attach));
+    EXPECT_TRUE(tracecap::containsLine("result IoCallDriver 0x00000103")) << tracecap::dumpTrace();
+
+    h.model.setAnswer(USBCall_Attach, STATUS_INVALID_DEVICE_STATE);
+    EXPECT_FALSE(adapter->callUSBDriver(USBCall_Attach));
+    EXPECT_TRUE(tracecap::containsLine("result IoCallDriver 0xC0000184"));
+
+    // The same request serves the next call.
+    h.model.clearAnswers();
+    EXPECT_TRUE(adapter->callUSBDriver(USBCall_Attach));
+    EXPECT_EQ(adapter->callIrp(), request);
+    EXPECT_EQ(hostk::liveIrps(), 1u);
+    EXPECT_EQ(request->StackCount, h.model.pdo()->StackSize);
+}
+
+TEST_F(UsbCall, PreventFurtherDriverCallsFreesTheRequest) {
+    h.model.clearCalls();
+    tracecap::clearTrace();
+
+    h.model.preventFurtherCalls();
+    EXPECT_TRUE(tracecap::containsLine("MMENotify_PreventFurtherDriverCalls"));
+    EXPECT_EQ(adapter->callIrp(), nullptr);
+    EXPECT_EQ(hostk::liveIrps(), 0u);
+
+    for (ULONG code : {USBCall_Attach, USBCall_ChangeConfig, USBCall_TimedStart})
+        EXPECT_FALSE(adapter->callUSBDriver(code)) << code;
+    EXPECT_EQ(tracecap::countLines("!m_pCallIrp || !mUSBDeviceObject 0x0000000000000000 0x" +
+                                   tracecap::kernelPointer(h.model.pdo())),
+              3u);
+    // A second notice finds nothing to free.
+    h.model.preventFurtherCalls();
+    h.remove(); // the destructor's Unregister cannot be sent either
+    EXPECT_TRUE(h.model.calls().empty());
+}
+
+TEST_F(UsbCall, PreventFurtherDriverCallsDuringACallFreesTheRequestAfterIt) {
+    PIRP during = nullptr;
+    h.model.setDuringCall([&](ULONG code) {
+        if (code == USBCall_Attach) {
+            h.model.preventFurtherCalls(); // from inside the USB driver's dispatch
+            during = adapter->callIrp();
+        }
+    });
+
+    EXPECT_TRUE(adapter->callUSBDriver(USBCall_Attach));
+    EXPECT_NE(during, nullptr); // still there while the call was under way
+    EXPECT_EQ(adapter->callIrp(), nullptr);
+    EXPECT_EQ(hostk::liveIrps(), 0u);
+    EXPECT_FALSE(adapter->callUSBDriver(USBCall_Attach));
+    EXPECT_EQ(h.model.callCount(USBCall_Attach), 1u);
+}
+
+} // namespace

@@ -1,0 +1,439 @@
+// Device profiles of the model USB driver: the built-in default and the
+// device-info record it produces, the sample JSON profiles, validation
+// errors that name the offending field, and the acceptance of changes.
+#include "usbsim/Profile.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <cctype>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+
+using nlohmann::json;
+using usbsim::DeviceProfile;
+using usbsim::ProfileError;
+
+namespace {
+
+std::string profilePath(const char* name) {
+    return (std::filesystem::path(__FILE__).parent_path().parent_path() / "usbsim" / "profiles" /
+            name)
+        .string();
+}
+
+std::unique_ptr<MMEDeviceInfo> recordOf(const DeviceProfile& p) {
+    auto info = std::make_unique<MMEDeviceInfo>();
+    std::memset(info.get(), 0x5A, sizeof *info); // fillDeviceInfo must clear what it leaves
+    p.fillDeviceInfo(*info);
+    return info;
+}
+
+bool sameRecord(const MMEDeviceInfo& a, const MMEDeviceInfo& b) {
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+// Loads the default profile's JSON, lets the case change it, and returns
+// the error message the reader gives.
+std::string errorAfter(const std::function<void(json&)>& change) {
+    json j = DeviceProfile::builtInDefault().toJson();
+    change(j);
+    try {
+        DeviceProfile::fromJson(j);
+    } catch (const ProfileError& e) {
+        return e.what();
+    }
+    return "(accepted)";
+}
+
+json& alt(json& j, int itf, int a) {
+    return j["configurations"][0]["interfaces"][itf]["altSettings"][a];
+}
+
+// The field and the message of the ProfileError fn throws.
+template <class Fn> std::pair<std::string, std::string> profileErrorOf(Fn&& fn) {
+    try {
+        fn();
+    } catch (const ProfileError& e) {
+        return {e.field(), e.what()};
+    }
+    return {"(accepted)", "(accepted)"};
+}
+
+} // namespace
+
+TEST(UsbsimProfileDefault, RecordDescribesAnEightByEightDevice) {
+    const DeviceProfile p = DeviceProfile::builtInDefault();
+    auto info = recordOf(p);
+    EXPECT_EQ(info->vendorId, p.vendorId);
+    EXPECT_EQ(info->productId, p.productId);
+    EXPECT_EQ(info->thirdWord, p.thirdWord);
+    ASSERT_EQ(info->numConfigurations, 1);
+    const MMEDeviceConfiguration& cfg = info->configurations[0];
+    ASSERT_EQ(cfg.numInterfaces, 2);
+    EXPECT_EQ(cfg.interfaces[0].direction, MME_DIRECTION_OUTPUT);
+    EXPECT_EQ(cfg.interfaces[1].direction, MME_DIRECTION_INPUT);
+    const ULONG rates[] = {44100, 48000, 88200, 96000, 176400, 192000};
+    for (int i = 0; i < 2; ++i) {
+        const MMEDeviceInterface& itf = cfg.interfaces[i];
+        ASSERT_EQ(itf.numAltSettings, 3);
+        // alternate setting 0 is the zero-bandwidth one: nothing to stream
+        EXPECT_EQ(itf.altSettings[0].numEndpoints, 0);
+        EXPECT_EQ(itf.altSettings[0].flag, 0);
+        for (int a = 1; a < 3; ++a) {
+            const MMEDeviceAltSetting& s = itf.altSettings[a];
+            EXPECT_EQ(s.flag, 1);
+            EXPECT_EQ(s.bitsPerSample, a == 1 ? 24 : 16);
+            EXPECT_EQ(s.channels, 8);
+            EXPECT_EQ(s.rateKind, MME_RATES_DISCRETE);
+            ASSERT_EQ(s.numRates, 6);
+            EXPECT_EQ(0, std::memcmp(s.rates, rates, sizeof rates));
+            EXPECT_EQ(s.rates[6], 0u) << "places beyond the count stay zero";
+            EXPECT_EQ(s.lowestRate, 44100u);
+            EXPECT_EQ(s.highestRate, 192000u);
+            ASSERT_EQ(s.numEndpoints, 1);
+            EXPECT_GE(s.endpoints[0].maxPacketSize, 4);
+            // IN endpoint exactly on the input interface
+            EXPECT_EQ((s.endpoints[0].address & 0x80) != 0, i == 1);
+        }
+    }
+    EXPECT_EQ(p.hardware, (ChannelConfig{48000, 8, 8, 24, 24, 0}));
+    EXPECT_EQ(p.digitalLockHz, 0u);
+}
+
+TEST(UsbsimProfileDefault, RingsHoldWholePeriodsAndTheDriversWriteAhead) {
+    DeviceProfile p = DeviceProfile::builtInDefault();
+    p.accept.rates.clear();
+    for (uint32_t period : {256u, 128u, 48u, 1000u}) {
+        p.periodFrames = period;
+        for (uint32_t ch : {1u, 2u, 8u, 32u}) {
+            SCOPED_TRACE(std::to_string(period) + " frames, " + std::to_string(ch) + " channels");
+            p.hardware.inCH = p.hardware.outCH = ch;
+            p.accept.maxInChannels = p.accept.maxOutChannels = ch;
+            const uint32_t frames = p.ringFramesFor(ch);
+            EXPECT_EQ(frames % period, 0u);
+            EXPECT_LE(uint64_t(frames) * ch, 131072u);
+            EXPECT_GT(uint64_t(frames + period) * ch, 131072u) << "largest multiple that fits";
+            // a ring too small for the driver's write-ahead is refused up front
+            const bool fits = frames >= usbsim::minimumRingFrames(period);
+            EXPECT_EQ(profileErrorOf([&] { p.validate(); }).first,
+                      fits ? "(accepted)" : "periodFrames")
+                << frames << " frames";
+        }
+    }
+    p = DeviceProfile::builtInDefault();
+    p.ringFrames = 4096;
+    EXPECT_EQ(p.ringFramesFor(8), 4096u);
+    EXPECT_NO_THROW(p.validate());
+}
+
+TEST(UsbsimProfileFiles, SamplesSurviveAJsonRoundTripAndDefaultJsonIsTheBuiltIn) {
+    for (const char* name : {"default.json", "stereo-16.json", "spdif-locked.json"}) {
+        SCOPED_TRACE(name);
+        const DeviceProfile p = DeviceProfile::fromJsonFile(profilePath(name));
+        const DeviceProfile again = DeviceProfile::fromJsonString(p.toJson().dump());
+        EXPECT_TRUE(sameRecord(*recordOf(p), *recordOf(again)));
+        EXPECT_EQ(p.toJson(), again.toJson());
+    }
+    const DeviceProfile fromFile = DeviceProfile::fromJsonFile(profilePath("default.json"));
+    const DeviceProfile builtIn = DeviceProfile::builtInDefault();
+    EXPECT_TRUE(sameRecord(*recordOf(fromFile), *recordOf(builtIn)));
+    EXPECT_EQ(fromFile.toJson(), builtIn.toJson());
+
+    auto missing = profileErrorOf([] { DeviceProfile::fromJsonFile("/nonexistent/device.json"); });
+    EXPECT_EQ(missing.first, "/nonexistent/device.json");
+    EXPECT_NE(missing.second.find("cannot open"), std::string::npos) << missing.second;
+}
+
+TEST(UsbsimProfileFiles, SpdifSampleCarriesRangesTwoConfigurationsAndASchedule) {
+    const DeviceProfile p = DeviceProfile::fromJsonFile(profilePath("spdif-locked.json"));
+    auto info = recordOf(p);
+    ASSERT_EQ(info->numConfigurations, 2);
+    const MMEDeviceAltSetting& out = info->configurations[0].interfaces[0].altSettings[0];
+    EXPECT_NE(out.rateKind, MME_RATES_DISCRETE);
+    EXPECT_EQ(out.lowestRate, 32000u);
+    EXPECT_EQ(out.highestRate, 96000u);
+    EXPECT_EQ(out.numRates, 0);
+    ASSERT_EQ(out.numEndpoints, 2);
+    EXPECT_EQ(out.endpoints[1].address, 0x83);
+    EXPECT_EQ(info->configurations[0].interfaces[1].altSettings[1].endpoints[0].maxPacketSize, 3);
+    EXPECT_EQ(p.digitalLockHz, 44100u);
+    EXPECT_EQ(p.captureStartPosition, 0xFFFFFF00u);
+    ASSERT_EQ(p.schedule.size(), 5u);
+    EXPECT_EQ(p.schedule[4].kind, usbsim::EventKind::DigitalLock);
+    EXPECT_EQ(p.schedule[4].value, 48000u);
+}
+
+TEST(UsbsimProfileValidation, CapacitiesOfTheRecordNameTheField) {
+    EXPECT_EQ(errorAfter([](json& j) {
+                  auto& rates = alt(j, 1, 2)["rates"];
+                  for (int i = 0; i < 11; ++i)
+                      rates.push_back(8000 + i);
+              }),
+              "configurations[0].interfaces[1].altSettings[2].rates: 17 rates, at most 16");
+    EXPECT_EQ(errorAfter([](json& j) {
+                  for (int i = 0; i < 4; ++i)
+                      j["configurations"].push_back(j["configurations"][0]);
+              }),
+              "configurations: 5 configurations, at most 4");
+    EXPECT_EQ(errorAfter([](json& j) {
+                  auto& itfs = j["configurations"][0]["interfaces"];
+                  while (itfs.size() < 17)
+                      itfs.push_back(itfs[0]);
+              }),
+              "configurations[0].interfaces: 17 interfaces, at most 16");
+    EXPECT_EQ(errorAfter([](json& j) {
+                  auto& alts = j["configurations"][0]["interfaces"][0]["altSettings"];
+                  while (alts.size() < 17)
+                      alts.push_back(alts[1]);
+              }),
+              "configurations[0].interfaces[0].altSettings: 17 alternate settings, at most 16");
+    EXPECT_EQ(errorAfter([](json& j) {
+                  auto& eps = alt(j, 0, 1)["endpoints"];
+                  while (eps.size() < 5)
+                      eps.push_back(eps[0]);
+              }),
+              "configurations[0].interfaces[0].altSettings[1].endpoints: 5 endpoints, at most 4");
+}
+
+TEST(UsbsimProfileValidation, FormatsOutsideWhatTheRecordCanMean) {
+    EXPECT_EQ(errorAfter([](json& j) { alt(j, 0, 1)["bits"] = 18; }),
+              "configurations[0].interfaces[0].altSettings[1].bits: 18 is not one of 16, 20, 24, "
+              "32");
+    EXPECT_EQ(errorAfter([](json& j) { alt(j, 1, 1)["channels"] = 33; }),
+              "configurations[0].interfaces[1].altSettings[1].channels: 33 is out of range 1..32");
+    EXPECT_EQ(errorAfter([](json& j) { alt(j, 1, 1)["channels"] = 0; }),
+              "configurations[0].interfaces[1].altSettings[1].channels: 0 is out of range 1..32");
+    EXPECT_EQ(errorAfter([](json& j) { alt(j, 0, 2)["rates"][3] = 0; }),
+              "configurations[0].interfaces[0].altSettings[2].rates[3]: 0 Hz is out of range "
+              "1000..768000");
+    EXPECT_EQ(errorAfter([](json& j) { alt(j, 0, 2)["rates"][3] = 44100; }),
+              "configurations[0].interfaces[0].altSettings[2].rates[3]: 44100 Hz is listed twice");
+    EXPECT_EQ(errorAfter([](json& j) { alt(j, 0, 2)["rates"] = json::array(); }),
+              "configurations[0].interfaces[0].altSettings[2].rates: no rates (give rates or "
+              "rateRange)");
+    EXPECT_EQ(errorAfter([](json& j) {
+                  alt(j, 0, 1).erase("rates");
+                  alt(j, 0, 1)["rateRange"] = {{"min", 96000}, {"max", 48000}};
+              }),
+              "configurations[0].interfaces[0].altSettings[1].rateRange: min 96000 is above max "
+              "48000");
+    EXPECT_EQ(errorAfter([](json& j) {
+                  alt(j, 0, 1)["rateRange"] = {{"min", 1}, {"max", 2}};
+              }),
+              "configurations[0].interfaces[0].altSettings[1].rateRange: give either rates or "
+              "rateRange, not both");
+    EXPECT_EQ(errorAfter([](json& j) { alt(j, 1, 1)["endpoints"][0]["address"] = "0x80"; }),
+              "configurations[0].interfaces[1].altSettings[1].endpoints[0].address: 0x80 is not a "
+              "data endpoint address (number 1..15, bit 7 = IN)");
+    EXPECT_EQ(errorAfter([](json& j) { alt(j, 1, 1)["endpoints"][0]["address"] = 0x92; }),
+              "configurations[0].interfaces[1].altSettings[1].endpoints[0].address: 0x92 is not a "
+              "data endpoint address (number 1..15, bit 7 = IN)");
+    EXPECT_EQ(errorAfter([](json& j) { alt(j, 1, 0)["rates"] = {48000}; }),
+              "configurations[0].interfaces[1].altSettings[0].rates: a zero-bandwidth setting (no "
+              "endpoints, 0 bits, 0 channels) carries no rates");
+}
+
+TEST(UsbsimProfileValidation, ShapeAndSpellingOfTheJson) {
+    EXPECT_EQ(errorAfter([](json& j) {
+                  alt(j, 0, 1)["rate"] = 48000; // misspelt
+              }),
+              "configurations[0].interfaces[0].altSettings[1].rate: unknown field");
+    EXPECT_EQ(errorAfter([](json& j) { j.erase("vendorId"); }), "vendorId: missing");
+    EXPECT_EQ(errorAfter([](json& j) { j["vendorId"] = "0x1G09"; }),
+              "vendorId: \"0x1G09\" is not a number");
+    EXPECT_EQ(errorAfter([](json& j) { j["productId"] = 70000; }),
+              "productId: 70000 is out of range 0..65535");
+    EXPECT_EQ(errorAfter([](json& j) { j["thirdWord"] = -1; }), "thirdWord: -1 is negative");
+    EXPECT_EQ(errorAfter([](json& j) {
+                  j["configurations"][0]["interfaces"][1]["direction"] = "sideways";
+              }),
+              "configurations[0].interfaces[1].direction: \"sideways\" is not \"input\" or "
+              "\"output\"");
+    EXPECT_EQ(errorAfter([](json& j) { j["configurations"][0]["interfaces"] = 3; }),
+              "configurations[0].interfaces: expected an array, found number");
+    EXPECT_EQ(errorAfter([](json& j) { j["configurations"] = json::array(); }),
+              "configurations: no configuration, at least 1");
+    EXPECT_EQ(errorAfter([](json& j) { j["accept"]["lockedRateOnly"] = "yes"; }),
+              "accept.lockedRateOnly: expected true or false, found string");
+    EXPECT_EQ(errorAfter([](json& j) {
+                  j["accept"]["refuse"] = {{{"reason", "never"}}};
+              }),
+              "accept.refuse[0]: a refusal rule needs at least one of fr, inCH, outCH, inRes, "
+              "outRes, config");
+
+    auto broken = profileErrorOf([] { DeviceProfile::fromJsonString("{ \"vendorId\": 1,"); });
+    EXPECT_NE(broken.second.find("not valid JSON"), std::string::npos) << broken.second;
+    EXPECT_EQ(profileErrorOf([] { DeviceProfile::fromJsonString("[1, 2]"); }).second,
+              "(profile): expected an object, found array");
+}
+
+namespace {
+
+void leafPaths(const json& j, const std::string& pointer, std::vector<std::string>& out) {
+    out.push_back(pointer);
+    if (j.is_object())
+        for (auto it = j.begin(); it != j.end(); ++it)
+            leafPaths(it.value(), pointer + "/" + it.key(), out);
+    else if (j.is_array())
+        for (size_t i = 0; i < j.size(); ++i)
+            leafPaths(j[i], pointer + "/" + std::to_string(i), out);
+}
+
+// "/configurations/0/interfaces/1" -> "configurations[0].interfaces[1]"
+std::string fieldOf(const std::string& pointer) {
+    std::string field;
+    size_t pos = 1;
+    while (pos <= pointer.size() && pointer.size() > 1) {
+        size_t next = pointer.find('/', pos);
+        std::string token = pointer.substr(pos, next - pos);
+        if (!token.empty() && std::isdigit(static_cast<unsigned char>(token[0])))
+            field += "[" + token + "]";
+        else
+            field += (field.empty() ? "" : ".") + token;
+        if (next == std::string::npos)
+            break;
+        pos = next + 1;
+    }
+    return field;
+}
+
+bool related(const std::string& a, const std::string& b) {
+    auto within = [](const std::string& inner, const std::string& outer) {
+        return outer.empty() || (inner.rfind(outer, 0) == 0 &&
+                                 (inner.size() == outer.size() || inner[outer.size()] == '.' ||
+                                  inner[outer.size()] == '['));
+    };
+    return within(a, b) || within(b, a);
+}
+
+} // namespace
+
+// Every field of a profile replaced by every wrong kind of value: the reader
+// answers with a ProfileError naming that field (or what it contains, or the
+// starting configuration it makes unacceptable), never with anything else.
+TEST(UsbsimProfileValidation, AnyWrongValueAnywhereIsNamed) {
+    for (const char* file : {"default.json", "spdif-locked.json"}) {
+        json base = DeviceProfile::fromJsonFile(profilePath(file)).toJson();
+        std::vector<std::string> pointers;
+        leafPaths(base, "", pointers);
+        const json wrong[] = {nullptr,       true,           -1,   1.5,          "x",
+                              json::array(), json::object(), 1e12, 4294967296ull};
+        size_t refused = 0;
+        for (const auto& pointer : pointers) {
+            if (pointer.empty())
+                continue;
+            for (const auto& value : wrong) {
+                json j = base;
+                j[json::json_pointer(pointer)] = value;
+                try {
+                    DeviceProfile::fromJson(j);
+                } catch (const ProfileError& e) {
+                    ++refused;
+                    // an event out of order is named where the order breaks: the next one
+                    const bool order =
+                        e.field().rfind("schedule[", 0) == 0 && pointer.rfind("/schedule/", 0) == 0;
+                    EXPECT_TRUE(related(e.field(), fieldOf(pointer)) || e.field() == "hardware" ||
+                                order)
+                        << pointer << " = " << value.dump() << ": " << e.what();
+                } catch (const std::exception& e) {
+                    ADD_FAILURE() << pointer << " = " << value.dump() << ": " << e.what();
+                }
+            }
+        }
+        EXPECT_GT(refused, pointers.size() * 4) << file;
+    }
+}
+
+TEST(UsbsimProfileValidation, HardwareRingAndSchedule) {
+    EXPECT_EQ(errorAfter([](json& j) { j["hardware"]["inRes"] = 12; }),
+              "hardware.inRes: 12 is not one of 16, 20, 24, 32");
+    EXPECT_EQ(errorAfter([](json& j) { j["hardware"]["fr"] = 0; }),
+              "hardware.fr: 0 Hz is out of range 1000..768000");
+    EXPECT_EQ(errorAfter([](json& j) { j["hardware"]["outCH"] = 40; }),
+              "hardware.outCH: 40 is out of range 0..32");
+    EXPECT_EQ(errorAfter([](json& j) { j["hardware"]["fr"] = 32000; }),
+              "hardware: the accept rules refuse the starting configuration: rate 32000 Hz not "
+              "supported (32000 Hz, 8 in x 24 bits, 8 out x 24 bits, config 0)");
+    EXPECT_EQ(errorAfter([](json& j) { j["periodFrames"] = 0; }),
+              "periodFrames: 0 is out of range 1..4096");
+    EXPECT_EQ(errorAfter([](json& j) { j["ringFrames"] = 2048; }),
+              "ringFrames: 2048 frames, at least 2724 for a period of 256");
+    EXPECT_EQ(errorAfter([](json& j) { j["ringFrames"] = 32768; }),
+              "ringFrames: 32768 frames of 8 channels exceed the ring's 131072 samples");
+    EXPECT_EQ(errorAfter([](json& j) {
+                  j["schedule"] = {{{"period", 3}, {"event", "asioAtach"}}};
+              }),
+              "schedule[0].event: unknown event \"asioAtach\"");
+    EXPECT_EQ(errorAfter([](json& j) {
+                  j["schedule"] = {{{"period", 3}, {"event", "sampleRate"}}};
+              }),
+              "schedule[0].value: missing");
+    EXPECT_EQ(errorAfter([](json& j) {
+                  j["schedule"] = {{{"period", 3}, {"event", "asioDetach"}, {"value", 1}}};
+              }),
+              "schedule[0].value: event \"asioDetach\" takes no value");
+    EXPECT_EQ(errorAfter([](json& j) {
+                  j["schedule"] = {{{"period", 9}, {"event", "asioAttach"}},
+                                   {{"period", 4}, {"event", "asioDetach"}}};
+              }),
+              "schedule[1].period: periods must not go backwards (4 after 9)");
+}
+
+TEST(UsbsimProfileAccept, ChangesAreJudgedByTheRules) {
+    DeviceProfile p = DeviceProfile::fromJsonFile(profilePath("spdif-locked.json"));
+    std::string why;
+    const ChannelConfig base{44100, 2, 4, 24, 24, 7};
+    EXPECT_TRUE(p.accepts(base, 44100, &why)) << why;
+    EXPECT_TRUE(p.accepts({48000, 2, 4, 24, 24, 7}, 0, &why)) << "no lock, listed rate";
+
+    struct Case {
+        ChannelConfig c;
+        uint32_t lock;
+        const char* reason;
+    } cases[] = {
+        {{48000, 2, 4, 24, 24, 7}, 44100, "digital input locked to 44100 Hz"},
+        {{22050, 2, 4, 24, 24, 7}, 0, "rate 22050 Hz not supported"},
+        {{44100, 3, 4, 24, 24, 7}, 44100, "3 input channels outside 0..2"},
+        {{44100, 2, 5, 24, 24, 7}, 44100, "5 output channels outside 0..4"},
+        {{44100, 2, 4, 16, 24, 7}, 44100, "input resolution 16 bits not supported"},
+        {{44100, 2, 4, 24, 32, 7}, 44100, "output resolution 32 bits not supported"},
+        {{44100, 2, 4, 24, 24, 8}, 44100, "configuration word 8 not supported"},
+        {{96000, 2, 4, 24, 24, 7}, 0, "four outputs at 96 kHz exceed the bus bandwidth"},
+    };
+    for (const auto& c : cases) {
+        why.clear();
+        EXPECT_FALSE(p.accepts(c.c, c.lock, &why)) << c.reason;
+        EXPECT_EQ(why.rfind(c.reason, 0), 0u) << why;
+    }
+    EXPECT_TRUE(p.accepts({96000, 2, 2, 24, 24, 7}, 0, &why)) << "the rule needs outCH 4 too";
+
+    p.accept.lockedRateOnly = false;
+    EXPECT_TRUE(p.accepts({48000, 2, 4, 24, 24, 7}, 44100, &why)) << why;
+}
+
+TEST(UsbsimRawDeviceInfo, WritesCountsThatNoProfileWouldAllow) {
+    usbsim::RawDeviceInfo raw(DeviceProfile::builtInDefault());
+    raw.numConfigurations(9)
+        .numInterfaces(0, 200)
+        .numAltSettings(0, 1, 17)
+        .numRates(0, 1, 1, 17)
+        .numEndpoints(0, 1, 1, 255)
+        .ids(0xABCD, 0x1234, 7);
+    const MMEDeviceInfo& info = raw.info();
+    EXPECT_EQ(info.numConfigurations, 9);
+    EXPECT_EQ(info.configurations[0].numInterfaces, 200);
+    EXPECT_EQ(info.configurations[0].interfaces[1].numAltSettings, 17);
+    EXPECT_EQ(info.configurations[0].interfaces[1].altSettings[1].numRates, 17);
+    EXPECT_EQ(info.configurations[0].interfaces[1].altSettings[1].numEndpoints, 255);
+    EXPECT_EQ(info.vendorId, 0xABCD);
+    EXPECT_EQ(info.thirdWord, 7);
+    // everything else is still the profile's
+    EXPECT_EQ(info.configurations[0].interfaces[1].altSettings[1].rates[5], 192000u);
+    EXPECT_EQ(info.configurations[0].interfaces[1].altSettings[1].endpoints[0].address, 0x82);
+
+    usbsim::RawDeviceInfo empty;
+    MMEDeviceInfo zero{};
+    EXPECT_TRUE(sameRecord(empty.info(), zero));
+}

@@ -1,0 +1,345 @@
+// The host verifier's rules where the driver lives: small, deliberately
+// wrong callers show that each rule catches its violation in the context
+// the driver really runs in (a timer DPC, the USB driver's period callback,
+// removal), that a violation left behind fails the test that caused it, and
+// then the driver's own paths (period callbacks with both streams running
+// and the port serviced from them, the attach timer's DPC calling the USB
+// driver, removal with streams open) run with none.
+//
+// Rules: nothing passive-only at dispatch level (timer DPCs and the period
+// callback run there); no allocation and no blocking wait inside the period
+// callback; every IRP freed; every reference on a device object and on the
+// driver's objects returned by the end of removal.
+#include "support/AdapterHarness.h"
+
+#include "host/portcls/KsClient.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr ULONG kTag = 0x56657246; // "FreV"
+constexpr const char* kChildVariable = "MME_VERIFIER_CHILD";
+
+bool anyContains(const std::vector<std::string>& texts, const std::string& part) {
+    for (const auto& t : texts)
+        if (t.find(part) != std::string::npos)
+            return true;
+    return false;
+}
+
+std::string joined(const std::vector<std::string>& texts) {
+    std::string all;
+    for (const auto& t : texts)
+        all += t + "\n";
+    return all;
+}
+
+// Takes the recorded violations, so the test itself ends clean.
+std::vector<std::string> takeViolations() {
+    std::vector<std::string> v = hostk::verifierFailures();
+    hostk::clearVerifierFailures();
+    return v;
+}
+
+LARGE_INTEGER relativeMs(LONGLONG ms) {
+    LARGE_INTEGER t;
+    t.QuadPart = -ms * 10000;
+    return t;
+}
+
+NTSTATUS NTAPI keepRequest(PDEVICE_OBJECT, PIRP, PVOID) {
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+// Sends one call to the USB driver the way the adapter does; the request is
+// handed back unfreed when keep is given.
+NTSTATUS callUsbDriver(PDEVICE_OBJECT usb, ULONG code, MMEAdapterInfo* record,
+                       PIRP* keep = nullptr) {
+    PIRP irp = IoAllocateIrp(usb->StackSize, FALSE);
+    if (!irp)
+        return STATUS_INSUFFICIENT_RESOURCES;
+    PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
+    irp->UserBuffer = record;
+    IoSetCompletionRoutine(irp, &keepRequest, nullptr, TRUE, TRUE, TRUE);
+    stack->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+    stack->Parameters.DeviceIoControl.IoControlCode = code;
+    NTSTATUS status = IofCallDriver(usb, irp);
+    if (keep)
+        *keep = irp;
+    else
+        IoFreeIrp(irp);
+    return status;
+}
+
+// A client of the USB driver other than ours, registered with a period
+// callback that does what the period callback must never do.
+class WrongPeriodClient {
+public:
+    explicit WrongPeriodClient(usbsim::UsbDriverModel& usb, MMEExchangeDataCallback callback)
+        : mUsb(usb) {
+        mRecord.mpContext = this;
+        mRecord.mpfnExchangeData = callback;
+        mRecord.mInterfaceVersion = MME_INTERFACE_VERSION;
+        registered = callUsbDriver(usb.pdo(), USBCall_Register, &mRecord) == STATUS_SUCCESS;
+        usb.attachMME();
+    }
+    ~WrongPeriodClient() { callUsbDriver(mUsb.pdo(), USBCall_Unregister, &mRecord); }
+
+    static void allocates(PVOID, MMEAdapterInfo*) {
+        void* p = ExAllocatePoolWithTag(NonPagedPool, 64, kTag);
+        ExFreePoolWithTag(p, kTag);
+    }
+    static void waits(PVOID, MMEAdapterInfo*) {
+        LARGE_INTEGER t = relativeMs(1);
+        KeDelayExecutionThread(KernelMode, FALSE, &t);
+    }
+    static void allocatesARequest(PVOID, MMEAdapterInfo*) {
+        PIRP irp = IoAllocateIrp(1, FALSE);
+        IoFreeIrp(irp);
+    }
+
+    bool registered = false;
+
+private:
+    usbsim::UsbDriverModel& mUsb;
+    MMEAdapterInfo mRecord{};
+};
+
+// ---- Each rule catches its violation ----
+
+TEST(VerifierRules, PassiveOnlyServicesFromATimerDpcAreCaught) {
+    struct Wrong {
+        KTIMER timer;
+        KDPC dpc;
+        static void routine(PKDPC, PVOID, PVOID, PVOID) {
+            LARGE_INTEGER t = relativeMs(20); // the add/start hand-over's sleep
+            KeDelayExecutionThread(KernelMode, TRUE, &t);
+            KeFlushQueuedDpcs();
+            void* paged = ExAllocatePoolWithTag(PagedPool, 16, kTag);
+            ExFreePoolWithTag(paged, kTag);
+        }
+    };
+    auto wrong = std::make_unique<Wrong>();
+    KeInitializeDpc(&wrong->dpc, &Wrong::routine, nullptr);
+    KeInitializeTimer(&wrong->timer);
+    LARGE_INTEGER due = relativeMs(1000);
+    KeSetTimer(&wrong->timer, due, &wrong->dpc);
+    EXPECT_TRUE(hostk::verifierFailures().empty());
+    hostk::advanceTime(1000 * 10000);
+
+    const auto v = takeViolations();
+    EXPECT_TRUE(anyContains(v, "KeDelayExecutionThread called at DISPATCH_LEVEL")) << joined(v);
+    EXPECT_TRUE(anyContains(v, "KeFlushQueuedDpcs")) << joined(v);
+    EXPECT_TRUE(anyContains(v, "paged pool allocation at DISPATCH_LEVEL")) << joined(v);
+}
+
+TEST(VerifierRules, AllocatingOrWaitingInThePeriodCallbackIsCaught) {
+    usbsim::UsbDriverModel usb;
+    struct Case {
+        MMEExchangeDataCallback callback;
+        std::vector<std::string> expected;
+    } cases[] = {
+        {&WrongPeriodClient::allocates,
+         {"pool allocation of 64 bytes inside the USB driver's period callback"}},
+        {&WrongPeriodClient::waits,
+         {"KeDelayExecutionThread (a blocking wait) inside the USB driver's period callback",
+          "KeDelayExecutionThread called at DISPATCH_LEVEL"}},
+        {&WrongPeriodClient::allocatesARequest,
+         {"IoAllocateIrp inside the USB driver's period callback"}},
+    };
+    for (const Case& c : cases) {
+        WrongPeriodClient client(usb, c.callback);
+        ASSERT_TRUE(client.registered);
+        const uint64_t before = usb.exchangeCalls();
+        usb.runPeriods(1);
+        ASSERT_EQ(usb.exchangeCalls(), before + 1);
+        const auto v = takeViolations();
+        for (const auto& text : c.expected)
+            EXPECT_TRUE(anyContains(v, text)) << "missing: " << text << "\n" << joined(v);
+    }
+}
+
+TEST(VerifierRules, ARequestNeverFreedIsCaught) {
+    usbsim::UsbDriverModel usb;
+    MMEAdapterInfo record{};
+    record.mInterfaceVersion = MME_INTERFACE_VERSION;
+    PIRP kept = nullptr;
+    ASSERT_EQ(callUsbDriver(usb.pdo(), USBCall_Register, &record, &kept), STATUS_SUCCESS);
+    ASSERT_EQ(hostk::liveIrps(), 1u);
+    const std::string problems = hostk::checkClean();
+    EXPECT_NE(problems.find("IRP"), std::string::npos) << problems;
+
+    IoFreeIrp(kept);
+    callUsbDriver(usb.pdo(), USBCall_Unregister, &record);
+    EXPECT_EQ(hostk::liveIrps(), 0u);
+    EXPECT_EQ(hostk::checkClean().find("IRP"), std::string::npos);
+}
+
+TEST(VerifierRules, ReferencesNotReturnedByRemovalAreCaught) {
+    // A reference on the USB driver's device object outlives the device.
+    PDEVICE_OBJECT pdo = nullptr;
+    {
+        usbsim::UsbDriverModel usb;
+        pdo = usb.pdo();
+        ObfReferenceObject(pdo);
+    }
+    std::string problems = hostk::checkClean();
+    EXPECT_NE(problems.find("deleted but still referenced 1 time(s)"), std::string::npos)
+        << problems;
+    ObfDereferenceObject(pdo);
+    EXPECT_EQ(hostk::liveDeviceObjects(), 0u);
+
+    // A reference on the adapter that its holder never gives back keeps it,
+    // and all it holds, alive after removal: the USB driver is never told.
+    adaptertest::DriverHarness device;
+    ASSERT_EQ(device.startStatus, STATUS_SUCCESS);
+    MMEAdapter* adapter = device.adapter();
+    adapter->AddRef();
+    device.remove();
+    EXPECT_EQ(device.model.callCount(USBCall_Unregister), 0u);
+    problems = hostk::checkClean();
+    EXPECT_NE(problems.find("live block"), std::string::npos) << problems;
+    EXPECT_NE(problems.find("IRP"), std::string::npos) << problems;
+
+    adapter->Release();
+    EXPECT_EQ(device.model.callCount(USBCall_Unregister), 1u);
+    EXPECT_EQ(hostk::poolStats().liveBlocks, 0u) << hostk::leakReport();
+    EXPECT_EQ(hostk::liveIrps(), 0u);
+}
+
+TEST(VerifierRules, AViolationFailsTheTestThatCausedIt) {
+    if (std::getenv(kChildVariable)) {
+        // The child: a violation left for the test's end to find.
+        hostk::runAtDispatch([] {
+            LARGE_INTEGER t = relativeMs(1);
+            KeDelayExecutionThread(KernelMode, FALSE, &t);
+        });
+        return;
+    }
+    // The parent runs this test alone in a child process and reads its verdict.
+    char self[4096] = {};
+    ASSERT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
+    const std::string command = std::string(kChildVariable) + "=1 '" + self +
+                                "' --gtest_filter=VerifierRules.AViolationFailsTheTestThatCausedIt "
+                                "2>&1";
+    FILE* child = popen(command.c_str(), "r");
+    ASSERT_NE(child, nullptr);
+    std::string output;
+    char buffer[4096];
+    while (size_t n = std::fread(buffer, 1, sizeof buffer, child))
+        output.append(buffer, n);
+    const int status = pclose(child);
+    ASSERT_TRUE(WIFEXITED(status)) << output;
+    EXPECT_NE(WEXITSTATUS(status), 0) << output;
+    EXPECT_NE(output.find("[ UNCLEAN  ] VerifierRules.AViolationFailsTheTestThatCausedIt"),
+              std::string::npos)
+        << output;
+    EXPECT_NE(output.find("KeDelayExecutionThread called at DISPATCH_LEVEL"), std::string::npos)
+        << output;
+}
+
+// ---- The driver's own paths run clean ----
+
+// Wraps the driver's period entry in the link record: notes the IRQL it is
+// called at and the pool allocations made inside it.
+struct PeriodProbe {
+    static MMEExchangeDataCallback driverEntry;
+    static std::atomic<unsigned> calls;
+    static std::atomic<unsigned> notAtDispatch;
+    static std::atomic<size_t> allocations;
+
+    static void entry(PVOID context, MMEAdapterInfo* info) {
+        if (KeGetCurrentIrql() != DISPATCH_LEVEL)
+            ++notAtDispatch;
+        const size_t before = hostk::poolStats().totalAllocations;
+        driverEntry(context, info);
+        allocations += hostk::poolStats().totalAllocations - before;
+        ++calls;
+    }
+};
+MMEExchangeDataCallback PeriodProbe::driverEntry = nullptr;
+std::atomic<unsigned> PeriodProbe::calls{0};
+std::atomic<unsigned> PeriodProbe::notAtDispatch{0};
+std::atomic<size_t> PeriodProbe::allocations{0};
+
+TEST(VerifierDriverPaths, AWholeDeviceLifeRunsWithoutAViolation) {
+    adaptertest::DriverHarness device;
+    ASSERT_EQ(device.startStatus, STATUS_SUCCESS);
+    usbsim::UsbDriverModel& usb = device.model;
+    PDEVICE_OBJECT pdo = usb.pdo();
+    EXPECT_EQ(pdo->ReferenceCount, 1) << "the adapter holds the USB driver's device object";
+
+    MMEAdapterInfo& link = device.adapter()->linkInfo();
+    PeriodProbe::driverEntry = link.mpfnExchangeData;
+    PeriodProbe::calls = 0;
+    link.mpfnExchangeData = &PeriodProbe::entry;
+
+    auto filter = std::make_unique<hostpc::WaveFilter>(hostpc::subdevice(device.fdo(), L"Wave"));
+    std::unique_ptr<hostpc::KsStream> capture, render;
+    ASSERT_EQ(filter->open(hostpc::kWaveCapturePin, hostpc::pcmFormat(48000, 2, 24), {}, &capture),
+              STATUS_SUCCESS);
+    ASSERT_EQ(filter->open(hostpc::kWaveRenderPin, hostpc::pcmFormat(48000, 2, 16), {}, &render),
+              STATUS_SUCCESS);
+    std::vector<unsigned char> audio(4 * 48000, 0x21);
+    render->write(audio.data(), 48000);
+    ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+
+    // Periods with both streams moving; the port's service routine runs
+    // from each of them.
+    usb.runPeriods(200);
+    std::vector<unsigned char> sink(6 * 48000);
+    capture->read(sink.data(), 48000);
+    EXPECT_GE(PeriodProbe::calls.load(), 190u);
+    EXPECT_EQ(PeriodProbe::notAtDispatch.load(), 0u);
+    EXPECT_EQ(PeriodProbe::allocations.load(), 0u);
+    EXPECT_GT(capture->positionFrames(), 0u);
+    EXPECT_GT(render->positionFrames(), 0u);
+    EXPECT_TRUE(hostk::verifierFailures().empty()) << joined(hostk::verifierFailures());
+
+    // The ASIO client comes and goes: the attach timer's DPC asks the USB
+    // driver for a timed start from dispatch level.
+    usb.asioAttach();
+    usb.asioDetach();
+    usb.clearCalls();
+    usb.runPeriods(200); // a second and more of sample time
+    bool timedStartAtDispatch = false;
+    for (const auto& call : usb.calls())
+        if (call.code == USBCall_TimedStart)
+            timedStartAtDispatch = call.irql == DISPATCH_LEVEL;
+    EXPECT_TRUE(timedStartAtDispatch);
+    EXPECT_TRUE(device.adapter()->isAttached());
+    EXPECT_TRUE(hostk::verifierFailures().empty()) << joined(hostk::verifierFailures());
+
+    // The USB driver forbids further calls from inside a period.
+    usb.defer([&] { usb.preventFurtherCalls(); });
+    usb.runPeriods(2);
+    EXPECT_EQ(device.adapter()->callIrp(), nullptr);
+    EXPECT_EQ(hostk::liveIrps(), 0u);
+
+    // Removal with both streams running gives everything back.
+    device.remove();
+    EXPECT_TRUE(capture->removed());
+    EXPECT_TRUE(render->removed());
+    capture.reset();
+    render.reset();
+    filter.reset();
+    EXPECT_EQ(pdo->ReferenceCount, 0);
+    EXPECT_EQ(hostpc::liveObjects(), 0u);
+    EXPECT_EQ(hostk::liveIrps(), 0u);
+    EXPECT_EQ(hostk::poolStats().liveBlocks, 0u) << hostk::leakReport();
+    EXPECT_EQ(hostk::pendingTimers(), 0u);
+    EXPECT_TRUE(hostk::verifierFailures().empty()) << joined(hostk::verifierFailures());
+}
+
+} // namespace
