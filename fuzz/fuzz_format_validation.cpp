@@ -1,0 +1,168 @@
+// Fuzzes format validation and stream creation with arbitrary KSDATAFORMAT
+// buffers, on the whole driver started over the model USB driver (built
+// once; every input leaves it as it found it).
+//
+// Input: direction, a digital lock frequency, what to do with an opened
+// stream, then the format bytes. Validation gets a heap buffer of exactly
+// the input's length and must read nothing past it. NewStream gets the
+// bytes as the port would hand them over (at least the 64-byte header, with
+// FormatSize saying how many bytes there are).
+//
+// Checks: an accepted format is audio with a WAVEFORMATEX specifier, 16 or
+// 24 bits at one of the pin's rates (the locked one when locked), matched
+// by a range of the pin that holds its channels and block alignment; a
+// stream is created exactly for formats that validate, shapes its DMA
+// channel for the format, and leaves nothing behind when the port lets go.
+#include "FuzzSupport.h"
+
+#include <memory>
+
+namespace {
+
+using fuzzsupport::Input;
+
+ULONG bytesOf(ULONG bits) {
+    return bits == 16 ? 2 : bits == 24 ? 3 : bits == 32 ? 4 : 0;
+}
+
+bool pinOffersRate(const KSPIN_DESCRIPTOR* pin, ULONG rate) {
+    for (ULONG i = 0; i < pin->DataRangesCount; ++i) {
+        const auto* r = reinterpret_cast<const KSDATARANGE_AUDIO*>(pin->DataRanges[i]);
+        if (r->MinimumSampleFrequency == rate)
+            return true;
+    }
+    return false;
+}
+
+void checkAccepted(MMEWave* wave, const std::vector<uint8_t>& bytes, bool capture, ULONG lock,
+                   const KSDATARANGE_AUDIO& range) {
+    FUZZ_CHECK(bytes.size() >= MME_MIN_FORMAT_SIZE, "a short buffer was accepted");
+    const auto* format = reinterpret_cast<const KSDATAFORMAT*>(bytes.data());
+    const auto* wfx = reinterpret_cast<const WAVEFORMATEX*>(bytes.data() + sizeof(KSDATAFORMAT));
+    FUZZ_CHECK(format->FormatSize >= MME_MIN_FORMAT_SIZE, "FormatSize below a WAVEFORMATEX");
+    FUZZ_CHECK(IsEqualGUIDAligned(format->MajorFormat, KSDATAFORMAT_TYPE_AUDIO), "not audio");
+    FUZZ_CHECK(IsEqualGUIDAligned(format->Specifier, KSDATAFORMAT_SPECIFIER_WAVEFORMATEX),
+               "not a WAVEFORMATEX specifier");
+    const ULONG bytesPerSample = bytesOf(wfx->wBitsPerSample);
+    FUZZ_CHECK(wfx->wBitsPerSample == 16 || wfx->wBitsPerSample == 24,
+               "accepted " + std::to_string(wfx->wBitsPerSample) + " bits");
+    FUZZ_CHECK(lock == 0 || wfx->nSamplesPerSec == lock, "accepted a rate the lock forbids");
+    FUZZ_CHECK(pinOffersRate(wave->getStreamPinDescriptor(capture), wfx->nSamplesPerSec),
+               "accepted a rate the pin does not offer");
+    FUZZ_CHECK(range.DataRange.FormatSize == sizeof(KSDATARANGE_AUDIO), "no matched range");
+    FUZZ_CHECK(range.MinimumSampleFrequency == wfx->nSamplesPerSec &&
+                   range.MaximumSampleFrequency == wfx->nSamplesPerSec,
+               "matched range has another rate");
+    FUZZ_CHECK(range.MaximumChannels >= wfx->nChannels && wfx->nChannels >= 1,
+               "matched range does not hold the channels");
+    const bool exact = wfx->nChannels == range.MaximumChannels &&
+                       wfx->nBlockAlign == range.MaximumChannels * bytesPerSample;
+    const bool lower =
+        wfx->nChannels % 2 == 0 && (wfx->nBlockAlign == wfx->nChannels * bytesPerSample ||
+                                    wfx->nBlockAlign == range.MaximumChannels * bytesPerSample);
+    FUZZ_CHECK(exact || lower, "block alignment " + std::to_string(wfx->nBlockAlign) + " for " +
+                                   std::to_string(wfx->nChannels) + " channels");
+}
+
+// The port's view of a format: at least the header, FormatSize = its length.
+std::vector<uint8_t> asPortHandsIt(std::vector<uint8_t> bytes) {
+    if (bytes.size() < sizeof(KSDATAFORMAT))
+        bytes.resize(sizeof(KSDATAFORMAT), 0);
+    const ULONG size = (ULONG)bytes.size();
+    std::memcpy(bytes.data(), &size, sizeof(size));
+    return bytes;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    fuzzsupport::initHost();
+    static fuzzsupport::Stack* rig = new fuzzsupport::Stack();
+    static const HardwareSettings initialSettings = rig->usb.settings();
+    static const ChannelConfig initialWanted = rig->adapter->linkInfo().mcAttachChannels;
+    if (size > 16384)
+        return 0;
+
+    Input in(data, size);
+    const uint8_t flags = in.u8();
+    const bool capture = flags & 1;
+    const ULONG lock = in.oneOf({0, 44100, 48000, 96000});
+    const std::vector<uint8_t> bytes = in.rest();
+
+    fuzzsupport::PoolMark mark([&] { return rig->channelBuffers(); });
+    rig->usb.setDigitalLock(lock);
+
+    // Validation on exactly the input's bytes.
+    {
+        std::unique_ptr<uint8_t[]> exact(new uint8_t[bytes.size() + 1]);
+        if (!bytes.empty())
+            std::memcpy(exact.get(), bytes.data(), bytes.size());
+        KSDATARANGE_AUDIO range;
+        std::memset(&range, 0xEE, sizeof(range));
+        const NTSTATUS status =
+            rig->wave->doValidateFormat(reinterpret_cast<const KSDATAFORMAT*>(exact.get()),
+                                        (ULONG)bytes.size(), capture, &range);
+        FUZZ_CHECK(status == STATUS_SUCCESS || status == STATUS_NOT_SUPPORTED,
+                   "validation status " + std::to_string(status));
+        if (status == STATUS_SUCCESS)
+            checkAccepted(rig->wave, bytes, capture, lock, range);
+    }
+
+    // NewStream as the port calls it, and what the port then does with it.
+    std::vector<uint8_t> format = asPortHandsIt(bytes);
+    KSDATARANGE_AUDIO matched;
+    const NTSTATUS valid =
+        rig->wave->doValidateFormat(reinterpret_cast<const KSDATAFORMAT*>(format.data()),
+                                    (ULONG)format.size(), capture, &matched);
+    fuzzsupport::Stack::Opened opened = rig->open(capture, format);
+    if (opened.status != STATUS_SUCCESS) {
+        FUZZ_CHECK(!opened.stream && !opened.dma && !opened.group,
+                   "a refused NewStream handed something out");
+        FUZZ_CHECK(valid != STATUS_SUCCESS || opened.status == STATUS_INSUFFICIENT_RESOURCES,
+                   "a valid format was refused with " + std::to_string(opened.status));
+    } else {
+        FUZZ_CHECK(valid == STATUS_SUCCESS, "a stream was made for a format that fails validation");
+        MMEWaveStream* stream = opened.object();
+        FUZZ_CHECK((capture ? rig->wave->captureStream() : rig->wave->renderStream()) == stream,
+                   "the miniport does not hold the new stream");
+        const auto* wfx =
+            reinterpret_cast<const WAVEFORMATEX*>(format.data() + sizeof(KSDATAFORMAT));
+        MMEDMAEmulator* dma = stream->dmaChannel();
+        FUZZ_CHECK(dma && dma->wdmChannels() == wfx->nChannels &&
+                       dma->wdmBits() == wfx->wBitsPerSample,
+                   "the DMA channel is not shaped for the format");
+        FUZZ_CHECK(dma->BufferSize() == wfx->nChannels * 4096u * bytesOf(wfx->wBitsPerSample),
+                   "cyclic buffer of " + std::to_string(dma->BufferSize()) + " bytes");
+        // The port's next steps: the same format again, a start, a stop.
+        const NTSTATUS again =
+            opened.stream->SetFormat(reinterpret_cast<PKSDATAFORMAT>(format.data()));
+        FUZZ_CHECK(again == STATUS_SUCCESS || again == STATUS_INVALID_DEVICE_STATE ||
+                       again == STATUS_INVALID_PARAMETER,
+                   "SetFormat status " + std::to_string(again));
+        ULONG framing = 0;
+        const ULONG interval = opened.stream->SetNotificationFreq(10, &framing);
+        FUZZ_CHECK(interval >= 1 && interval <= 256, "interval " + std::to_string(interval));
+        if (flags & 2) {
+            opened.stream->SetState(KSSTATE_ACQUIRE);
+            opened.stream->SetState(KSSTATE_PAUSE);
+            opened.stream->SetState(KSSTATE_RUN);
+            ULONG position = 0;
+            FUZZ_CHECK(opened.stream->GetPosition(&position) == STATUS_SUCCESS &&
+                           position < dma->BufferSize() + (dma->BufferSize() == 0),
+                       "position outside the cyclic buffer");
+            opened.stream->SetState(KSSTATE_STOP);
+        }
+        fuzzsupport::Stack::close(opened);
+        FUZZ_CHECK(!rig->wave->captureStream() && !rig->wave->renderStream(),
+                   "a closed stream is still held");
+        FUZZ_CHECK(!rig->adapter->isWaveRunning(), "the adapter still counts a stream running");
+    }
+
+    rig->usb.setDigitalLock(0);
+    if (rig->usb.settings().current != initialSettings.current)
+        rig->usb.changeHardware(initialSettings.current, false);
+    rig->adapter->linkInfo().mcAttachChannels = initialWanted;
+    mark.check();
+    fuzzsupport::requireNoReports();
+    return 0;
+}

@@ -1,0 +1,206 @@
+#!/usr/bin/env python3
+"""Writes the seed corpora of the fuzz targets into fuzz/corpus/<target>/.
+
+Each seed is a small input in the byte layout its target reads (see the
+header comment of fuzz/fuzz_<target>.cpp): typical requests and the odd
+ones the targets exist for. The seeds are kept in the repository; run this
+again only after changing a target's input layout.
+"""
+import json
+import os
+import shutil
+import struct
+import uuid
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+CORPUS = os.path.join(HERE, "corpus")
+
+
+def guid(text):
+    return uuid.UUID(text).bytes_le
+
+
+AUDIO = guid("73647561-0000-0010-8000-00AA00389B71")
+PCM = guid("00000001-0000-0010-8000-00AA00389B71")
+ANALOG = guid("6DBA3190-67BD-11CF-A0F7-0020AFD156E4")
+WFX = guid("05589F81-C356-11CE-BF01-00AA0055595A")
+NONE = guid("0F6417D6-C318-11D0-A43F-00A0C9223196")
+
+
+def write(target, name, data):
+    folder = os.path.join(CORPUS, target)
+    os.makedirs(folder, exist_ok=True)
+    with open(os.path.join(folder, name), "wb") as f:
+        f.write(data)
+
+
+def u8(*v):
+    return bytes(v)
+
+
+def u16(*v):
+    return struct.pack("<%dH" % len(v), *v)
+
+
+def u32(*v):
+    return struct.pack("<%dI" % len(v), *v)
+
+
+# ---- device_format ----
+
+def alt(bits, channels, rates=(), rng=None, endpoints=((512, 0x01),), flag=1,
+        num_rates=None, num_endpoints=None):
+    rates = list(rates)
+    data = u8(flag, 0,
+              len(endpoints) if num_endpoints is None else num_endpoints, 0,
+              bits, channels, 0 if rng is None else 1,
+              len(rates) if num_rates is None else num_rates)
+    low, high = rng if rng else (0, 0)
+    data += u32(low, high)
+    data += u32(*(rates + [0] * (16 - len(rates))))
+    for packet, address in list(endpoints) + [(0, 0)] * (4 - len(endpoints)):
+        data += u16(packet) + u8(address, 0)
+    assert len(data) == 96
+    return data
+
+
+def interface(direction, alts, num_alts=None):
+    return u8(direction, len(alts) if num_alts is None else num_alts, len(alts)) + b"".join(alts)
+
+
+def record(who, interfaces, num_configs=1, num_interfaces=None, vendor=0x1209, product=0x0001):
+    data = u8(who)
+    if not 1 <= who <= 4:
+        data += u16(vendor, product)
+    data += u16(0) + u8(num_configs)
+    data += u8(len(interfaces) if num_interfaces is None else num_interfaces, len(interfaces))
+    data += b"".join(interfaces)
+    data += u8(0, 0)  # configuration 1: no interfaces
+    data += u8(0)  # no patches
+    return data
+
+
+def device_format():
+    query = u8(0, 1, 24, 2, 0)  # configuration 0, 48000 Hz, 24 bits, 2 channels
+    common = (44100, 48000, 96000)
+    write("device_format", "stereo_and_eight_channels", query + record(0, [
+        interface(0, [alt(24, 2, common), alt(24, 8, common)]),
+        interface(1, [alt(24, 2, common, endpoints=((512, 0x81),)),
+                      alt(24, 8, common, endpoints=((512, 0x81),))]),
+    ]))
+    write("device_format", "continuous_range_by_interface", u8(0, 2, 24, 2, 2) + record(1, [
+        interface(0, [alt(24, 2, rng=(44100, 96000))]),
+        interface(1, [alt(24, 2, rng=(44100, 96000), endpoints=((3, 0x81),))]),
+    ]))
+    write("device_format", "counts_beyond_capacities", u8(3, 7, 24, 2, 1) + record(2, [
+        interface(1, [alt(24, 2, common, num_rates=255, num_endpoints=255,
+                          endpoints=((512, 0x81),))], num_alts=255),
+        interface(0, [alt(24, 2, common)], num_alts=200),
+    ], num_configs=255, num_interfaces=255))
+    write("device_format", "stereo_16_device", u8(0, 0, 16, 2, 2) + record(3, [
+        interface(0, [alt(16, 2, (44100, 48000, 88200, 96000))]),
+        interface(1, [alt(16, 2, (44100, 48000), endpoints=((196, 0x81),)),
+                      alt(24, 4, (48000,), endpoints=((2, 0x81), (196, 0x81)))]),
+    ]))
+    write("device_format", "output_only_odd_channels", u8(0, 5, 24, 3, 0) + record(4, [
+        interface(0, [alt(24, 3, (192000, 176400)), alt(20, 6, (176400,))]),
+    ]))
+
+
+# ---- formats (format_validation, intersection) ----
+
+def ksformat(channels, bits, rate, align=None, extensible=False, size=None, major=AUDIO,
+             specifier=WFX, sample_size=None):
+    align = channels * bits // 8 if align is None else align
+    wfx = u16(0xFFFE if extensible else 1, channels) + u32(rate, rate * align)
+    wfx += u16(align, bits, 22 if extensible else 0)
+    if extensible:
+        wfx += u16(bits) + u32((1 << channels) - 1) + PCM
+    natural = 64 + len(wfx)
+    header = u32(natural if size is None else size, 0,
+                 align if sample_size is None else sample_size, 0) + major + PCM + specifier
+    return header + wfx
+
+
+def format_validation():
+    write("format_validation", "capture_2ch_16bit_lower_channels", u8(1, 0) + ksformat(2, 16, 48000))
+    write("format_validation", "capture_8ch_24bit_exact", u8(3, 0) + ksformat(8, 24, 48000))
+    write("format_validation", "render_extensible_44100", u8(2, 0) +
+          ksformat(2, 24, 44100, extensible=True))
+    write("format_validation", "locked_other_rate", u8(0, 1) + ksformat(2, 16, 48000))
+    write("format_validation", "format_size_81", u8(0, 0) + ksformat(2, 16, 48000, size=81))
+    write("format_validation", "twenty_bits", u8(1, 0) + ksformat(2, 20, 48000, align=6))
+    write("format_validation", "specifier_none", u8(0, 0) + ksformat(2, 16, 48000, specifier=NONE))
+
+
+def audio_range(channels, min_bits, max_bits, min_rate, max_rate, sub=PCM, size=88):
+    # 84 bytes of fields, padded to the 8-byte alignment of KSDATARANGE.
+    return (u32(size, 0, 0, 0) + AUDIO + sub + WFX +
+            u32(channels, min_bits, max_bits, min_rate, max_rate) + bytes(4))
+
+
+def intersection():
+    wide = audio_range(8, 8, 32, 8000, 192000)
+    # pin, own range index, output length index, flags, hardware rate index, lock index
+    write("intersection", "capture_pin_wide_client", u8(0, 0, 0, 16, 0, 0) + wide)
+    write("intersection", "render_pin_capture_open", u8(2, 1, 0, 16 | 4, 0, 0) + wide)
+    write("intersection", "size_query", u8(2, 0, 1, 16, 0, 0) + wide)
+    write("intersection", "bridge_pin", u8(1, 0, 0, 16, 0, 0) + wide)
+    write("intersection", "mono_client", u8(0, 2, 0, 16, 1, 2) +
+          audio_range(1, 16, 24, 44100, 48000))
+    mine = audio_range(6, 16, 24, 48000, 48000)
+    write("intersection", "fuzzed_own_range", u8(0, 200, 0, 16 | 32, 0, 0) + u8(len(mine)) +
+          mine + wide)
+    write("intersection", "analog_client", u8(2, 0, 2, 16, 0, 0) +
+          audio_range(2, 16, 16, 48000, 48000, sub=ANALOG))
+    # A fuzzed range of several rates under a digital lock: the lock is
+    # judged on the lowest common rate, the result carries the highest.
+    several = audio_range(8, 8, 32, 8000, 192000)
+    write("intersection", "several_rates_under_lock", u8(0, 200, 0, 16 | 32, 1, 2) +
+          u8(len(several)) + several + audio_range(2, 16, 24, 44100, 48000))
+
+
+# ---- period_exchange ----
+
+def period_exchange():
+    plain = u8(1)
+    # capture header: channels, frames, write position, write offset (choices), exclusive
+    # render header: channels, frames, write position, write offset, read position (choices)
+    two_passes = u8(0, 0, 0, 2, 0) + u8(0, 0, 0, 0, 0)
+    write("period_exchange", "both_streams_two_passes", plain + plain + u8(0) + two_passes + u32(2))
+    write("period_exchange", "idle_channels_one_pass", u8(0, 0, 0) + u8(0, 0, 0, 1, 1) +
+          u8(0, 0, 0, 0, 0) + u32(0))
+    shaped = u8(1 | 2 | 4) + u32(2, 7, ) + u8(1) + u32(3)
+    write("period_exchange", "shape_does_not_fit_the_ring", shaped + u8(1 | 2) + u32(40, 39) +
+          u8(2) + u8(0) + two_passes + u32(1))
+    write("period_exchange", "broken_headers", plain + plain + u8(0) + u8(5, 5, 0, 2, 0) +
+          u8(7, 4, 0, 0, 0) + u32(2))
+    write("period_exchange", "not_attached_yet_no_capture_ring", plain + plain + u8(2) +
+          two_passes[:5] + u8(0, 0, 0, 0, 1) + u32(0))
+    write("period_exchange", "off_grid_offset_wrapping", u8(1 | 8) + u32(1000) + u8(1 | 8) +
+          u32(16383) + u8(0) + u8(0, 0, 1, 2, 0) + u8(0, 0, 1, 3, 2) + u32(2))
+
+
+# ---- profile ----
+
+def profile():
+    folder = os.path.join(CORPUS, "profile")
+    os.makedirs(folder, exist_ok=True)
+    for name in sorted(os.listdir(os.path.join(HERE, "..", "usbsim", "profiles"))):
+        shutil.copy(os.path.join(HERE, "..", "usbsim", "profiles", name),
+                    os.path.join(folder, name))
+    write("profile", "number_too_large", b"55e333")
+    write("profile", "unknown_field", json.dumps({"name": "x", "colour": "red"}).encode())
+    write("profile", "too_many_rates", json.dumps({"configurations": [{"interfaces": [
+        {"direction": "input", "altSettings": [
+            {"bits": 24, "channels": 2, "rates": list(range(44100, 44117)),
+             "endpoints": [{"maxPacketSize": 512, "address": "0x81"}]}]}]}]}).encode())
+    write("profile", "fractional_rate", b'{"hardware": {"fr": 44100.5}}')
+
+
+if __name__ == "__main__":
+    device_format()
+    format_validation()
+    intersection()
+    period_exchange()
+    profile()
