@@ -1,0 +1,345 @@
+#!/usr/bin/env bash
+# Builds the driver for Windows (the `windows` preset) and checks, without
+# Windows, what a kernel loader and the port-class library rely on:
+#   - the image: PE32+ x86-64, not a DLL, native subsystem, entry point =
+#     DriverEntry, WDM driver / dynamic base / NX flags, base relocations,
+#     no TLS, no section both writable and executable, no AVX code;
+#   - its imports: only ntoskrnl.exe, HAL.dll and portcls.sys, no C or C++
+#     runtime, and only the services the driver's platform names;
+#   - its objects: no static constructors or thread-local data (nothing
+#     would run or allocate them);
+#   - the INF: installs this image and registers the driver's subdevice
+#     names under the DDK's category GUIDs;
+#   - layouts: tools/layout-dump's table from the Windows build equals the
+#     host build's, line for line.
+# Then it relinks deliberately broken variants of the image and makes sure
+# each check above rejects its fault. Prints the import list. Exits non-zero
+# on any failure.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+HOST_BUILD=${MME_HOST_BUILD_DIR:-build/winhost}
+WIN_BUILD=build/windows
+TRIPLET=x86_64-w64-mingw32
+OBJDUMP=$TRIPLET-objdump
+SYS=$WIN_BUILD/windows/mmeusbaudio.sys
+MAP=$WIN_BUILD/windows/mmeusbaudio.map
+OBJ_DIR=$WIN_BUILD/windows/CMakeFiles/mmeusbaudio.dir
+INF=windows/mmeusbaudio.inf
+LAYOUT_EXE=$WIN_BUILD/layout-dump/layout-dump.exe
+HOST_LAYOUT_DUMP=$HOST_BUILD/tools/layout-dump/layout-dump
+
+failures=0
+fail() {
+    echo "windows-check: FAIL: $*"
+    failures=$((failures + 1))
+}
+ok() { echo "windows-check: ok: $*"; }
+
+# Allowed imports per DLL: the driver's platform services as Windows
+# provides them (ExAllocatePool is ExAllocatePoolWithTag under POOL_TAGGING;
+# RtlCopyMemory, RtlMoveMemory and RtlZeroMemory are memcpy, memmove and
+# memset; the interlocked operations, IRQL, IoGetNextIrpStackLocation,
+# IoSetCompletionRoutine and KeGetCurrentThread are inline on x64), plus the
+# spin lock and DPC-flush services.
+ALLOWED_NTOSKRNL="DbgPrint RtlAssert KeGetCurrentThread KeDelayExecutionThread
+  KeInitializeTimer KeInitializeDpc KeSetTimer KeCancelTimer
+  ObfReferenceObject ObfDereferenceObject IoAllocateIrp IoFreeIrp IofCallDriver
+  ExAllocatePoolWithTag ExFreePoolWithTag memcmp memcpy memmove memset
+  KeAcquireSpinLockRaiseToDpc KeReleaseSpinLock KeAcquireSpinLockAtDpcLevel
+  KeReleaseSpinLockFromDpcLevel KeFlushQueuedDpcs"
+ALLOWED_PORTCLS="PcInitializeAdapterDriver PcAddAdapterDevice PcNewPort PcRegisterSubdevice
+  PcRegisterPhysicalConnection PcNewServiceGroup"
+ALLOWED_HAL=""
+
+# check_image IMAGE MAP [quiet]: headers and imports of a linked image.
+check_image() {
+    local image=$1 map=$2 quiet=${3:-}
+    local headers sections
+    headers=$("$OBJDUMP" -p "$image")
+    sections=$("$OBJDUMP" -h "$image")
+    field() { awk -v name="$1" '$1 == name { print $2; exit }' <<<"$headers"; }
+    directory_size() { awk -v name="$1" 'index($0, name) { print $4; exit }' <<<"$headers"; }
+
+    grep -q "file format pei-x86-64" <<<"$headers" && ok "PE image for x86-64" ||
+        fail "not a pei-x86-64 image"
+    [ "$(field Magic)" = "020b" ] && ok "PE32+" || fail "optional header magic $(field Magic), not 020b (PE32+)"
+    awk '/^Characteristics/ { f = 1; next } f && /^\t/ { print; next } f { exit }' <<<"$headers" |
+        grep -qx $'\tDLL' && fail "image is marked as a DLL" || ok "image is not a DLL"
+    [ "$(field Subsystem)" = "00000001" ] && ok "subsystem native (1)" ||
+        fail "subsystem $(field Subsystem), not 1 (native)"
+
+    local entry base driver_entry
+    entry=$((16#$(field AddressOfEntryPoint)))
+    base=$((16#$(field ImageBase)))
+    driver_entry=$(awk '$2 == "DriverEntry" && $1 ~ /^0x/ { print $1; exit }' "$map")
+    if [ "$entry" -eq 0 ]; then
+        fail "no entry point"
+    elif [ -z "$driver_entry" ]; then
+        fail "DriverEntry is not in the link map"
+    elif [ $((base + entry)) -ne $((driver_entry)) ]; then
+        fail "entry point $(printf 0x%x $((base + entry))) is not DriverEntry ($driver_entry)"
+    else
+        ok "entry point is DriverEntry ($(printf 0x%x "$entry"))"
+    fi
+
+    local dllchars flag
+    dllchars=$(awk '/^DllCharacteristics/ { f = 1; next } f && /^\t\t/ { print $1; next } f { exit }' <<<"$headers")
+    for flag in WDM_DRIVER DYNAMIC_BASE NX_COMPAT; do
+        grep -qx "$flag" <<<"$dllchars" && ok "DllCharacteristics $flag" ||
+            fail "DllCharacteristics lacks $flag"
+    done
+
+    local reloc_size tls_size wx
+    reloc_size=$(directory_size "Base Relocation Directory")
+    if [ $((16#${reloc_size:-0})) -gt 0 ] && grep -q ' \.reloc ' <<<"$sections"; then
+        ok "base relocations present ($((16#$reloc_size)) bytes)"
+    else
+        fail "no base relocations (the kernel could not load the image at another address)"
+    fi
+    tls_size=$(directory_size "Thread Storage Directory")
+    [ $((16#${tls_size:-0})) -eq 0 ] && ok "no TLS directory" || fail "image has a TLS directory"
+    wx=$(awk '/^ *[0-9]+ / { name = $2; next } /CODE/ && !/READONLY/ { print name }' <<<"$sections")
+    [ -z "$wx" ] && ok "no writable code section" || fail "writable code section(s): $wx"
+    # The kernel saves no AVX state for a driver that has not asked for it.
+    local avx
+    avx=$("$OBJDUMP" -d "$image" | grep -cE '%[yz]mm[0-9]' || true)
+    [ "$avx" -eq 0 ] && ok "no AVX instructions" || fail "$avx instruction(s) use AVX registers"
+
+    local imports dlls dll lower fn list unused
+    imports=$(awk '
+        /^\tDLL Name:/ { dll = $3; next }
+        /^The / { dll = "" }
+        dll != "" && /^\t[0-9a-f]+\t/ { print dll, $NF }
+        dll != "" && /^$/ { dll = "" }' <<<"$headers")
+    dlls=$(awk '/^\tDLL Name:/ { print $3 }' <<<"$headers")
+    if [ -z "$quiet" ]; then
+        echo "windows-check: imports of $(basename "$image"):"
+        awk '{ printf "    %-14s %s\n", $1, $2 }' <<<"$imports"
+    fi
+    [ -n "$dlls" ] || fail "the image imports nothing (not linked against the kernel?)"
+    for dll in $dlls; do
+        lower=$(tr '[:upper:]' '[:lower:]' <<<"$dll")
+        case "$lower" in
+        ntoskrnl.exe | hal.dll | portcls.sys) ok "imports from $dll" ;;
+        msvcr* | msvcp* | ucrtbase* | api-ms-win-crt-* | vcruntime* | libstdc++* | libgcc* | libwinpthread*)
+            fail "imports from the C/C++ runtime DLL $dll" ;;
+        *) fail "imports from $dll (only ntoskrnl.exe, HAL.dll and portcls.sys are allowed)" ;;
+        esac
+    done
+    while read -r dll fn; do
+        [ -n "$dll" ] || continue
+        case "$(tr '[:upper:]' '[:lower:]' <<<"$dll")" in
+        ntoskrnl.exe) list=$ALLOWED_NTOSKRNL ;;
+        portcls.sys) list=$ALLOWED_PORTCLS ;;
+        hal.dll) list=$ALLOWED_HAL ;;
+        *) continue ;; # the DLL itself has failed above
+        esac
+        grep -qw -- "$fn" <<<"$list" ||
+            fail "imports $fn from $dll, a service the driver's platform does not name"
+    done <<<"$imports"
+    if [ -z "$quiet" ]; then
+        unused=""
+        for fn in $ALLOWED_NTOSKRNL $ALLOWED_PORTCLS; do
+            grep -qw -- "$fn" <<<"$(awk '{ print $2 }' <<<"$imports")" || unused="$unused $fn"
+        done
+        [ -z "$unused" ] || echo "windows-check: not imported (inline on x64, or not used):$unused"
+    fi
+}
+
+# check_objects OBJECT...: no static initialisation the kernel would skip.
+check_objects() {
+    local obj names found=""
+    [ "$#" -gt 0 ] || fail "no driver objects found"
+    for obj in "$@"; do
+        names=$("$OBJDUMP" -h "$obj" | awk '/^ *[0-9]+ / { print $2 }')
+        if grep -qE '^(\.ctors|\.dtors|\.init_array|\.fini_array|\.CRT\$X|\.tls)' <<<"$names"; then
+            found="$found ${obj##*/}"
+        fi
+    done
+    [ -z "$found" ] && ok "no static constructors or thread-local data in $# objects" ||
+        fail "static constructors or thread-local data (never run in a driver) in:$found"
+}
+
+# check_inf WINDOWS_LAYOUT: the INF against the image name, the driver's
+# subdevice names and the DDK's category GUIDs (from the Windows layout).
+check_inf() {
+    local win_layout=$1 name value category inf ddk
+    inf_string() {
+        awk -F= -v key="$1" '{ k = $1; gsub(/[ \t]/, "", k) } k == key {
+            v = $2; sub(/^[ \t]*"/, "", v); sub(/"[ \t\r]*$/, "", v); print v; exit }' "$INF"
+    }
+    grep -qiE '^Class *= *MEDIA' "$INF" && ok "INF installs a MEDIA class device" || fail "INF class is not MEDIA"
+    grep -qiE "^ServiceBinary *= *%1[23]%\\\\$(basename "$SYS")" "$INF" &&
+        ok "INF service runs $(basename "$SYS")" || fail "INF ServiceBinary is not $(basename "$SYS")"
+    for name in Wave Topology; do
+        value=$(inf_string "KSNAME_$name")
+        if [ "$value" != "$name" ]; then
+            fail "INF KSNAME_$name is \"$value\", not \"$name\""
+        elif ! grep -rqF "L\"$name\"" driver --include='*.cpp'; then
+            fail "the driver registers no subdevice named L\"$name\""
+        else
+            ok "INF registers the driver's \"$name\" subdevice"
+        fi
+    done
+    for category in AUDIO RENDER CAPTURE TOPOLOGY; do
+        inf=$(inf_string "KSCATEGORY_$category" | tr '[:lower:]' '[:upper:]')
+        ddk=$(awk -v n="KSCATEGORY_$category" '$1 == n && $2 == "guid" { print $3 }' "$win_layout")
+        if [ -z "$inf" ] || [ "$inf" != "$ddk" ]; then
+            fail "INF KSCATEGORY_$category is \"$inf\", the DDK's is \"$ddk\""
+        elif ! grep -qE "^AddInterface *= *%KSCATEGORY_$category%" "$INF"; then
+            fail "INF registers no interface in KSCATEGORY_$category"
+        else
+            ok "INF KSCATEGORY_$category $inf"
+        fi
+    done
+}
+
+# check_layouts HOST_LAYOUT WINDOWS_LAYOUT
+check_layouts() {
+    if [ ! -s "$1" ] || [ ! -s "$2" ]; then
+        fail "a layout table is empty"
+    elif ! diff -u --label host "$1" --label windows "$2"; then
+        fail "host and Windows layouts differ (lines above)"
+    else
+        ok "host and Windows layouts identical ($(wc -l <"$1") entries: sizes, offsets, slots, values, GUIDs)"
+    fi
+}
+
+# expect_rejected WHAT PATTERN COMMAND...: COMMAND (a check, run in a
+# subshell so its failures do not count) must report a failure matching
+# PATTERN.
+expect_rejected() {
+    local what=$1 pattern=$2 output
+    shift 2
+    output=$("$@")
+    if grep -q "FAIL: .*$pattern" <<<"$output"; then
+        echo "windows-check: self-test: rejects $what"
+    else
+        fail "self-test: $what passed the checks"
+    fi
+}
+
+self_test() {
+    local dir=$self_test_dir link_flags objects
+    # The driver's link, as windows/CMakeLists.txt has it.
+    link_flags=(-nostdlib -Wl,--subsystem,native -Wl,--entry,DriverEntry -Wl,--wdmdriver
+        -Wl,--dynamicbase -Wl,--enable-reloc-section -Wl,--nxcompat -Wl,--high-entropy-va -Wl,--image-base,0x140000000
+        -Wl,--disable-auto-import -Wl,--disable-runtime-pseudo-reloc -Wl,--gc-sections -s)
+    mapfile -t objects < <(find "$OBJ_DIR" -name '*.obj' | sort)
+    relink() { # NAME EXTRA...
+        local name=$1
+        shift
+        "$TRIPLET-g++" "${link_flags[@]}" "$@" -Wl,-Map,"$dir/$name.map" "${objects[@]}" \
+            "$WIN_BUILD/windows/libportcls.a" -lntoskrnl -lhal -lksguid -o "$dir/$name.sys"
+    }
+
+    # The relink itself must pass, or the rejections below prove nothing.
+    relink same
+    if grep -q "FAIL" <<<"$(check_image "$dir/same.sys" "$dir/same.map" quiet)"; then
+        fail "self-test: the unchanged relink fails the checks"
+    fi
+
+    relink norelocs -Wl,--disable-reloc-section
+    expect_rejected "an image without base relocations" "no base relocations" \
+        check_image "$dir/norelocs.sys" "$dir/norelocs.map" quiet
+    relink dll -shared
+    expect_rejected "an image linked as a DLL" "marked as a DLL" \
+        check_image "$dir/dll.sys" "$dir/dll.map" quiet
+    relink console -Wl,--subsystem,console
+    expect_rejected "a console-subsystem image" "subsystem" \
+        check_image "$dir/console.sys" "$dir/console.map" quiet
+    relink wrongentry -Wl,--entry,_purecall
+    expect_rejected "an entry point other than DriverEntry" "is not DriverEntry" \
+        check_image "$dir/wrongentry.sys" "$dir/wrongentry.map" quiet
+
+    printf '%s\n' '__declspec(dllimport) void KeBugCheck(unsigned long);' \
+        'void mmeSelfTestExtra(unsigned long c) { KeBugCheck(c); }' >"$dir/extra.c"
+    "$TRIPLET-gcc" -c -O2 "$dir/extra.c" -o "$dir/extra.obj"
+    relink extraimport "$dir/extra.obj" -Wl,--undefined,mmeSelfTestExtra
+    expect_rejected "an import the platform does not name" "KeBugCheck" \
+        check_image "$dir/extraimport.sys" "$dir/extraimport.map" quiet
+
+    printf '%s\n' '__declspec(dllimport) int atoi(const char*);' \
+        'int mmeSelfTestCrt(const char* s) { return atoi(s); }' >"$dir/crt.c"
+    "$TRIPLET-gcc" -c -O2 "$dir/crt.c" -o "$dir/crt.obj"
+    relink crt "$dir/crt.obj" -Wl,--undefined,mmeSelfTestCrt -lmsvcrt
+    expect_rejected "an import from the C runtime" "C/C++ runtime DLL" \
+        check_image "$dir/crt.sys" "$dir/crt.map" quiet
+
+    printf '%s\n' 'typedef float v8sf __attribute__((vector_size(32)));' \
+        'void mmeSelfTestAvx(v8sf* a, const v8sf* b) { *a += *b; }' >"$dir/avx.c"
+    "$TRIPLET-gcc" -c -O2 -mavx "$dir/avx.c" -o "$dir/avx.obj"
+    relink avx "$dir/avx.obj" -Wl,--undefined,mmeSelfTestAvx
+    expect_rejected "AVX instructions" "AVX registers" check_image "$dir/avx.sys" "$dir/avx.map" quiet
+
+    printf '%s\n' 'int mmeSelfTestValue();' 'int gSelfTest = mmeSelfTestValue();' >"$dir/ctor.cpp"
+    "$TRIPLET-g++" -c -O2 "$dir/ctor.cpp" -o "$dir/ctor.obj"
+    expect_rejected "a static constructor" "static constructors" \
+        check_objects "${objects[@]}" "$dir/ctor.obj"
+
+    local host=$1 win=$2
+    sed 's/^\(KSDATARANGE_AUDIO.MaximumChannels offset\) 64$/\1 68/' "$win" >"$dir/layout"
+    expect_rejected "a layout difference" "layouts differ" check_layouts "$host" "$dir/layout"
+
+    # The table reader refuses a cut-off image with a message, or reads it
+    # whole when the cut spares the table; it never crashes.
+    local size cut rc bad=""
+    size=$(stat -c %s "$LAYOUT_EXE")
+    for cut in 0 2 64 300 1024 $((size / 2)) $((size - 1)); do
+        head -c "$cut" "$LAYOUT_EXE" >"$dir/cut.exe"
+        rc=0
+        "$HOST_LAYOUT_DUMP" --pe "$dir/cut.exe" >"$dir/cut.out" 2>"$dir/cut.err" || rc=$?
+        if [ "$rc" -eq 0 ] && cmp -s "$dir/cut.out" "$win"; then
+            continue
+        elif [ "$rc" -ne 2 ] || ! grep -q '^layout-dump: ' "$dir/cut.err"; then
+            bad="$bad $cut:$rc"
+        fi
+    done
+    [ -z "$bad" ] && echo "windows-check: self-test: layout-dump refuses cut-off images" ||
+        fail "self-test: layout-dump on cut-off images (bytes:exit status):$bad"
+}
+
+main() {
+    local tool
+    for tool in cmake ninja "$TRIPLET-g++" "$TRIPLET-gcc" "$OBJDUMP" "$TRIPLET-dlltool"; do
+        command -v "$tool" >/dev/null || {
+            echo "windows-check: $tool not found (scripts/setup.sh installs it)" >&2
+            exit 2
+        }
+    done
+
+    cmake --preset windows >/dev/null
+    cmake --build --preset windows -j 2
+    if [ ! -f "$HOST_BUILD/CMakeCache.txt" ]; then
+        cmake -S . -B "$HOST_BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMME_BENCH=OFF >/dev/null
+    fi
+    cmake --build "$HOST_BUILD" -j 2 --target layout-dump
+
+    local objects
+    mapfile -t objects < <(find "$OBJ_DIR" -name '*.obj' | sort)
+    host_layout=$(mktemp)
+    win_layout=$(mktemp)
+    self_test_dir=$(mktemp -d)
+    trap 'rm -rf "$host_layout" "$win_layout" "$self_test_dir"' EXIT
+    "$HOST_LAYOUT_DUMP" >"$host_layout" || fail "host layout-dump failed"
+    "$HOST_LAYOUT_DUMP" --pe "$LAYOUT_EXE" >"$win_layout" ||
+        fail "cannot read the layout table of $LAYOUT_EXE"
+
+    check_image "$SYS" "$MAP"
+    check_objects "${objects[@]}"
+    check_inf "$win_layout"
+    check_layouts "$host_layout" "$win_layout"
+
+    if [ "$failures" -eq 0 ]; then
+        self_test "$host_layout" "$win_layout"
+    fi
+
+    if [ "$failures" -ne 0 ]; then
+        echo "windows-check: $failures failure(s)"
+        exit 1
+    fi
+    echo "windows-check: all checks passed"
+}
+
+main "$@"
