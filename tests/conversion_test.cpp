@@ -296,24 +296,34 @@ TEST(ConvertInput, RefusedArgumentsUnknownWidthAndInPlace) {
 }
 
 TEST(ConvertOutput, StreamPcmBecomesRingFramesOfEachWidth) {
-    // 2-channel stream on an 8-channel ring, through the render shift.
-    const ULONG frames = 9, ring = 8, wdm = 2;
-    for (ULONG bits : {16u, 24u, 32u}) {
-        SCOPED_TRACE(bits);
-        const ULONG width = bits / 8;
-        auto pcm = randomBytes(frames * wdm * width, bits);
-        std::vector<LONG> out(frames * ring + 1, 0x3C3C3C3C), expected(frames * ring + 1, 0);
-        expected.back() = 0x3C3C3C3C;
-        convertOutput(frames, pcm.data(), wdm, bits, out.data(), ring);
-        shiftRight8(out.data(), frames * ring);
-        for (ULONG f = 0; f < frames; ++f) {
-            for (ULONG c = 0; c < wdm; ++c) {
-                uint32_t raw = 0;
-                std::memcpy(&raw, pcm.data() + (f * wdm + c) * width, width);
-                expected[f * ring + c] = ringFromWdm(raw, bits);
+    // A 2-channel stream on rings of the widths with loops of their own and
+    // one without, through the render shift. The stream ends right before
+    // an unmapped page: the last frame must not be read past.
+    const ULONG wdm = 2;
+    for (ULONG ring : {3u, 8u, 12u, 32u}) {
+        for (ULONG frames : {1u, 9u}) {
+            for (ULONG bits : {16u, 24u, 32u}) {
+                SCOPED_TRACE(testing::Message() << ring << " ring channels, " << frames
+                                                << " frames, " << bits << " bits");
+                const ULONG width = bits / 8;
+                auto bytes = randomBytes(frames * wdm * width, bits + ring);
+                GuardedBytes pcm(bytes.size());
+                std::memcpy(pcm.data(), bytes.data(), bytes.size());
+                std::vector<LONG> out(frames * ring + 1, 0x3C3C3C3C),
+                    expected(frames * ring + 1, 0);
+                expected.back() = 0x3C3C3C3C;
+                convertOutput(frames, pcm.data(), wdm, bits, out.data(), ring);
+                shiftRight8(out.data(), frames * ring);
+                for (ULONG f = 0; f < frames; ++f) {
+                    for (ULONG c = 0; c < wdm; ++c) {
+                        uint32_t raw = 0;
+                        std::memcpy(&raw, bytes.data() + (f * wdm + c) * width, width);
+                        expected[f * ring + c] = ringFromWdm(raw, bits);
+                    }
+                }
+                EXPECT_EQ(out, expected);
             }
         }
-        EXPECT_EQ(out, expected);
     }
     // The documented render values at 16 bits.
     const int16_t doc[3] = {int16_t(0x8000), 0x0001, 0x7FFF};

@@ -81,23 +81,50 @@ template <ULONG Bytes> inline ULONGLONG pairAt(const UCHAR* p) {
     return load<ULONGLONG>(p);
 }
 
-// A stereo stream into ring frames of `stride` (>= 3) samples.
+typedef ULONGLONG v2du __attribute__((vector_size(16)));
+
+// One ring frame of Fixed samples (0: `stride`, known at run time only) whose
+// first two are `pair` and the rest zero. From four samples on, the first
+// 16-byte store carries the pair and two zeros.
+template <ULONG Fixed> inline void pairFrame(LONG* out, ULONGLONG pair, SIZE_T stride) {
+    const SIZE_T n = Fixed ? Fixed : stride;
+    if (n >= 4) {
+        v2du head = {pair, 0};
+        store(out, head);
+        zeroFill(out + 4, n - 4);
+    } else {
+        store(out, pair);
+        if (n == 3)
+            out[2] = 0;
+    }
+}
+
+// A stereo stream into ring frames of `stride` (>= 3) samples. The common
+// ring widths get loops of their own so the zeros are a fixed run of stores.
+template <ULONG Bytes, ULONG Fixed>
+void widenPairsAs(ULONG frames, const UCHAR* __restrict in, LONG* __restrict out, SIZE_T stride) {
+    SIZE_T f = 0;
+    if (Bytes == 3) {
+        // Another frame follows, so the 8-byte load (2 bytes past this
+        // pair) stays inside the source.
+        for (; f + 1 < frames; ++f, in += 6, out += stride) {
+            ULONGLONG w = load<ULONGLONG>(in);
+            ULONGLONG pair = ((ULONGLONG)((ULONG)(w >> 16) & 0xFFFFFF00u) << 32) | (ULONG)(w << 8);
+            pairFrame<Fixed>(out, pair, stride);
+        }
+    }
+    for (; f < frames; ++f, in += 2 * Bytes, out += stride)
+        pairFrame<Fixed>(out, pairAt<Bytes>(in), stride);
+}
+
 template <ULONG Bytes>
 void widenPairs(ULONG frames, const UCHAR* __restrict in, LONG* __restrict out, ULONG stride) {
-    if (stride >= 4) {
-        // The first 16-byte store carries the pair and two zeros.
-        for (SIZE_T f = 0; f < frames; ++f, in += 2 * Bytes, out += stride) {
-            typedef ULONGLONG v2du __attribute__((vector_size(16)));
-            v2du head = {pairAt<Bytes>(in), 0};
-            store(out, head);
-            zeroFill(out + 4, stride - 4);
-        }
-        return;
-    }
-    for (SIZE_T f = 0; f < frames; ++f, in += 2 * Bytes, out += stride) {
-        store(out, pairAt<Bytes>(in));
-        out[2] = 0;
-    }
+    if (stride == 8)
+        widenPairsAs<Bytes, 8>(frames, in, out, 8);
+    else if (stride == 32)
+        widenPairsAs<Bytes, 32>(frames, in, out, 32);
+    else
+        widenPairsAs<Bytes, 0>(frames, in, out, stride);
 }
 
 // Stream PCM straight into ring frames of `stride` samples whose channels
@@ -276,10 +303,13 @@ void padExtraChannels(LONG* buffer, ULONG frames, ULONG keep, ULONG pad) {
         }
         return;
     case 2:
-        for (SIZE_T f = frames; f-- > 0;) {
-            ULONGLONG v = load<ULONGLONG>(buffer + 2 * f);
-            store(buffer + f * stride, v);
-            zeroFill(buffer + f * stride + 2, pad);
+        // A frame's zeros only cover samples of frames already moved.
+        if (stride == 8) {
+            for (SIZE_T f = frames; f-- > 0;)
+                pairFrame<8>(buffer + 8 * f, load<ULONGLONG>(buffer + 2 * f), 8);
+        } else {
+            for (SIZE_T f = frames; f-- > 0;)
+                pairFrame<0>(buffer + f * stride, load<ULONGLONG>(buffer + 2 * f), stride);
         }
         return;
     default:
