@@ -80,12 +80,7 @@ MMEWave::DataRangeIntersection(ULONG PinId, PKSDATARANGE ClientDataRange, PKSDAT
 
     bool captureOpen;
     bool renderOpen;
-    {
-        KIRQL irql = acquireStreamLock();
-        captureOpen = mpStreamCapture != nullptr;
-        renderOpen = mpStreamRender != nullptr;
-        releaseStreamLock(irql);
-    }
+    openStreams(&captureOpen, &renderOpen);
     if (pPinDescriptor->DataFlow == KSPIN_DATAFLOW_OUT && captureOpen) {
         DbgPrint("MMEWave::DataRangeIntersection ERROR: capture stream already allocated\n");
         return STATUS_NO_MATCH;

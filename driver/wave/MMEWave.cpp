@@ -54,6 +54,13 @@ void MMEWave::releaseStreamLock(KIRQL oldIrql) {
     KeReleaseSpinLock(&mStreamLock, oldIrql);
 }
 
+void MMEWave::openStreams(bool* captureOpen, bool* renderOpen) {
+    KIRQL irql = acquireStreamLock();
+    *captureOpen = mpStreamCapture != nullptr;
+    *renderOpen = mpStreamRender != nullptr;
+    releaseStreamLock(irql);
+}
+
 void MMEWave::enterFormatChange() {
     PKTHREAD self = KeGetCurrentThread();
     if (__atomic_load_n(&mFormatChangeOwner, __ATOMIC_RELAXED) == self) {
@@ -311,12 +318,7 @@ NTSTATUS MMEWave::applyFormatChange(MMEWaveStream* stream, const WAVEFORMATEX* w
     const ULONG rate = waveFormat->nSamplesPerSec;
     bool captureOpen;
     bool renderOpen;
-    {
-        KIRQL irql = acquireStreamLock();
-        captureOpen = mpStreamCapture != nullptr;
-        renderOpen = mpStreamRender != nullptr;
-        releaseStreamLock(irql);
-    }
+    openStreams(&captureOpen, &renderOpen);
     const bool callerIsCapture = stream->isCapture();
 
     if (captureOpen || renderOpen) {

@@ -64,6 +64,8 @@ public:
     // hold it only around plain reads and writes.
     KIRQL acquireStreamLock();
     void releaseStreamLock(KIRQL oldIrql);
+    // Which streams are open at this moment, read under the lock.
+    void openStreams(bool* captureOpen, bool* renderOpen);
     // The stream of the other direction, or null. Caller holds the lock.
     MMEWaveStream* otherStreamLocked(const MMEWaveStream* stream) const;
 
