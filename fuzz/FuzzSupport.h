@@ -15,6 +15,7 @@
 #include "driver/wave/MMEWaveStream.h"
 #include "host/kernel/HostKernel.h"
 #include "host/portcls/HostPortCls.h"
+#include "support/WaveRig.h"
 #include "usbsim/UsbDriverModel.h"
 
 #include <cstddef>
@@ -153,30 +154,11 @@ public:
     Stack(const Stack&) = delete;
     Stack& operator=(const Stack&) = delete;
 
-    struct Opened {
-        NTSTATUS status = STATUS_UNSUCCESSFUL;
-        PMINIPORTWAVECYCLICSTREAM stream = nullptr;
-        PDMACHANNEL dma = nullptr;
-        PSERVICEGROUP group = nullptr;
-        MMEWaveStream* object() const { return static_cast<MMEWaveStream*>(stream); }
-    };
+    using Opened = wavetest::OpenedStream;
     Opened open(bool capture, std::vector<UCHAR>& format) {
-        Opened o;
-        o.status = wave->NewStream(
-            &o.stream, nullptr, NonPagedPool, capture ? WAVE_PIN_CAPTURE : WAVE_PIN_RENDER, capture,
-            reinterpret_cast<PKSDATAFORMAT>(format.data()), &o.dma, &o.group);
-        return o;
+        return wavetest::openStream(wave, capture, format);
     }
-    // Lets go of what open() handed out, as the port does when a pin closes.
-    static void close(Opened& o) {
-        if (o.group)
-            o.group->Release();
-        if (o.dma)
-            o.dma->Release();
-        if (o.stream)
-            o.stream->Release();
-        o = Opened();
-    }
+    static void close(Opened& o) { wavetest::closeStream(o); }
     // Buffers the DMA channels keep after their streams close.
     size_t channelBuffers() const {
         size_t n = 0;

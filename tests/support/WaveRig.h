@@ -130,6 +130,35 @@ public:
     NTSTATUS initStatus = STATUS_UNSUCCESSFUL;
 };
 
+// What NewStream handed out for one pin.
+struct OpenedStream {
+    NTSTATUS status = STATUS_UNSUCCESSFUL;
+    PMINIPORTWAVECYCLICSTREAM stream = nullptr;
+    PDMACHANNEL dma = nullptr;
+    PSERVICEGROUP group = nullptr;
+    MMEWaveStream* object() const { return static_cast<MMEWaveStream*>(stream); }
+};
+
+// NewStream as the port calls it; release what it gave with closeStream().
+inline OpenedStream openStream(MMEWave* wave, bool capture, std::vector<UCHAR>& format) {
+    OpenedStream o;
+    o.status = wave->NewStream(&o.stream, nullptr, NonPagedPool,
+                               capture ? WAVE_PIN_CAPTURE : WAVE_PIN_RENDER, capture,
+                               reinterpret_cast<PKSDATAFORMAT>(format.data()), &o.dma, &o.group);
+    return o;
+}
+
+// Lets go of what openStream() handed out, as the port does when a pin closes.
+inline void closeStream(OpenedStream& o) {
+    if (o.group)
+        o.group->Release();
+    if (o.dma)
+        o.dma->Release();
+    if (o.stream)
+        o.stream->Release();
+    o = OpenedStream();
+}
+
 class StackRig {
 public:
     explicit StackRig(usbsim::DeviceProfile profile = usbsim::DeviceProfile::builtInDefault())
@@ -151,31 +180,11 @@ public:
     StackRig(const StackRig&) = delete;
     StackRig& operator=(const StackRig&) = delete;
 
-    struct Opened {
-        NTSTATUS status = STATUS_UNSUCCESSFUL;
-        PMINIPORTWAVECYCLICSTREAM stream = nullptr;
-        PDMACHANNEL dma = nullptr;
-        PSERVICEGROUP group = nullptr;
-        MMEWaveStream* object() const { return static_cast<MMEWaveStream*>(stream); }
-    };
-    // NewStream as the port calls it; the caller releases what it got
-    // with close().
+    using Opened = OpenedStream;
     Opened open(bool capture, std::vector<UCHAR>& format) {
-        Opened o;
-        o.status =
-            wave->NewStream(&o.stream, nullptr, NonPagedPool, capture ? 0 : 2, capture,
-                            reinterpret_cast<PKSDATAFORMAT>(format.data()), &o.dma, &o.group);
-        return o;
+        return openStream(wave, capture, format);
     }
-    static void close(Opened& o) {
-        if (o.group)
-            o.group->Release();
-        if (o.dma)
-            o.dma->Release();
-        if (o.stream)
-            o.stream->Release();
-        o = Opened();
-    }
+    static void close(Opened& o) { closeStream(o); }
 
     usbsim::UsbDriverModel usb;
     hostpc::DriverLoader loader;
