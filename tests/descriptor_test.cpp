@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-using wavetest::audioRange;
+using hostpc::clientRange;
 using wavetest::DeviceInfoBuilder;
 using wavetest::LightRig;
 
@@ -112,7 +112,7 @@ TEST(GenericDescriptor, FilterPinsNodesAndConnectionsAsLaidOut) {
 TEST(GenericDescriptor, RangeSlotsAndPointersStayInsideTheBlock) {
     DescriptorPtr d(generateDefaultDescriptor());
     ASSERT_TRUE(d);
-    const KSDATARANGE_AUDIO fresh = audioRange(2, 32, 32, 44100, 44100);
+    const KSDATARANGE_AUDIO fresh = clientRange(2, 32, 32, 44100, 44100);
     for (ULONG i = 0; i < GEN_MAX_DATA_RANGES; ++i) {
         SCOPED_TRACE(i);
         EXPECT_EQ(d->CaptureDataRangePointers[i], &d->CaptureDataRanges[i].DataRange);
@@ -155,7 +155,7 @@ TEST(GenericDescriptor, InitAudioDataRangeFillsEveryField) {
     KSDATARANGE_AUDIO r;
     std::memset(&r, 0xCC, sizeof(r));
     initAudioDataRange(&r, 6, 24, 96000);
-    EXPECT_TRUE(sameRange(r, audioRange(6, 24, 24, 96000, 96000)));
+    EXPECT_TRUE(sameRange(r, clientRange(6, 24, 24, 96000, 96000)));
 }
 
 TEST(WavePinLookups, StreamingPinsFoundOnlyWithRanges) {

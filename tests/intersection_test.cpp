@@ -11,7 +11,7 @@
 
 #include <cstring>
 
-using wavetest::audioRange;
+using hostpc::clientRange;
 using wavetest::DeviceInfoBuilder;
 using wavetest::LightRig;
 using wavetest::StackRig;
@@ -50,8 +50,8 @@ protected:
     }
     DeviceInfoBuilder dev;
     std::unique_ptr<LightRig> rig;
-    KSDATARANGE_AUDIO client = audioRange(8, 8, 32, 8000, 192000);
-    KSDATARANGE_AUDIO pin48k = audioRange(6, 16, 24, 48000, 48000);
+    KSDATARANGE_AUDIO client = clientRange(8, 8, 32, 8000, 192000);
+    KSDATARANGE_AUDIO pin48k = clientRange(6, 16, 24, 48000, 48000);
 };
 
 } // namespace
@@ -85,8 +85,8 @@ TEST_F(Intersection, ChannelMasks) {
         ULONG mask;
     } cases[] = {{2, 0x3}, {8, 0xFF}, {31, 0x7FFFFFFF}, {32, 0xFFFFFFFF}, {40, 0xFFFFFFFF}};
     for (auto c : cases) {
-        KSDATARANGE_AUDIO mine = audioRange(c.channels, 16, 16, 48000, 48000);
-        KSDATARANGE_AUDIO wide = audioRange(64, 8, 32, 8000, 192000);
+        KSDATARANGE_AUDIO mine = clientRange(c.channels, 16, 16, 48000, 48000);
+        KSDATARANGE_AUDIO wide = clientRange(64, 8, 32, 8000, 192000);
         Answer b = intersect(rig->wave, WAVE_PIN_CAPTURE, &wide, &mine);
         ASSERT_EQ(b.status, STATUS_SUCCESS);
         EXPECT_EQ(b.format.WaveFormatExt.dwChannelMask, c.mask) << c.channels;
@@ -97,19 +97,19 @@ TEST_F(Intersection, ChannelMasks) {
 TEST_F(Intersection, EmptyIntersectionsAndMono) {
     struct Case {
         const char* line;
-        KSDATARANGE_AUDIO clientRange;
+        KSDATARANGE_AUDIO range;
     } cases[] = {
-        {"...cDataRangeIntersection.MaximumChannels < 2", audioRange(1, 8, 32, 8000, 192000)},
+        {"...cDataRangeIntersection.MaximumChannels < 2", clientRange(1, 8, 32, 8000, 192000)},
         {"...cDataRangeIntersection.MinimumBitsPerSample > "
          "cDataRangeIntersection.MaximumBitsPerSample",
-         audioRange(8, 32, 32, 8000, 192000)},
+         clientRange(8, 32, 32, 8000, 192000)},
         {"...cDataRangeIntersection.MinimumSampleFrequency > "
          "cDataRangeIntersection.MaximumSampleFrequency",
-         audioRange(8, 8, 32, 96000, 192000)},
+         clientRange(8, 8, 32, 96000, 192000)},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.line);
-        Answer a = intersect(rig->wave, WAVE_PIN_CAPTURE, &c.clientRange, &pin48k);
+        Answer a = intersect(rig->wave, WAVE_PIN_CAPTURE, &c.range, &pin48k);
         EXPECT_EQ(a.status, STATUS_NO_MATCH);
         EXPECT_TRUE(tracecap::containsLine(c.line));
         EXPECT_EQ(a.length, 104u); // the size was given before the intersection
@@ -133,7 +133,7 @@ TEST_F(Intersection, BufferLengthProtocol) {
     EXPECT_TRUE(tracecap::containsLine("...!ResultantFormatPtr"));
 
     // A size query can succeed for ranges that then do not intersect.
-    KSDATARANGE_AUDIO mono = audioRange(1, 16, 24, 48000, 48000);
+    KSDATARANGE_AUDIO mono = clientRange(1, 16, 24, 48000, 48000);
     EXPECT_EQ(intersect(rig->wave, WAVE_PIN_CAPTURE, &client, &mono, 0).status,
               STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(intersect(rig->wave, WAVE_PIN_CAPTURE, &client, &mono).status, STATUS_NO_MATCH);
@@ -208,13 +208,13 @@ TEST_F(Intersection, DigitalLockBindsTheRate) {
     EXPECT_EQ(a.status, STATUS_NO_MATCH);
     EXPECT_TRUE(tracecap::containsLine(
         "...cDataRangeIntersection.MinimumSampleFrequency != uHWDigitalLockedFrequency"));
-    KSDATARANGE_AUDIO pin44k = audioRange(2, 16, 16, 44100, 44100);
+    KSDATARANGE_AUDIO pin44k = clientRange(2, 16, 16, 44100, 44100);
     EXPECT_EQ(intersect(rig->wave, WAVE_PIN_CAPTURE, &client, &pin44k).status, STATUS_SUCCESS);
 }
 
 TEST(IntersectionWithoutAdapter, InvalidDeviceState) {
     LightRig rig(nullptr, /*init=*/false);
-    KSDATARANGE_AUDIO r = audioRange(2, 16, 16, 48000, 48000);
+    KSDATARANGE_AUDIO r = clientRange(2, 16, 16, 48000, 48000);
     Answer a = intersect(rig.wave, 0, &r, &r);
     EXPECT_EQ(a.status, STATUS_INVALID_DEVICE_STATE);
     EXPECT_EQ(a.length, kNoLength);
@@ -225,9 +225,9 @@ TEST(IntersectionWithoutAdapter, InvalidDeviceState) {
 // holds the other pin to the hardware's rate.
 TEST(IntersectionWithStreams, OpenStreamsBindPinsAndRate) {
     StackRig stack; // 8 in / 8 out, hardware at 48000 Hz
-    KSDATARANGE_AUDIO client = audioRange(8, 8, 32, 8000, 192000);
-    KSDATARANGE_AUDIO at44 = audioRange(8, 16, 24, 44100, 44100);
-    KSDATARANGE_AUDIO at48 = audioRange(8, 16, 24, 48000, 48000);
+    KSDATARANGE_AUDIO client = clientRange(8, 8, 32, 8000, 192000);
+    KSDATARANGE_AUDIO at44 = clientRange(8, 16, 24, 44100, 44100);
+    KSDATARANGE_AUDIO at48 = clientRange(8, 16, 24, 48000, 48000);
     // No stream open: any of the pin's rates.
     EXPECT_EQ(intersect(stack.wave, WAVE_PIN_RENDER, &client, &at44).status, STATUS_SUCCESS);
 

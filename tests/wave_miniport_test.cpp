@@ -251,7 +251,7 @@ TEST_F(WaveMiniportStreams, OnSetFormatKeepsOneRateForBothDirections) {
     // Opened with another rate: created all the same (its Init ignores the refusal).
     StackRig::Opened render = stack.open(false, at44);
     ASSERT_EQ(render.status, STATUS_SUCCESS);
-    KSDATARANGE_AUDIO range = wavetest::audioRange(8, 16, 24, 44100, 44100);
+    KSDATARANGE_AUDIO range = hostpc::clientRange(8, 16, 24, 44100, 44100);
 
     tracecap::clearTrace();
     EXPECT_EQ(stack.wave->onSetFormat(render.object(), wavetest::waveOf(at44), &range, false),
@@ -286,7 +286,7 @@ TEST_F(WaveMiniportStreams, OnSetFormatAsksForTheRangesChannelCount) {
 
     stack.usb.settings().current.inCH = 4;
     stack.usb.settings().current.outCH = 6;
-    KSDATARANGE_AUDIO eight = wavetest::audioRange(8, 16, 24, 48000, 48000);
+    KSDATARANGE_AUDIO eight = hostpc::clientRange(8, 16, 24, 48000, 48000);
     EXPECT_EQ(stack.wave->onSetFormat(s, wfx, &eight, false), STATUS_SUCCESS);
     ChannelConfig wanted;
     stack.adapter->getAttachChannels(&wanted);
@@ -294,7 +294,7 @@ TEST_F(WaveMiniportStreams, OnSetFormatAsksForTheRangesChannelCount) {
     EXPECT_EQ(wanted.outCH, 6u); // the other direction as the hardware has it
     EXPECT_EQ(wanted.fr, 48000u);
 
-    KSDATARANGE_AUDIO mono = wavetest::audioRange(1, 16, 24, 48000, 48000);
+    KSDATARANGE_AUDIO mono = hostpc::clientRange(1, 16, 24, 48000, 48000);
     tracecap::clearTrace();
     EXPECT_EQ(stack.wave->onSetFormat(s, wfx, &mono, false), STATUS_INVALID_PARAMETER);
     EXPECT_TRUE(

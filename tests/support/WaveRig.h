@@ -19,6 +19,7 @@
 #include "driver/wave/MMEWaveStream.h"
 #include "host/kernel/HostKernel.h"
 #include "host/portcls/HostPortCls.h"
+#include "host/portcls/KsClient.h"
 #include "usbsim/UsbDriverModel.h"
 
 #include <algorithm>
@@ -237,22 +238,6 @@ inline std::vector<UCHAR> makeFormat(const FormatDesc& s) {
 
 inline const WAVEFORMATEX* waveOf(const std::vector<UCHAR>& format) {
     return reinterpret_cast<const WAVEFORMATEX*>(format.data() + sizeof(KSDATAFORMAT));
-}
-
-inline KSDATARANGE_AUDIO audioRange(ULONG maxChannels, ULONG minBits, ULONG maxBits, ULONG minRate,
-                                    ULONG maxRate) {
-    KSDATARANGE_AUDIO r;
-    std::memset(&r, 0, sizeof(r));
-    r.DataRange.FormatSize = sizeof(KSDATARANGE_AUDIO);
-    r.DataRange.MajorFormat = KSDATAFORMAT_TYPE_AUDIO;
-    r.DataRange.SubFormat = KSDATAFORMAT_SUBTYPE_PCM;
-    r.DataRange.Specifier = KSDATAFORMAT_SPECIFIER_WAVEFORMATEX;
-    r.MaximumChannels = maxChannels;
-    r.MinimumBitsPerSample = minBits;
-    r.MaximumBitsPerSample = maxBits;
-    r.MinimumSampleFrequency = minRate;
-    r.MaximumSampleFrequency = maxRate;
-    return r;
 }
 
 } // namespace wavetest
