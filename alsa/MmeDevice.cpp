@@ -15,7 +15,10 @@ namespace {
 
 constexpr size_t kRecentLines = 400;
 
-std::atomic<bool> gDeviceOpen{false};
+// The process's device, shared by its PCMs of the same parameters (a
+// program that plays and records at once, on one device).
+std::mutex gDeviceLock;
+std::weak_ptr<Device> gDevice;
 
 // What the driver says when it refuses something, by the words it uses.
 const char* const kReasonWords[] = {
@@ -70,7 +73,6 @@ public:
         mInner->write(source + size_t(mSkip) * channels, frames - mSkip, channels);
         mSkip = 0;
     }
-    void finish() override { mInner->finish(); }
     std::string describe() const override { return mInner->describe(); }
 
 private:
@@ -81,7 +83,59 @@ private:
     uint32_t mSkip = 0;
 };
 
+// The device's output: always into the loopback when there is one, into the
+// output backend's window once a render stream has begun.
+class OutputRouter : public usbsim::OutputBackend {
+public:
+    explicit OutputRouter(std::shared_ptr<usbsim::LoopbackBackend> loop) : mLoop(std::move(loop)) {}
+    void configure(uint32_t rate, uint32_t channels) override {
+        if (mLoop)
+            mLoop->configure(rate, channels);
+    }
+    void write(const int32_t* source, uint32_t frames, uint32_t channels) override {
+        if (mLoop)
+            mLoop->write(source, frames, channels);
+        if (StreamWindow* window = mWindow.load(std::memory_order_acquire))
+            window->write(source, frames, channels);
+    }
+    std::string describe() const override { return "router"; }
+    // Client thread; the window's backend is configured already.
+    void begin(std::unique_ptr<StreamWindow> window) {
+        mOwned = std::move(window);
+        mWindow.store(mOwned.get(), std::memory_order_release);
+    }
+
+private:
+    std::shared_ptr<usbsim::LoopbackBackend> mLoop;
+    std::unique_ptr<StreamWindow> mOwned;
+    std::atomic<StreamWindow*> mWindow{nullptr};
+};
+
 } // namespace
+
+std::shared_ptr<Device> Device::acquire(const DeviceParams& params) {
+    std::lock_guard<std::mutex> lock(gDeviceLock);
+    std::shared_ptr<Device> device = gDevice.lock();
+    if (device) {
+        const DeviceParams& p = device->params();
+        if (p.profile != params.profile || p.input != params.input || p.output != params.output ||
+            p.driver != params.driver || p.trace != params.trace)
+            throw DeviceError("this process has the device open already, with other parameters");
+        return device;
+    }
+    device.reset(new Device(params));
+    gDevice = device;
+    return device;
+}
+
+std::string Device::release(std::shared_ptr<Device>& device) {
+    std::lock_guard<std::mutex> lock(gDeviceLock);
+    std::string problems;
+    if (device && device.use_count() == 1)
+        problems = device->shutdown();
+    device.reset();
+    return problems;
+}
 
 TraceTap::TraceTap(const std::string& path) {
     if (!path.empty()) {
@@ -139,11 +193,23 @@ Device::Device(const DeviceParams& params) : mParams(params) {
                           "\": this build runs the linked-in driver only (driver \"linked\"); "
                           "it cannot load a .sys image");
     std::shared_ptr<usbsim::InputBackend> input;
+    std::shared_ptr<usbsim::LoopbackBackend> loop;
     try {
-        input = usbsim::makeInput(params.input);
+        if (params.input.compare(0, 8, "loopback") == 0) {
+            // "loopback[:FRAMES]": what the device plays, FRAMES (512) later.
+            const std::string frames = params.input.size() > 9 ? params.input.substr(9) : "512";
+            if (params.input.size() > 8 && params.input[8] != ':')
+                throw std::invalid_argument("input \"" + params.input +
+                                            "\": use loopback[:FRAMES]");
+            loop = std::make_shared<usbsim::LoopbackBackend>(uint32_t(std::stoul(frames)));
+            input = loop;
+        } else {
+            input = usbsim::makeInput(params.input);
+        }
         mOutput = usbsim::makeOutput(params.output);
     } catch (const std::exception& e) {
-        throw DeviceError(e.what());
+        throw DeviceError(std::string("input ") + params.input + ", output " + params.output +
+                          ": " + e.what());
     }
     usbsim::DeviceProfile profile = usbsim::DeviceProfile::builtInDefault();
     if (!params.profile.empty()) {
@@ -153,14 +219,16 @@ Device::Device(const DeviceParams& params) : mParams(params) {
             throw DeviceError("bad profile " + params.profile + ": " + e.what());
         }
     }
-    if (gDeviceOpen.exchange(true))
-        throw DeviceError("this process has the device open already");
-    mHoldsProcess = true;
     try {
         mTrace.reset(new TraceTap(params.trace));
         hostk::useVirtualTime(false);
         mModel.reset(new usbsim::UsbDriverModel(std::move(profile)));
+        if (loop && loop->latencyFrames() < mModel->periodFrames())
+            throw DeviceError("loopback of " + std::to_string(loop->latencyFrames()) +
+                              " frames: below the device's period");
         mModel->setInput(input);
+        mRouter = std::make_shared<OutputRouter>(loop);
+        mModel->setOutput(mRouter);
         mLoader.reset(new hostpc::DriverLoader());
         if (!NT_SUCCESS(mLoader->entryStatus()))
             throw DeviceError("DriverEntry failed: " + hostpc::statusName(mLoader->entryStatus()));
@@ -205,9 +273,11 @@ void Device::beginOutput(std::function<uint64_t()> streamFrames) {
     if (mOutputBegun || !mOutput)
         return;
     mOutputBegun = true;
-    // Installed once the stream runs, so the file takes the rate the
+    // Configured once the stream runs, so the file takes the rate the
     // hardware runs at for it.
-    mModel->setOutput(std::make_shared<StreamWindow>(mOutput, *mModel, std::move(streamFrames)));
+    mOutput->configure(mModel->settings().current.fr, mModel->renderRing().mChannelsPerFrame);
+    static_cast<OutputRouter*>(mRouter.get())
+        ->begin(std::make_unique<StreamWindow>(mOutput, *mModel, std::move(streamFrames)));
 }
 
 uint32_t Device::renderRingEnd() const {
@@ -244,8 +314,10 @@ std::string Device::shutdown() {
     std::string problems;
     if (mModel) {
         mModel->stopRealTime();
+        mModel->setOutput(nullptr);
         try {
-            mModel->finishOutput();
+            if (mOutput && mOutputBegun)
+                mOutput->finish();
         } catch (const std::exception& e) {
             problems = e.what();
         }
@@ -255,16 +327,13 @@ std::string Device::shutdown() {
     const bool had = mModel != nullptr;
     mModel.reset();
     mOutput.reset();
+    mRouter.reset();
     if (had) {
         const std::string left = hostk::checkClean();
         if (!left.empty())
             problems += (problems.empty() ? "" : "; ") + left;
     }
     mTrace.reset();
-    if (mHoldsProcess) {
-        mHoldsProcess = false;
-        gDeviceOpen = false;
-    }
     return problems;
 }
 

@@ -4,8 +4,9 @@
 // it, and the driver's trace (to a file when asked, always kept in memory so
 // that a refusal can be explained in the driver's own words).
 //
-// One device per process at a time: the host kernel's debug output and clock
-// are process-wide.
+// One device per process at a time (the host kernel's debug output and clock
+// are process-wide), shared by the process's PCMs of the same parameters, so
+// that a program can play and record on it at once.
 #pragma once
 
 #include "host/portcls/HostPortCls.h"
@@ -31,7 +32,8 @@ public:
 // The parameters of pcm.mme in the ALSA configuration.
 struct DeviceParams {
     std::string profile;           // device profile JSON; empty: the built-in default
-    std::string input = "silence"; // what the device hears (usbsim::makeInput's words)
+    std::string input = "silence"; // what the device hears: usbsim::makeInput's words, or
+                                   // loopback[:FRAMES] (what it plays, FRAMES later)
     std::string output = "null";   // where what it plays goes (usbsim::makeOutput's words)
     std::string driver = "linked"; // "linked", or a .sys image
     std::string trace;             // the driver's trace into this file; empty: none
@@ -60,7 +62,14 @@ private:
 
 class Device {
 public:
-    // Loads the driver, adds and starts the device and starts the clock.
+    // The process's device for these parameters: the one open already, or a
+    // new one (loads the driver, adds and starts the device, starts the
+    // clock). Throws DeviceError.
+    static std::shared_ptr<Device> acquire(const DeviceParams& params);
+    // Drops a user; the last one shuts the device down and gets what the
+    // host kernel reported left over (empty when clean).
+    static std::string release(std::shared_ptr<Device>& device);
+
     explicit Device(const DeviceParams& params); // throws DeviceError
     ~Device();
     Device(const Device&) = delete;
@@ -102,8 +111,8 @@ private:
     std::unique_ptr<hostpc::DriverLoader> mLoader;
     std::unique_ptr<hostpc::WaveFilter> mFilter;
     std::shared_ptr<usbsim::OutputBackend> mOutput;
+    std::shared_ptr<usbsim::OutputBackend> mRouter;
     bool mOutputBegun = false;
-    bool mHoldsProcess = false;
 };
 
 } // namespace mmealsa

@@ -57,7 +57,7 @@ private:
 struct Pcm {
     snd_pcm_ioplug_t io{};
     DeviceParams params;
-    std::unique_ptr<Device> device;
+    std::shared_ptr<Device> device;
     int wakeFd = -1;
     bool capture = false;
 
@@ -462,11 +462,11 @@ void destroy(Pcm* p) {
     p->transferred = 0;
     std::string problems;
     if (p->device) {
-        problems = p->device->shutdown();
+        const bool last = p->device.use_count() == 1;
+        problems = Device::release(p->device);
         if (!problems.empty())
             SNDERR("mme: the device did not come down cleanly: %s", problems.c_str());
-        p->device.reset();
-        writeSummary(p, problems);
+        writeSummary(p, last ? problems : "shared");
     }
     if (p->wakeFd >= 0)
         ::close(p->wakeFd);
@@ -602,7 +602,7 @@ int open(snd_pcm_t** pcmp, const char* name, snd_config_t* conf, snd_pcm_stream_
         return err;
     }
     try {
-        p->device.reset(new Device(p->params));
+        p->device = Device::acquire(p->params);
     } catch (const std::exception& e) {
         SNDERR("mme: %s", e.what());
         ::close(p->wakeFd);
