@@ -20,6 +20,8 @@ pcm_type.mme { lib "$plugin" }
 pcm.mme { type mme output "wav:$work/device.wav" summary "$work/summary" }
 pcm.mme_pattern { type mme input "pattern" summary "$work/summary" }
 pcm.mme_locked { type mme profile "$source/usbsim/profiles/spdif-locked.json" }
+pcm.mme_sys { type mme driver "$work/mmeusbaudio.sys" }
+pcm.mme_typo { type mme ouptut "null" }
 EOF
 export ALSA_CONFIG_PATH=$work/asound.conf HOME=$work
 
@@ -60,6 +62,11 @@ refuse) # the locked digital input allows 44100 Hz only; the driver says why
         fail "no reason from the driver: $(cat err.txt)"
     $check make in44.wav 44100 16 2 4410
     aplay -q -D mme_locked in44.wav || fail "the locked rate was refused too"
+    # Parameters the plugin cannot follow: refused with what is wrong.
+    for pcm in "mme_sys:cannot load a .sys image" "mme_typo:unknown field ouptut"; do
+        if aplay -q -D "${pcm%%:*}" in44.wav 2>err.txt; then fail "${pcm%%:*} played"; fi
+        grep -q "${pcm#*:}" err.txt || fail "${pcm%%:*}: $(cat err.txt)"
+    done
     ;;
 stall) # stopped for a second: underrun, recovery, glitches for the gap
     rate=44100
