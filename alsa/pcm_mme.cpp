@@ -54,6 +54,13 @@ private:
     int mFd;
 };
 
+// The render stream as the device's output window sees it from the model's
+// clock thread; it may outlive the PCM when another PCM keeps the device.
+struct StreamShare {
+    std::mutex lock;
+    hostpc::KsStream* stream = nullptr;
+};
+
 struct Pcm {
     snd_pcm_ioplug_t io{};
     DeviceParams params;
@@ -61,9 +68,8 @@ struct Pcm {
     int wakeFd = -1;
     bool capture = false;
 
-    // Only the program's thread changes these; the output window reads the
-    // stream under streamLock.
-    std::mutex streamLock;
+    // Only the program's thread changes these.
+    std::shared_ptr<StreamShare> share = std::make_shared<StreamShare>();
     std::unique_ptr<hostpc::KsStream> stream;
     std::unique_ptr<WakingQueue> queue;
     unsigned frameBytes = 0;
@@ -106,13 +112,13 @@ void drainWakes(int fd) {
 }
 
 void closeStream(Pcm* p) {
-    std::unique_ptr<hostpc::KsStream> stream;
-    {
-        std::lock_guard<std::mutex> lock(p->streamLock);
-        stream = std::move(p->stream);
-    }
+    std::unique_ptr<hostpc::KsStream> stream = std::move(p->stream);
     if (!stream)
         return;
+    {
+        std::lock_guard<std::mutex> lock(p->share->lock);
+        p->share->stream = nullptr;
+    }
     const hostpc::StreamCounters c = stream->counters();
     p->closed.glitches += c.glitches;
     p->closed.silenceFrames += c.silenceFrames;
@@ -201,9 +207,10 @@ int mmeHwParams(snd_pcm_ioplug_t* io, snd_pcm_hw_params_t*) {
         return -EINVAL;
     }
     p->queue = std::move(queue);
+    p->stream = std::move(stream);
     {
-        std::lock_guard<std::mutex> lock(p->streamLock);
-        p->stream = std::move(stream);
+        std::lock_guard<std::mutex> lock(p->share->lock);
+        p->share->stream = p->stream.get();
     }
     p->streamText = std::string(direction(p)) + " " + text;
     return 0;
@@ -262,9 +269,9 @@ int runStream(Pcm* p) {
         return p->stream->removed() ? -ENODEV : -EIO;
     }
     if (!p->capture)
-        device.beginOutput([p] {
-            std::lock_guard<std::mutex> lock(p->streamLock);
-            return p->stream ? p->stream->positionFrames() : 0;
+        device.beginOutput([share = p->share] {
+            std::lock_guard<std::mutex> lock(share->lock);
+            return share->stream ? share->stream->positionFrames() : 0;
         });
     return 0;
 }
