@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Real ALSA programs (aplay, arecord, speaker-test, sox) against the mme
-# plugin, with a private ALSA configuration: the system's alsa.conf, HOME in
-# a scratch folder (so no ~/.asoundrc counts) and pcm.mme* naming the plugin
-# by its path in the build. The device runs in real time: files are short.
+# plugin, with a private ALSA configuration: the system's alsa.conf without
+# the hook that loads the machine's and the user's files (/etc/asound.conf,
+# ~/.asoundrc), and pcm.mme* naming the plugin by its path in the build. The
+# device runs in real time: files are short.
 #
 #   alsa_programs_test.sh PLUGIN.so SOURCE_DIR CASE
 # CASE: play | record | refuse | stall | others
@@ -14,8 +15,10 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work"
 
+awk '/^@hooks \[/ { skip = 1 } !skip { print } skip && /^\]/ { skip = 0 }' \
+    /usr/share/alsa/alsa.conf >alsa.conf
 cat >asound.conf <<EOF
-</usr/share/alsa/alsa.conf>
+<$work/alsa.conf>
 pcm_type.mme { lib "$plugin" }
 pcm.mme { type mme output "wav:$work/device.wav" summary "$work/summary" }
 pcm.mme_pattern { type mme input "pattern" summary "$work/summary" }
