@@ -17,6 +17,7 @@ namespace mmesim {
 namespace {
 
 constexpr size_t kChunkFrames = 4096;
+constexpr double kMaxSeconds = 1000000; // eleven and a half days
 constexpr uint32_t kWriteAhead = usbsim::kDriverWriteAheadFrames;
 
 // Gives up when audio stops moving: in virtual time after a number of
@@ -80,8 +81,10 @@ private:
 double secondsOr(double seconds, double fallback) {
     if (seconds == 0)
         return fallback;
-    if (!(seconds > 0) || seconds > 3600)
-        throw SimError("--seconds " + std::to_string(seconds) + ": use more than 0, at most 3600",
+    // Memory does not grow with the run; the bound only keeps frame counts sane.
+    if (!(seconds > 0) || seconds > kMaxSeconds)
+        throw SimError("--seconds " + std::to_string(seconds) + ": use more than 0, at most " +
+                           std::to_string(int(kMaxSeconds)),
                        kExitUsage);
     return seconds;
 }
@@ -165,20 +168,22 @@ Format negotiated(Sim& sim, bool announce) {
 
 struct LoopbackResult {
     Comparison comparison;
-    size_t frames = 0;
-    size_t latency = 0;
-    size_t measured = 0; // first frame with sound, as captured
+    uint64_t frames = 0;
+    uint64_t latency = 0;
+    uint64_t measured = 0; // first frame with sound, as captured
     uint64_t renderPeriods = 0, capturePeriods = 0;
     uint64_t glitches = 0, overruns = 0;
 };
 
+// Plays the test signal through render while capture records the device's
+// loopback; what comes back is checked as it arrives and nothing is kept, so
+// memory does not depend on the length of the run.
 LoopbackResult loopback(Sim& sim, const Format& format, double seconds) {
     LoopbackResult result;
     sim.model().setLoopback(kLoopbackFrames);
-    result.frames = size_t(seconds * format.rate + 0.5);
+    result.frames = uint64_t(seconds * format.rate + 0.5);
     result.latency = kWriteAhead + kLoopbackFrames;
     const size_t align = format.blockAlign();
-    const std::vector<uint8_t> signal = testSignal(format, result.frames);
 
     // Capture starts first and alone, so that it may bring the hardware to
     // its rate; render then opens at that rate. No period runs in between,
@@ -186,30 +191,47 @@ LoopbackResult loopback(Sim& sim, const Format& format, double seconds) {
     auto capture = sim.open(true, format);
     sim.run(*capture);
     auto render = sim.open(false, format);
-    size_t written = render->write(signal.data(), result.frames);
-    if (written == result.frames)
+
+    TestSignal signal(format);
+    LoopbackCheck check(format, result.frames, result.latency);
+    std::vector<uint8_t> pending(kChunkFrames * align);
+    size_t pendingFrames = 0, pendingUsed = 0;
+    uint64_t generated = 0;
+    // Queues what fits; the rest of the chunk waits for the next period.
+    auto feed = [&] {
+        while (true) {
+            if (pendingUsed == pendingFrames) {
+                if (generated == result.frames)
+                    break;
+                pendingFrames = size_t(std::min<uint64_t>(kChunkFrames, result.frames - generated));
+                signal.fill(pending.data(), pendingFrames);
+                generated += pendingFrames;
+                pendingUsed = 0;
+            }
+            const size_t n =
+                render->write(pending.data() + pendingUsed * align, pendingFrames - pendingUsed);
+            pendingUsed += n;
+            if (n == 0)
+                return;
+        }
         render->endOfStream();
+    };
+    feed();
     sim.run(*render);
 
-    const size_t wanted = result.frames + result.latency;
-    std::vector<uint8_t> captured;
-    captured.reserve(wanted * align);
+    const uint64_t wanted = check.wanted();
     std::vector<uint8_t> chunk(kChunkFrames * align);
     Progress progress("loopback", wanted, format.rate);
     Watchdog watchdog(sim, wanted, format.rate, "capture");
     sim.begin();
-    while (captured.size() / align < wanted) {
+    while (check.seen() < wanted) {
         sim.step();
-        if (written < result.frames) {
-            written += render->write(signal.data() + written * align, result.frames - written);
-            if (written == result.frames)
-                render->endOfStream();
-        }
+        feed();
         size_t n;
         while ((n = capture->read(chunk.data(), kChunkFrames)) > 0)
-            captured.insert(captured.end(), chunk.begin(), chunk.begin() + n * align);
-        progress.update(captured.size() / align);
-        watchdog.tick(captured.size() / align, wanted);
+            check.take(chunk.data(), n);
+        progress.update(check.seen());
+        watchdog.tick(check.seen(), wanted);
     }
     sim.end();
     progress.finish();
@@ -220,9 +242,8 @@ LoopbackResult loopback(Sim& sim, const Format& format, double seconds) {
     result.overruns = capture->counters().overruns;
     render->close();
     capture->close();
-    captured.resize(wanted * align);
-    result.comparison = compareLoopback(format, signal, captured, result.latency);
-    result.measured = firstSoundFrame(format, captured);
+    result.comparison = check.result();
+    result.measured = check.firstSound();
     return result;
 }
 
@@ -234,12 +255,13 @@ bool printLoopback(const Format& format, const LoopbackResult& r) {
                 r.renderPeriods, r.capturePeriods);
     std::printf("  glitches       %" PRIu64 " render, %" PRIu64 " capture overruns\n", r.glitches,
                 r.overruns);
-    std::printf("  latency        %zu frames = %.2f ms at %u Hz (%u render write-ahead + %u "
+    std::printf("  latency        %" PRIu64
+                " frames = %.2f ms at %u Hz (%u render write-ahead + %u "
                 "loopback), measured %s\n",
                 r.latency, 1000.0 * double(r.latency) / format.rate, unsigned(format.rate),
                 unsigned(kWriteAhead), unsigned(kLoopbackFrames),
-                r.measured == size_t(-1) ? "no sound at all"
-                                         : (std::to_string(r.measured) + " frames").c_str());
+                r.measured == uint64_t(-1) ? "no sound at all"
+                                           : (std::to_string(r.measured) + " frames").c_str());
     if (exact)
         std::printf("  result         PASS: bit-exact, %zu samples as the conversion rules "
                     "promise\n",
