@@ -160,6 +160,8 @@ NTSTATUS UsbDriverModel::handle(PIRP irp) {
             mCalls[index].note = note;
         }
     }
+    if (ModelObserver* observer = mObserver.load(std::memory_order_acquire))
+        observer->call(call.code, status, note, call.wanted);
     irp->IoStatus.Status = completion != STATUS_PENDING ? completion : status;
     irp->IoStatus.Information = 0;
     IoCompleteRequest(irp, 0);
@@ -389,6 +391,8 @@ void UsbDriverModel::notify(ULONG code, ULONGLONG value) {
             std::lock_guard<std::mutex> lock(mLock);
             mNotices.push_back(Notice{false, code, value, 0});
         }
+        if (ModelObserver* observer = mObserver.load(std::memory_order_acquire))
+            observer->notice(false, code, value, 0);
         link->mpfnNotify(link->mpContext, code, value);
     });
 }
@@ -399,6 +403,8 @@ LONG UsbDriverModel::askState(ULONG code, ULONG value) {
         if (!link->mpfnStcCallback)
             return;
         answer = link->mpfnStcCallback(link->mpContext, code, value);
+        if (ModelObserver* observer = mObserver.load(std::memory_order_acquire))
+            observer->notice(true, code, value, answer);
         std::lock_guard<std::mutex> lock(mLock);
         mNotices.push_back(Notice{true, code, value, answer});
     });
@@ -517,6 +523,10 @@ void UsbDriverModel::setExchangeWhileDetached(bool on) {
 void UsbDriverModel::setAdvanceHostTime(bool on) {
     std::lock_guard<std::mutex> lock(mLock);
     mAdvanceHostTime = on;
+}
+
+void UsbDriverModel::setObserver(ModelObserver* observer) {
+    mObserver.store(observer, std::memory_order_release);
 }
 
 void UsbDriverModel::defer(std::function<void()> fn) {
@@ -814,6 +824,9 @@ void UsbDriverModel::advanceHostTime() {
 void UsbDriverModel::runOnePeriod() {
     fireScheduled();
     runDeferred();
+    ModelObserver* observer = mObserver.load(std::memory_order_acquire);
+    ModelObserver::Period seen;
+    bool exchanged = false;
     {
         std::lock_guard<std::recursive_mutex> period(mPeriodLock);
         writeCapture();
@@ -824,7 +837,7 @@ void UsbDriverModel::runOnePeriod() {
             exchange = mMMEAttached || mExchangeWhileDetached;
         }
         if (exchange)
-            callout([&](MMEAdapterInfo* link) {
+            exchanged = callout([&](MMEAdapterInfo* link) {
                 MMEExchangeDataCallback fn = link->mpfnExchangeData;
                 if (!fn)
                     return;
@@ -836,10 +849,22 @@ void UsbDriverModel::runOnePeriod() {
                 ++mExchangeCalls;
             });
         readRender();
+        if (observer) {
+            seen.frames = mPeriodFrames;
+            seen.captureWritePos = loadAcquire(&mCapture->mWritePos);
+            seen.renderWritePos = loadAcquire(&mRender->mWritePos);
+            seen.mmeReadPos = loadAcquire(&mRender->mMMEReadPos);
+            seen.deviceReadPos = mRenderReadPos;
+            seen.exchanged = exchanged;
+        }
         std::lock_guard<std::mutex> lock(mLock);
+        seen.index = mPeriods;
+        seen.rate = mSettings.current.fr;
         ++mPeriods;
         mFrames += mPeriodFrames;
     }
+    if (observer)
+        observer->periodDone(seen);
     advanceHostTime();
 }
 
