@@ -7,6 +7,7 @@
 #include "host/kernel/HostKernel.h"
 
 #include <chrono>
+#include <cstdio>
 #include <iostream>
 #include <thread>
 
@@ -117,6 +118,15 @@ std::string TraceTap::reasonSince(size_t mark) const {
 }
 
 Sim::Sim(const SimOptions& options) : mOptions(options) {
+    if (!options.reportPath.empty()) {
+        // Known at once, not after an hour's run.
+        const std::string part = options.reportPath + ".part";
+        std::ofstream probe(part, std::ios::out | std::ios::app);
+        if (!probe)
+            throw SimError(options.reportPath + ": cannot write the report");
+        probe.close();
+        std::remove(part.c_str());
+    }
     mTimeline.reset(new Timeline(!options.reportPath.empty()));
     mTrace.reset(new TraceTap(options.tracePath, options.verbose));
     Timeline* timeline = mTimeline.get();

@@ -145,10 +145,17 @@ void Timeline::periodDone(const Period& period) {
 
 // Under mLock.
 void Timeline::openWindow(uint64_t period) {
-    if (period < mWindowEnd)
-        return; // inside the window already open
+    if (period < mWindowEnd) {
+        // Inside the open window: it grows to keep this one's after-periods,
+        // up to kMaxWindowPeriods in all.
+        if (period + kWindowPeriods + 1 <= mWindowStart + kMaxWindowPeriods)
+            mWindowEnd = std::max(mWindowEnd, period + kWindowPeriods + 1);
+        return;
+    }
+    const uint64_t from = period > kWindowPeriods ? period - kWindowPeriods : 0;
+    mWindowStart = from;
     if (period < kHeadPeriods) {
-        mWindowEnd = std::max(mWindowEnd, period + kWindowPeriods + 1);
+        mWindowEnd = period + kWindowPeriods + 1;
         return;
     }
     if (mWindows == kMaxWindows) {
@@ -158,7 +165,6 @@ void Timeline::openWindow(uint64_t period) {
     ++mWindows;
     mWindowEnd = period + kWindowPeriods + 1;
     // The periods before it come from the tail ring, those not kept yet.
-    const uint64_t from = period > kWindowPeriods ? period - kWindowPeriods : 0;
     const uint64_t after = mKept.empty() ? 0 : mKept.back().period + 1;
     for (size_t i = 0; i < kTailPeriods; ++i) {
         const PeriodRow& r = mTail[(mTailNext + i) % kTailPeriods];
@@ -238,14 +244,17 @@ SoakFigures Timeline::figures() const {
 std::vector<PeriodRow> Timeline::sample() const {
     std::lock_guard<std::mutex> lock(mLock);
     std::vector<PeriodRow> rows = mKept;
-    const uint64_t after = rows.empty() ? 0 : rows.back().period + 1;
     const uint64_t seen = mPeriod.load(std::memory_order_relaxed);
     const uint64_t held = std::min<uint64_t>(seen, mKeepSample ? kTailPeriods : 0);
-    for (uint64_t i = 0; i < held; ++i) {
-        const PeriodRow& r = mTail[(mTailNext + kTailPeriods - held + i) % kTailPeriods];
-        if (r.period >= after)
-            rows.push_back(r);
-    }
+    for (uint64_t i = 0; i < held; ++i)
+        rows.push_back(mTail[(mTailNext + kTailPeriods - held + i) % kTailPeriods]);
+    // A window at the very end holds some of the tail already.
+    std::stable_sort(rows.begin(), rows.end(),
+                     [](const PeriodRow& a, const PeriodRow& b) { return a.period < b.period; });
+    rows.erase(
+        std::unique(rows.begin(), rows.end(),
+                    [](const PeriodRow& a, const PeriodRow& b) { return a.period == b.period; }),
+        rows.end());
     return rows;
 }
 

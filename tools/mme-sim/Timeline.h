@@ -4,8 +4,9 @@
 // knows of), keeps the soak figures of the whole run in constant memory and,
 // when a report is asked for, a bounded sample of the periods: the first
 // kHeadPeriods, the last kTailPeriods and a window of kWindowPeriods either
-// side of every event, glitch or overrun (at most kMaxWindows of them), so
-// an hour's run gives a file of a few megabytes.
+// side of every event, glitch or overrun (at most kMaxWindows of them; one
+// grows while more come, up to kMaxWindowPeriods), so an hour's run gives a
+// file of a few megabytes at most.
 //
 // Threads: periodDone and serviced run on the period thread (serviced at
 // dispatch level under a pin's spin lock: no allocation there), events may
@@ -69,7 +70,8 @@ public:
     static constexpr uint64_t kHeadPeriods = 3000;
     static constexpr uint64_t kTailPeriods = 3000;
     static constexpr uint64_t kWindowPeriods = 100;
-    static constexpr size_t kMaxWindows = 64;
+    static constexpr uint64_t kMaxWindowPeriods = 8 * kWindowPeriods; // a window grows to this
+    static constexpr size_t kMaxWindows = 32;
     static constexpr size_t kMaxEvents = 2000;
 
     // keepSample: keep periods for a report; otherwise only the figures.
@@ -129,6 +131,7 @@ private:
     std::vector<PeriodRow> mKept; // head and windows, ascending
     std::vector<PeriodRow> mTail; // the last kTailPeriods, a ring
     size_t mTailNext = 0;         // where the next one goes
+    uint64_t mWindowStart = 0;    // of the last window opened
     uint64_t mWindowEnd = 0;      // keep periods up to this one (exclusive)
     size_t mWindows = 0;
     uint64_t mWindowsDropped = 0;
