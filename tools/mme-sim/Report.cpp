@@ -225,7 +225,14 @@ const char kPageTail[] = R"HTML(
     // Labels go in the first line of the lane where they overlap no other.
     var lineEnds = [], LINES = Math.floor((ev.h - 4) / 13.5);
     for (var k = 0; k < LINES; k++) lineEnds.push(-Infinity);
+    // Events of one kind in one period share a mark: "capture ACQUIRE, PAUSE, RUN".
+    var groups = [];
     data.events.forEach(function (e) {
+      var g = groups[groups.length - 1];
+      if (g && g.period === e.period && g.kind === e.kind) g.label += ', ' + e.label;
+      else groups.push({ period: e.period, kind: e.kind, label: e.label });
+    });
+    groups.forEach(function (e) {
       if (e.period < lo || e.period > hiP) return;
       var i = indexOf(e.period);
       var g = el('g', { 'class': 'mark event ' + e.kind, 'data-period': e.period, 'data-kind': e.kind });
