@@ -318,6 +318,12 @@ ReportInput reportInput(Sim& sim, const std::string& command, const Format& form
     return in;
 }
 
+std::string secondsText(double seconds) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f s", seconds);
+    return text;
+}
+
 // Completes the summary with the run's figures and writes the report when
 // one was asked for.
 void finishReport(Sim& sim, ReportInput& in) {
@@ -331,8 +337,7 @@ void finishReport(Sim& sim, ReportInput& in) {
         {"periods", std::to_string(f.periods)},
         {"audio", std::to_string(f.periods * in.periodFrames) + " frames of " +
                       std::to_string(in.periodFrames) + " a period (" +
-                      std::to_string(double(f.periods * in.periodFrames) / rate).substr(0, 8) +
-                      " s)"},
+                      secondsText(double(f.periods * in.periodFrames) / rate) + ")"},
         {"glitches",
          std::to_string(f.glitches) +
              (f.glitches ? " (first in period " + std::to_string(f.firstGlitchPeriod) + ")" : "")},
@@ -477,8 +482,15 @@ int loopbackAndReport(Sim& sim, const CommandOptions& options, double seconds,
                   1000.0 * double(r.latency) / format.rate,
                   r.measured == uint64_t(-1) ? "no sound" : std::to_string(r.measured).c_str());
     report.summary.push_back({"latency", latency});
-    report.summary.push_back({"result", std::string(exact ? "PASS: bit-exact" : "FAIL") +
-                                            (clean ? "" : "; teardown NOT CLEAN")});
+    const Comparison& c = r.comparison;
+    std::string result = "PASS: bit-exact";
+    if (!exact)
+        result = c.mismatches ? "FAIL: " + std::to_string(c.mismatches) + " of " +
+                                    std::to_string(c.samples) + " samples differ, first at frame " +
+                                    std::to_string(c.firstFrame)
+                 : c.complete ? "FAIL: glitches or overruns on the way"
+                              : "FAIL: capture came back short";
+    report.summary.push_back({"result", result + (clean ? "" : "; teardown NOT CLEAN")});
     finishReport(sim, report);
     return exact && clean ? kExitOk : kExitMismatch;
 }
