@@ -160,29 +160,50 @@ MME_SSSE3_FUNCTION ULONG unpack24Ssse3(LONG* out, const UCHAR* in, ULONG count) 
     return i;
 }
 
-// Eight samples x (two samples per word) packed to 24 bytes at out.
-inline void pack24Words(UCHAR* out, const LONG* in) {
-    ULONGLONG p[4];
-    for (int k = 0; k < 4; ++k) {
-        ULONGLONG x = load64(in + 2 * k);
-        p[k] = ((x >> 8) & 0xFFFFFFull) | ((x >> 16) & 0xFFFFFF000000ull);
-    }
-    store64(out, p[0] | (p[1] << 48));
-    store64(out + 8, (p[1] >> 16) | (p[2] << 32));
-    store64(out + 16, (p[2] >> 32) | (p[3] << 16));
+// ---- 24-bit packing on the x64 baseline (SSE2 only) ----
+
+// Bytes 1..3 of each of four samples, packed into the low 12 bytes.
+inline __m128i pick24Sse2(__m128i v) {
+    const __m128i low32 = _mm_set_epi32(0, -1, 0, -1);
+    const __m128i low6 = _mm_set_epi32(0, 0, 0xFFFF, -1);
+    const __m128i next6 = _mm_set_epi32(0, -1, (int)0xFFFF0000u, 0);
+    __m128i x = _mm_srli_epi32(v, 8);
+    // Each 64-bit half: its second sample moved down next to its first.
+    __m128i pairs =
+        _mm_or_si128(_mm_and_si128(x, low32), _mm_srli_epi64(_mm_andnot_si128(low32, x), 8));
+    return _mm_or_si128(_mm_and_si128(pairs, low6), _mm_and_si128(_mm_srli_si128(pairs, 2), next6));
 }
 
-// Four 3-byte samples at `at` (12 bytes, read as the words at 0..7 and
-// 4..11) as two words of two working-format samples.
-inline void unpack24Words(const UCHAR* at, ULONGLONG* first, ULONGLONG* second) {
-    ULONGLONG w0 = load64(at);
-    ULONGLONG w1 = load64(at + 4);
-    ULONG s0 = (ULONG)(w0 << 8);
-    ULONG s1 = (ULONG)(w0 >> 16) & 0xFFFFFF00u;
-    ULONG s2 = (ULONG)(w1 >> 8) & 0xFFFFFF00u;
-    ULONG s3 = (ULONG)(w1 >> 32) & 0xFFFFFF00u;
-    *first = ((ULONGLONG)s1 << 32) | s0;
-    *second = ((ULONGLONG)s3 << 32) | s2;
+// Sixteen samples as 48 bytes at out, in three stores.
+inline void pack24x16Sse2(UCHAR* out, const LONG* in) {
+    __m128i a = pick24Sse2(load128(in)), b = pick24Sse2(load128(in + 4));
+    __m128i c = pick24Sse2(load128(in + 8)), d = pick24Sse2(load128(in + 12));
+    store128(out, _mm_or_si128(a, _mm_slli_si128(b, 12)));
+    store128(out + 16, _mm_or_si128(_mm_srli_si128(b, 4), _mm_slli_si128(c, 8)));
+    store128(out + 32, _mm_or_si128(_mm_srli_si128(c, 8), _mm_slli_si128(d, 4)));
+}
+
+// Four 3-byte samples from the low 12 bytes of v, as working-format samples.
+inline __m128i place24Sse2(__m128i v) {
+    const __m128i lane0 = _mm_set_epi32(0, 0, 0, (int)0xFFFFFF00u);
+    const __m128i lane1 = _mm_set_epi32(0, 0, (int)0xFFFFFF00u, 0);
+    const __m128i lane2 = _mm_set_epi32(0, (int)0xFFFFFF00u, 0, 0);
+    const __m128i lane3 = _mm_set_epi32((int)0xFFFFFF00u, 0, 0, 0);
+    __m128i r = _mm_and_si128(_mm_slli_si128(v, 1), lane0);
+    r = _mm_or_si128(r, _mm_and_si128(_mm_slli_si128(v, 2), lane1));
+    r = _mm_or_si128(r, _mm_and_si128(_mm_slli_si128(v, 3), lane2));
+    return _mm_or_si128(r, _mm_and_si128(_mm_slli_si128(v, 4), lane3));
+}
+
+// Unpacks groups of four samples while the 16-byte load stays inside the
+// source (two more samples follow); returns the samples done.
+template <int Shift> ULONG unpack24Sse2(LONG* out, const UCHAR* in, ULONG count) {
+    ULONG i = 0;
+    for (; i + 6 <= count; i += 4) {
+        __m128i v = place24Sse2(load128(in + 3 * (SIZE_T)i));
+        store128(out + i, Shift ? _mm_srai_epi32(v, Shift) : v);
+    }
+    return i;
 }
 
 // ---- Single-pass kernels of the period path ----
@@ -206,14 +227,11 @@ template <ULONG Bytes> void keepPairs(ULONG frames, const LONG* in, SIZE_T strid
             store128(out, _mm_unpacklo_epi64(ringPair(in), ringPair(in + stride)));
     } else {
         for (; f + 4 <= frames; f += 4, in += 4 * stride, out += 24) {
-            ULONGLONG p[4];
-            for (int k = 0; k < 4; ++k) {
-                ULONGLONG x = load64(in + k * stride);
-                p[k] = ((x >> 8) & 0xFFFFFFull) | ((x >> 16) & 0xFFFFFF000000ull);
-            }
-            store64(out, p[0] | (p[1] << 48));
-            store64(out + 8, (p[1] >> 16) | (p[2] << 32));
-            store64(out + 16, (p[2] >> 32) | (p[3] << 16));
+            __m128i a = pick24Sse2(_mm_unpacklo_epi64(ringPair(in), ringPair(in + stride)));
+            __m128i b = pick24Sse2(
+                _mm_unpacklo_epi64(ringPair(in + 2 * stride), ringPair(in + 3 * stride)));
+            store128(out, _mm_or_si128(a, _mm_slli_si128(b, 12)));
+            store64x(out + 16, _mm_srli_si128(b, 4));
         }
     }
     for (; f < frames; ++f, in += stride, out += 2 * Bytes) {
@@ -337,14 +355,10 @@ void renderRun(ULONG count, const UCHAR* in, ULONG bytes, LONG* out) {
             store128(out + i, _mm_srai_epi32(load128(in + 4 * (SIZE_T)i), 8));
             store128(out + i + 4, _mm_srai_epi32(load128(in + 4 * (SIZE_T)i + 16), 8));
         }
-    } else if (useSsse3()) {
-        i = unpack24Ssse3<8>(out, in, count);
     } else {
-        for (; i + 4 <= count; i += 4) {
-            ULONGLONG first, second;
-            unpack24Words(in + 3 * (SIZE_T)i, &first, &second);
-            store128(out + i, _mm_srai_epi32(_mm_set_epi64x((LONGLONG)second, (LONGLONG)first), 8));
-        }
+        if (useSsse3())
+            i = unpack24Ssse3<8>(out, in, count);
+        i += unpack24Sse2<8>(out + i, in + 3 * (SIZE_T)i, count - i);
     }
     for (; i < count; ++i)
         out[i] = toRenderRing(fromWdm(in + bytes * (SIZE_T)i, bytes));
@@ -426,8 +440,8 @@ void int32ToPcm24(void* destination, const LONG* source, ULONG count) {
     ULONG i = 0;
     if (useSsse3())
         i = pack24Ssse3(out, source, count);
-    for (; i + 8 <= count; i += 8)
-        pack24Words(out + 3 * (SIZE_T)i, source + i);
+    for (; i + 16 <= count; i += 16)
+        pack24x16Sse2(out + 3 * (SIZE_T)i, source + i);
     for (; i < count; ++i)
         store24(out + 3 * (SIZE_T)i, (ULONG)source[i] >> 8);
 }
@@ -457,12 +471,7 @@ void pcm24ToInt32(LONG* destination, const void* source, ULONG byteCount) {
     ULONG i = 0;
     if (useSsse3())
         i = unpack24Ssse3<0>(destination, in, count);
-    for (; i + 4 <= count; i += 4) {
-        ULONGLONG first, second;
-        unpack24Words(in + 3 * (SIZE_T)i, &first, &second);
-        store64(destination + i, first);
-        store64(destination + i + 2, second);
-    }
+    i += unpack24Sse2<0>(destination + i, in + 3 * (SIZE_T)i, count - i);
     for (; i < count; ++i)
         destination[i] = from24(in + 3 * (SIZE_T)i);
 }

@@ -104,7 +104,8 @@ inline bool stagedInput(StagedChannel& ch, AudioSM* capture, AudioSM* render, UL
         skip();
         return false;
     }
-    const unsigned long long lenMME = (unsigned long long)frames * ch.bytesPerSample * ch.wdmChannels;
+    const unsigned long long lenMME =
+        (unsigned long long)frames * ch.bytesPerSample * ch.wdmChannels;
     if (lenMME > ch.cyclic.size()) {
         skip();
         return true;
@@ -122,8 +123,8 @@ inline bool stagedInput(StagedChannel& ch, AudioSM* capture, AudioSM* render, UL
         ch.split(ULONG(lenMME), frames, &smp1, &smp2);
         convertInput(smp1, scratch, rc, ch.cyclic.data() + ch.transferOffset, ch.wdmChannels,
                      ch.wdmBits);
-        convertInput(smp2, scratch + size_t(smp1) * rc, rc, ch.second(smp1, frames),
-                     ch.wdmChannels, ch.wdmBits);
+        convertInput(smp2, scratch + size_t(smp1) * rc, rc, ch.second(smp1, frames), ch.wdmChannels,
+                     ch.wdmBits);
     }
     ch.advance(ULONG(lenMME));
     return true;
@@ -137,7 +138,8 @@ inline bool stagedOutput(StagedChannel& ch, AudioSM* render, ULONG frames, ULONG
         render->writeSilence(frames, writeOffset);
         return false;
     }
-    const unsigned long long lenMME = (unsigned long long)frames * ch.bytesPerSample * ch.wdmChannels;
+    const unsigned long long lenMME =
+        (unsigned long long)frames * ch.bytesPerSample * ch.wdmChannels;
     if (lenMME > ch.cyclic.size()) {
         render->writeSilence(frames, writeOffset);
         return true;
@@ -177,8 +179,8 @@ inline std::string ringDifference(const AudioSM& expected, const AudioSM& actual
                    std::to_string(expected.mSamples[i]) + ", driver " +
                    std::to_string(actual.mSamples[i]);
     if (std::memcmp(&expected, &actual, sizeof(AudioSM)) != 0)
-        return "ring header (positions: staged write " + std::to_string(expected.mWritePos) +
-               "+" + std::to_string(expected.mWriteOffset) + " read " +
+        return "ring header (positions: staged write " + std::to_string(expected.mWritePos) + "+" +
+               std::to_string(expected.mWriteOffset) + " read " +
                std::to_string(expected.mMMEReadPos) + ", driver write " +
                std::to_string(actual.mWritePos) + "+" + std::to_string(actual.mWriteOffset) +
                " read " + std::to_string(actual.mMMEReadPos) + ")";
