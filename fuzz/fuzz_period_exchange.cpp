@@ -15,10 +15,15 @@
 // the ring's end stay untouched; each callback moves exactly as many
 // 256-frame passes (0, 1 or 2) as the rings allow, advancing the capture
 // read position and the render write position by the same amount; the
-// channels' positions stay inside their cyclic buffers.
+// channels' positions stay inside their cyclic buffers; and the rings,
+// cyclic buffers and positions end exactly as the staged form of the same
+// passes leaves copies of them.
 #include "FuzzSupport.h"
 
 #include "host/portcls/KsClient.h"
+#include "support/StagedTransfer.h"
+
+#include <memory>
 
 namespace {
 

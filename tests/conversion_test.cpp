@@ -1,6 +1,7 @@
 // Sample conversion: documented values for every width in both directions,
 // the blockwise kernels against a per-sample oracle at every length around
-// their block sizes, channel dropping and padding, refusals, and buffers
+// their block sizes, channel dropping and padding, the period path's single
+// passes against the staged conversions, refusals, and buffers
 // that end right before an unmapped page (no kernel reads or writes past
 // its last byte).
 #include "driver/streaming/SampleConversion.h"

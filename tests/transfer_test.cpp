@@ -2,8 +2,10 @@
 // rings of the test's own. Covers the channel mapping and widths, ring and
 // cyclic-buffer ends, straddling periods, idle channels, exclusive inputs,
 // overruns, periods that do not fit, refused ring headers and a render
-// stream that starts at a later ring channel. The kernels' per-width and
-// per-channel-count cases are in conversion_test; that the period path
+// stream that starts at a later ring channel. Every call is also run in the
+// staged form (support/StagedTransfer.h) on copies, and the rings, cyclic
+// buffer, positions and result must match it bit for bit. The kernels'
+// per-width and per-channel-count cases are in conversion_test; that the period path
 // neither allocates nor waits is checked by verifier_test.
 #include "host/kernel/HostKernel.h"
 #include "support/StagedTransfer.h"

@@ -30,9 +30,6 @@ inline void store64x(void* p, __m128i v) {
 inline ULONGLONG load64(const void* p) {
     return (ULONGLONG)_mm_cvtsi128_si64(load64x(p));
 }
-inline void store64(void* p, ULONGLONG v) {
-    store64x(p, _mm_cvtsi64_si128((LONGLONG)v));
-}
 inline ULONG load32(const void* p) {
     return (ULONG)_mm_cvtsi128_si32(_mm_loadu_si32(p));
 }

@@ -173,18 +173,18 @@ inline bool stagedOutput(StagedChannel& ch, AudioSM* render, ULONG frames, ULONG
 
 // What differs first between two rings ("" when nothing does).
 inline std::string ringDifference(const AudioSM& expected, const AudioSM& actual) {
+    if (std::memcmp(&expected, &actual, sizeof(AudioSM)) == 0)
+        return "";
     for (ULONG i = 0; i < nMaxSamples; ++i)
         if (expected.mSamples[i] != actual.mSamples[i])
             return "sample " + std::to_string(i) + ": staged " +
                    std::to_string(expected.mSamples[i]) + ", driver " +
                    std::to_string(actual.mSamples[i]);
-    if (std::memcmp(&expected, &actual, sizeof(AudioSM)) != 0)
-        return "ring header (positions: staged write " + std::to_string(expected.mWritePos) + "+" +
-               std::to_string(expected.mWriteOffset) + " read " +
-               std::to_string(expected.mMMEReadPos) + ", driver write " +
-               std::to_string(actual.mWritePos) + "+" + std::to_string(actual.mWriteOffset) +
-               " read " + std::to_string(actual.mMMEReadPos) + ")";
-    return "";
+    return "ring header (positions: staged write " + std::to_string(expected.mWritePos) + "+" +
+           std::to_string(expected.mWriteOffset) + " read " + std::to_string(expected.mMMEReadPos) +
+           ", driver write " + std::to_string(actual.mWritePos) + "+" +
+           std::to_string(actual.mWriteOffset) + " read " + std::to_string(actual.mMMEReadPos) +
+           ")";
 }
 
 // What differs first between the reference's channel and the driver's.
