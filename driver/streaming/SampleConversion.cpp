@@ -129,12 +129,25 @@ MME_SSSE3_FUNCTION inline void unpack24x8(const UCHAR* in, __m128i* a, __m128i* 
     *b = place24From4(load128(in + 8));
 }
 
+// Sixteen samples as 48 bytes at out: each shuffle puts its bytes where
+// one of the three stores wants them.
+MME_SSSE3_FUNCTION inline void pack24x16(UCHAR* out, const LONG* in) {
+    const signed char z = -128;
+    __m128i a = load128(in), b = load128(in + 4), c = load128(in + 8), d = load128(in + 12);
+    __m128i b0 = _mm_setr_epi8(z, z, z, z, z, z, z, z, z, z, z, z, 1, 2, 3, 5);
+    __m128i b1 = _mm_setr_epi8(6, 7, 9, 10, 11, 13, 14, 15, z, z, z, z, z, z, z, z);
+    __m128i c1 = _mm_setr_epi8(z, z, z, z, z, z, z, z, 1, 2, 3, 5, 6, 7, 9, 10);
+    __m128i c2 = _mm_setr_epi8(11, 13, 14, 15, z, z, z, z, z, z, z, z, z, z, z, z);
+    __m128i d2 = _mm_setr_epi8(z, z, z, z, 1, 2, 3, 5, 6, 7, 9, 10, 11, 13, 14, 15);
+    store128(out, _mm_or_si128(pick24(a), _mm_shuffle_epi8(b, b0)));
+    store128(out + 16, _mm_or_si128(_mm_shuffle_epi8(b, b1), _mm_shuffle_epi8(c, c1)));
+    store128(out + 32, _mm_or_si128(_mm_shuffle_epi8(c, c2), _mm_shuffle_epi8(d, d2)));
+}
+
 MME_SSSE3_FUNCTION ULONG pack24Ssse3(UCHAR* out, const LONG* in, ULONG count) {
     ULONG i = 0;
-    for (; i + 16 <= count; i += 16) {
-        pack24x8(out + 3 * (SIZE_T)i, load128(in + i), load128(in + i + 4));
-        pack24x8(out + 3 * (SIZE_T)i + 24, load128(in + i + 8), load128(in + i + 12));
-    }
+    for (; i + 16 <= count; i += 16)
+        pack24x16(out + 3 * (SIZE_T)i, in + i);
     for (; i + 8 <= count; i += 8)
         pack24x8(out + 3 * (SIZE_T)i, load128(in + i), load128(in + i + 4));
     return i;
@@ -144,6 +157,21 @@ MME_SSSE3_FUNCTION ULONG pack24Ssse3(UCHAR* out, const LONG* in, ULONG count) {
 template <int Shift>
 MME_SSSE3_FUNCTION ULONG unpack24Ssse3(LONG* out, const UCHAR* in, ULONG count) {
     ULONG i = 0;
+    for (; i + 16 <= count; i += 16) {
+        __m128i a, b, c, d;
+        unpack24x8(in + 3 * (SIZE_T)i, &a, &b);
+        unpack24x8(in + 3 * (SIZE_T)i + 24, &c, &d);
+        if (Shift) {
+            a = _mm_srai_epi32(a, Shift);
+            b = _mm_srai_epi32(b, Shift);
+            c = _mm_srai_epi32(c, Shift);
+            d = _mm_srai_epi32(d, Shift);
+        }
+        store128(out + i, a);
+        store128(out + i + 4, b);
+        store128(out + i + 8, c);
+        store128(out + i + 12, d);
+    }
     for (; i + 8 <= count; i += 8) {
         __m128i a, b;
         unpack24x8(in + 3 * (SIZE_T)i, &a, &b);
@@ -181,15 +209,14 @@ inline void pack24x16Sse2(UCHAR* out, const LONG* in) {
 }
 
 // Four 3-byte samples from the low 12 bytes of v, as working-format samples.
+// Each 64-bit half takes two samples (bytes 0..5 and 6..11); a 32-bit shift
+// places the first of each pair, a 64-bit shift the second.
 inline __m128i place24Sse2(__m128i v) {
-    const __m128i lane0 = _mm_set_epi32(0, 0, 0, (int)0xFFFFFF00u);
-    const __m128i lane1 = _mm_set_epi32(0, 0, (int)0xFFFFFF00u, 0);
-    const __m128i lane2 = _mm_set_epi32(0, (int)0xFFFFFF00u, 0, 0);
-    const __m128i lane3 = _mm_set_epi32((int)0xFFFFFF00u, 0, 0, 0);
-    __m128i r = _mm_and_si128(_mm_slli_si128(v, 1), lane0);
-    r = _mm_or_si128(r, _mm_and_si128(_mm_slli_si128(v, 2), lane1));
-    r = _mm_or_si128(r, _mm_and_si128(_mm_slli_si128(v, 3), lane2));
-    return _mm_or_si128(r, _mm_and_si128(_mm_slli_si128(v, 4), lane3));
+    const __m128i first = _mm_set_epi32(0, -1, 0, -1);
+    const __m128i second = _mm_set_epi32((int)0xFFFFFF00u, 0, (int)0xFFFFFF00u, 0);
+    __m128i pairs = _mm_unpacklo_epi64(v, _mm_srli_si128(v, 6));
+    return _mm_or_si128(_mm_and_si128(_mm_slli_epi32(pairs, 8), first),
+                        _mm_and_si128(_mm_slli_epi64(pairs, 16), second));
 }
 
 // Unpacks groups of four samples while the 16-byte load stays inside the
@@ -342,15 +369,21 @@ void renderRun(ULONG count, const UCHAR* in, ULONG bytes, LONG* out) {
     ULONG i = 0;
     if (bytes == 2) {
         const __m128i zero = _mm_setzero_si128();
-        for (; i + 8 <= count; i += 8) {
+        for (; i + 16 <= count; i += 16) {
             __m128i x = load128(in + 2 * (SIZE_T)i);
+            __m128i y = load128(in + 2 * (SIZE_T)i + 16);
             store128(out + i, _mm_srai_epi32(_mm_unpacklo_epi16(zero, x), 8));
             store128(out + i + 4, _mm_srai_epi32(_mm_unpackhi_epi16(zero, x), 8));
+            store128(out + i + 8, _mm_srai_epi32(_mm_unpacklo_epi16(zero, y), 8));
+            store128(out + i + 12, _mm_srai_epi32(_mm_unpackhi_epi16(zero, y), 8));
         }
     } else if (bytes == 4) {
-        for (; i + 8 <= count; i += 8) {
-            store128(out + i, _mm_srai_epi32(load128(in + 4 * (SIZE_T)i), 8));
-            store128(out + i + 4, _mm_srai_epi32(load128(in + 4 * (SIZE_T)i + 16), 8));
+        for (; i + 16 <= count; i += 16) {
+            const UCHAR* at = in + 4 * (SIZE_T)i;
+            store128(out + i, _mm_srai_epi32(load128(at), 8));
+            store128(out + i + 4, _mm_srai_epi32(load128(at + 16), 8));
+            store128(out + i + 8, _mm_srai_epi32(load128(at + 32), 8));
+            store128(out + i + 12, _mm_srai_epi32(load128(at + 48), 8));
         }
     } else {
         if (useSsse3())
@@ -419,9 +452,17 @@ void int32ToPcm16(void* destination, const LONG* source, ULONG count) {
         return;
     UCHAR* out = static_cast<UCHAR*>(destination);
     ULONG i = 0;
+    // After the arithmetic shift every value fits 16 bits: the saturating
+    // pack only narrows.
+    for (; i + 16 <= count; i += 16) {
+        __m128i a = _mm_srai_epi32(load128(source + i), 16);
+        __m128i b = _mm_srai_epi32(load128(source + i + 4), 16);
+        __m128i c = _mm_srai_epi32(load128(source + i + 8), 16);
+        __m128i d = _mm_srai_epi32(load128(source + i + 12), 16);
+        store128(out + 2 * (SIZE_T)i, _mm_packs_epi32(a, b));
+        store128(out + 2 * (SIZE_T)i + 16, _mm_packs_epi32(c, d));
+    }
     for (; i + 8 <= count; i += 8) {
-        // After the arithmetic shift every value fits 16 bits: the
-        // saturating pack only narrows.
         __m128i a = _mm_srai_epi32(load128(source + i), 16);
         __m128i b = _mm_srai_epi32(load128(source + i + 4), 16);
         store128(out + 2 * (SIZE_T)i, _mm_packs_epi32(a, b));
