@@ -3,7 +3,9 @@
 //
 // Buffers: the cyclic buffer holds 4096 frames of the stream's format, the
 // scratch buffer 2048 frames of ring samples of the configured channel
-// count. Both are replaced only when their size changes.
+// count. Both are replaced only when their size changes. The transfer moves
+// each period in one pass between ring and cyclic buffer; the scratch
+// buffer's capacity still bounds the periods it accepts.
 //
 // Locking: mTransferLock (a spin lock, so the transfer may run at dispatch
 // level) is held by onInput/onOutput for one whole period, and by every
@@ -468,20 +470,20 @@ ULONG MMEDMAEmulator::cyclicPieces(ULONG lenMME, ULONG frames, const char* offGr
 
 namespace {
 
-// Calls run(samples, frames, done) for the frames from ring position
+// Calls run(samples, frames, before) for the frames from ring position
 // `position` on, in at most two runs (the second from index 0 when the
-// frames reach the ring's end); done counts the frames of earlier runs.
+// frames reach the ring's end); before counts the frames of the first run.
 // frames <= maxFrames.
 template <typename Run>
 void eachRingRun(LONG* samples, ULONG channels, ULONG maxFrames, ULONG position, ULONG frames,
-                 ULONG done, Run run) {
+                 Run run) {
     const ULONG index = position % maxFrames;
     const ULONG room = maxFrames - index;
     const ULONG first = frames <= room ? frames : room;
     if (first)
-        run(samples + (SIZE_T)index * channels, first, done);
+        run(samples + (SIZE_T)index * channels, first, 0);
     if (frames > first)
-        run(samples, frames - first, done + first);
+        run(samples, frames - first, first);
 }
 
 } // namespace
@@ -541,7 +543,7 @@ bool MMEDMAEmulator::transferInput(AudioSM* captureRing, AudioSM* renderRing, UL
                     memset(to, 0, (SIZE_T)pieces[p].frames * frameBytes);
                 } else {
                     eachRingRun(captureRing->mSamples, ringChannels, ringFrames, readPos + done,
-                                pieces[p].frames, 0, [&](LONG* at, ULONG n, ULONG before) {
+                                pieces[p].frames, [&](LONG* at, ULONG n, ULONG before) {
                                     ringToPcm(n, at, ringChannels, to + (SIZE_T)before * frameBytes,
                                               mWDMChannels, mWDMBits);
                                 });
@@ -604,7 +606,7 @@ bool MMEDMAEmulator::transferOutput(AudioSM* renderRing, ULONG frames, ULONG wri
             for (ULONG p = 0; p < count; ++p) {
                 const UCHAR* from = pieces[p].at;
                 eachRingRun(renderRing->mSamples, ringChannels, ringFrames,
-                            writePos + writeOffset + done, pieces[p].frames, 0,
+                            writePos + writeOffset + done, pieces[p].frames,
                             [&](LONG* at, ULONG n, ULONG before) {
                                 pcmToRing(n, from + (SIZE_T)before * frameBytes, mWDMChannels,
                                           mWDMBits, at, ringChannels, firstRing);
