@@ -137,14 +137,23 @@ TEST(Intersection, AsksTheSizeFirstThenGetsTheFormat) {
     EXPECT_EQ(f.WaveFormatExt.Format.nBlockAlign, 6u);
     EXPECT_EQ(f.WaveFormatExt.dwChannelMask, 0x3u);
 
-    // What the port was offered opens as it is. Its SampleSize is 0, so the
-    // stream names no framing; the port plans by the 5 ms interval (+1 ms).
+    // Its SampleSize is 0, so the stream names a framing of 0, which the
+    // port reports and with which it moves nothing; a client that fills in
+    // SampleSize gets a period's framing.
     EXPECT_EQ(f.DataFormat.SampleSize, 0u);
     std::unique_ptr<hostpc::KsStream> stream;
     EXPECT_EQ(rig.filter->open(hostpc::kWaveCapturePin, format, {}, &stream), STATUS_SUCCESS);
     ASSERT_TRUE(stream);
+    EXPECT_EQ(stream->framingBytes(), 0u);
+    EXPECT_EQ(hostk::verifierFailures().size(), 1u);
+    hostk::clearVerifierFailures();
+    stream.reset();
+    f.DataFormat.SampleSize = f.WaveFormatExt.Format.nBlockAlign;
+    std::memcpy(format.data(), &f, sizeof f);
+    EXPECT_EQ(rig.filter->open(hostpc::kWaveCapturePin, format, {}, &stream), STATUS_SUCCESS);
+    ASSERT_TRUE(stream);
     EXPECT_EQ(stream->notificationMs(), 5u);
-    EXPECT_EQ(stream->framingBytes(), 288u * 6);
+    EXPECT_EQ(stream->framingBytes(), 256u * 6);
     EXPECT_EQ(stream->setState(KSSTATE_RUN), STATUS_SUCCESS);
     rig.model().runPeriods(4);
     EXPECT_EQ(stream->queuedFrames(), 4u * 256);
@@ -157,6 +166,8 @@ TEST(Intersection, WhatItOffersRendersWithoutGlitches) {
     ASSERT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin,
                                     hostpc::clientRange(2, 16, 16, 96000, 96000), &format),
               STATUS_SUCCESS);
+    // Filled in by the client, as KS clients do: the offer leaves it 0.
+    reinterpret_cast<KSDATAFORMAT*>(format.data())->SampleSize = 4;
     std::unique_ptr<hostpc::KsStream> render;
     ASSERT_EQ(rig.filter->open(hostpc::kWaveRenderPin, format, {}, &render), STATUS_SUCCESS);
     e2e::Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 30000, 16, 1), 16), nullptr);
