@@ -112,6 +112,10 @@ void useVirtualTime(bool on);
 enum class DpcTarget { DpcThread, QueueingThread };
 void setDpcTarget(PKDPC dpc, DpcTarget target);
 size_t queuedDpcs(); // queued, not yet started
+// Called at the entry of KeSetTimer (setting) and KeCancelTimer, on the
+// caller's thread, before the timer is touched; lets a test hold a caller
+// there. Empty function: none.
+void setTimerObserver(std::function<void(PKTIMER timer, bool setting)> observer);
 bool virtualTime();
 int64_t now100ns();
 // Virtual time only: moves the clock and runs every DPC that falls due, in

@@ -30,6 +30,8 @@ void resetForTest() {
     detail::setVerifierQuiet(true);
     detail::waitForQueuedDpcs();
     detail::dropAllTimers();
+    setTimerObserver(nullptr);
+    setRundownWaitObserver(nullptr);
     useVirtualTime(true);
     detail::resetVirtualClock();
     resetDelayCount();

@@ -16,6 +16,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -223,9 +224,27 @@ void ensureTimerThreadLocked(TimerState& s) {
         std::atexit(stopTimerThread);
 }
 
+std::mutex gTimerObserverMutex;
+std::function<void(PKTIMER, bool)> gTimerObserver;
+
+void observeTimer(PKTIMER timer, bool setting) {
+    std::function<void(PKTIMER, bool)> observer;
+    {
+        std::lock_guard<std::mutex> lock(gTimerObserverMutex);
+        observer = gTimerObserver;
+    }
+    if (observer)
+        observer(timer, setting);
+}
+
 } // namespace
 
 namespace hostk {
+
+void setTimerObserver(std::function<void(PKTIMER timer, bool setting)> observer) {
+    std::lock_guard<std::mutex> lock(gTimerObserverMutex);
+    gTimerObserver = std::move(observer);
+}
 
 void useVirtualTime(bool on) {
     auto& s = timers();
@@ -452,6 +471,7 @@ void NTAPI KeInitializeTimer(PKTIMER Timer) {
 BOOLEAN NTAPI KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc) {
     if (hostk::detail::currentIrql() > DISPATCH_LEVEL)
         verifierFailure("KeSetTimer above DISPATCH_LEVEL");
+    observeTimer(Timer, true);
     auto& s = timers();
     std::lock_guard<std::mutex> lock(s.mutex);
     if (Timer->HostState != &gTimerMagic) {
@@ -475,6 +495,7 @@ BOOLEAN NTAPI KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc) {
 }
 
 BOOLEAN NTAPI KeCancelTimer(PKTIMER Timer) {
+    observeTimer(Timer, false);
     auto& s = timers();
     std::lock_guard<std::mutex> lock(s.mutex);
     bool wasPending = removeLocked(s, Timer);
