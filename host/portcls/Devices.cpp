@@ -409,6 +409,7 @@ void clearFailures() {
 
 void resetForTest() {
     clearFailures();
+    setDefaultServiceMode(ServiceMode::EndOfPeriod);
 }
 
 // ---- DriverLoader ----

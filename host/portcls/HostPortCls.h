@@ -131,7 +131,8 @@ enum class Op {
 void fail(Op op, NTSTATUS status, const std::wstring& subdeviceName = std::wstring());
 void clearFailures();
 
-// Clears failures and listeners; for a test's start. Devices still added
+// Clears failures and listeners and sets the default service mode back to
+// EndOfPeriod; for a test's start. Devices still added
 // are left alone (a test removes what it adds).
 void resetForTest();
 

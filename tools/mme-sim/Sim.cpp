@@ -89,6 +89,10 @@ std::string TraceTap::reasonSince(size_t mark) const {
 Sim::Sim(const SimOptions& options) : mOptions(options) {
     mTrace.reset(new TraceTap(options.tracePath, options.verbose));
     hostk::useVirtualTime(!options.realtime);
+    // Paced by the clock, the port services on its own DPC thread as on
+    // Windows; virtual time keeps the deterministic end-of-period service.
+    hostpc::setDefaultServiceMode(options.realtime ? hostpc::ServiceMode::Concurrent
+                                                   : hostpc::ServiceMode::EndOfPeriod);
 
     usbsim::DeviceProfile profile = usbsim::DeviceProfile::builtInDefault();
     if (!options.profilePath.empty()) {
