@@ -4,6 +4,7 @@
 // the port refuses before the miniport sees it, allocation failures at any
 // point of opening, the client queue, and a filter whose device is gone.
 #include "support/E2eRig.h"
+#include "support/TraceCapture.h"
 
 #include "driver/wave/MMEWaveStream.h"
 
@@ -109,6 +110,35 @@ TEST(PinCreation, AllocationFailuresAnywhereLeaveNothingBehind) {
 }
 
 // ---- Data intersection ----
+
+// KSPROPERTY_CONNECTION_DATAFORMAT on an open pin: the same format changes
+// nothing, another goes to the stream while it is stopped and swaps the
+// cyclic buffer the port then uses, and a running stream refuses one.
+TEST(PinFormat, ChangedWhileStoppedRefusedWhileRunning) {
+    Rig rig;
+    auto render = rig.open(false, 48000, 2, 16);
+    ASSERT_TRUE(render);
+    const ULONG before = render->bufferBytes();
+    const size_t setFormats = tracecap::countLines("MMEWaveStream::SetFormat");
+    EXPECT_EQ(render->setFormat(hostpc::pcmFormat(48000, 2, 16)), STATUS_SUCCESS);
+    EXPECT_EQ(tracecap::countLines("MMEWaveStream::SetFormat"), setFormats) << "same format";
+
+    ASSERT_EQ(render->setFormat(hostpc::pcmFormat(48000, 2, 24)), STATUS_SUCCESS);
+    EXPECT_EQ(render->bits(), 24u);
+    EXPECT_EQ(render->bufferBytes(), before / 4 * 6) << "the port took the new buffer";
+    e2e::Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 4000, 24, 3), 24), nullptr);
+    pump.feed();
+    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    pump.periods(8);
+    EXPECT_EQ(render->positionFrames(), 8u * 256);
+    EXPECT_EQ(render->counters().glitches, 0u);
+
+    EXPECT_EQ(render->setFormat(hostpc::pcmFormat(48000, 2, 16)), STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(render->bits(), 24u);
+    pump.periods(2);
+    EXPECT_EQ(render->positionFrames(), 10u * 256);
+    EXPECT_TRUE(hostk::verifierFailures().empty());
+}
 
 TEST(Intersection, AsksTheSizeFirstThenGetsTheFormat) {
     Rig rig;
