@@ -190,24 +190,38 @@ TEST_F(ConcurrencyAdapter, PreventFurtherCallsRacingCallsFreesTheRequestOnce) {
     }
 }
 
+// The attach timer's routine held inside its USB call (on the thread that
+// fires it) while the adapter's last reference goes: the destruction must
+// not get past the timer's teardown until the routine is done with it.
 TEST_F(ConcurrencyAdapter, AttachTimerFiringAgainstDestruction) {
-    hostk::useVirtualTime(false);
-    std::mt19937 random(11);
-    size_t fired = 0;
-    for (int round = 0; round < 40; ++round) {
-        MMEAdapter* adapter = MMEAdapter::create(fdo, nullptr);
-        ASSERT_NE(adapter->attachTimer(), nullptr);
-        adapter->setWaveRunning(true); // so the routine goes on to call the USB driver
-        adapter->attachTimer()->set(1);
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 2500));
-        adapter->Release(); // must not finish while the routine can still reach it
-        fired += tracecap::countLines("ATTACH TIMER");
-        tracecap::clearTrace();
-    }
-    // Nothing fires for an adapter that is gone.
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(tracecap::countLines("ATTACH TIMER"), 0u);
-    EXPECT_LE(fired, 40u);
+    SlowUsbDevice usb;
+    MMEAdapter* adapter = startedAdapter(usb.device);
+    usb.holdCode = USBCall_TimedStart;
+    adapter->setWaveRunning(true); // so the routine goes on to call the USB driver
+    adapter->attachTimer()->set(1);
+    std::thread firer([] { hostk::advanceTime(10 * 10000); });
+    usb.waitEntered();
+
+    std::atomic<int> cancels{0};
+    hostk::setTimerObserver([&](PKTIMER, bool setting) {
+        if (!setting)
+            ++cancels;
+    });
+    std::atomic<bool> gone{false};
+    std::thread removal([&] {
+        adapter->Release();
+        gone = true;
+    });
+    // The adapter cancels, then the timer's destructor cancels and flushes.
+    while (cancels.load() < 2)
+        std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(gone.load()) << "the adapter went while its timer routine ran";
+    usb.release();
+    firer.join();
+    removal.join();
+    hostk::setTimerObserver(nullptr);
+    EXPECT_TRUE(tracecap::containsLine("ATTACH TIMER"));
 }
 
 TEST_F(ConcurrencyAdapter, NotificationsAndStateQuestionsFromOtherThreads) {
@@ -224,12 +238,23 @@ TEST_F(ConcurrencyAdapter, NotificationsAndStateQuestionsFromOtherThreads) {
         stop = true;
     });
     LONG answers = 0;
+    size_t asked = 0, odd = 0;
     while (!stop.load()) {
-        answers += MMEAdapter::stcEntry(adapter, USBStc_IsMMEAttached, 0);
+        const LONG answer = MMEAdapter::stcEntry(adapter, USBStc_IsMMEAttached, 0);
+        odd += answer != 0 && answer != 1;
+        answers += answer;
+        ++asked;
         adapter->setWaveRunning(answers % 2 == 0);
     }
     notifier.join();
+    EXPECT_EQ(odd, 0u) << "of " << asked << " answers";
     EXPECT_EQ(MMEAdapter::stcEntry(adapter, USBStc_IsMMEAttached, 0), 1);
+    // Every notification acted on whole: the last ASIO arrival cancelled the
+    // timer that the departures before it armed.
+    EXPECT_EQ(tracecap::countLines("...MME Attached"), 250u);
+    EXPECT_EQ(tracecap::countLines("...MME Detached"), 250u);
+    EXPECT_EQ(tracecap::countLines("MMENotify_OnAsioDetached"), 500u);
+    EXPECT_EQ(hostk::pendingTimers(), 0u);
     adapter->Release();
 }
 
