@@ -91,13 +91,10 @@ TEST_F(Topology, ConstantFilterAsDrawn) {
         const PCCONNECTION_DESCRIPTOR& c = f.Connections[i];
         listed.push_back({c.FromNode, c.FromNodePin, c.ToNode, c.ToNodePin});
     }
-    EXPECT_EQ(listed, (std::vector<std::vector<ULONG>>{
-                          {F, 0, 0, I},
-                          {0, O, 1, I},
-                          {1, O, F, 3},
-                          {F, 2, 2, I},
-                          {2, O, 3, I},
-                          {3, O, F, 1}}));
+    EXPECT_EQ(
+        listed,
+        (std::vector<std::vector<ULONG>>{
+            {F, 0, 0, I}, {0, O, 1, I}, {1, O, F, 3}, {F, 2, 2, I}, {2, O, 3, I}, {3, O, F, 1}}));
 
     struct {
         KSPIN_DATAFLOW flow;
