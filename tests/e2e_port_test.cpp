@@ -29,7 +29,7 @@ TEST(PinCreation, NewStreamThenTenMillisecondNotificationsThenItsFraming) {
     EXPECT_EQ(render->framingBytes(), 256u * 4) << "one 256-frame period";
     EXPECT_EQ(render->notificationMs(), 5u);
     EXPECT_EQ(render->bufferBytes(), 4096u * 4) << "BufferSize(): 4096 frames";
-    EXPECT_EQ(render->leadFrames(), 512u);
+    EXPECT_EQ(render->leadFrames(), 2048u) << "40 ms in whole periods";
     EXPECT_EQ(render->state(), KSSTATE_STOP);
     EXPECT_EQ(rig.harness.wave()->renderStream()->state(), KSSTATE_STOP);
 

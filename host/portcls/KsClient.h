@@ -92,8 +92,9 @@ std::vector<UCHAR> pcmFormat(ULONG rate, USHORT channels, USHORT bits, bool exte
 const WAVEFORMATEX* waveFormatOf(const std::vector<UCHAR>& format);
 
 struct StreamOptions {
-    // Render: frames the port keeps written ahead of the position. 0: two
-    // notification periods. Clamped to one period .. buffer less one period.
+    // Render: frames the port keeps written ahead of the position. 0: about
+    // 40 ms in whole framings (at least two), as the real port keeps.
+    // Clamped to one period .. buffer less one period.
     ULONG leadFrames = 0;
     // Frames the built-in client queue holds. 0: one second.
     ULONG queueFrames = 0;

@@ -141,6 +141,7 @@ NTSTATUS WavePin::create(PUNKNOWN wavePort, ULONG pinId, bool capture,
     pin->mSource = source;
     pin->mSink = sink;
     pin->mLeadFrames = options.leadFrames;
+    pin->mRate = wave->nSamplesPerSec;
     pin->mFormat = format;
 
     // The port hands the miniport its own copy of the format, as PortCls does.
@@ -260,7 +261,14 @@ void WavePin::takeBuffer() {
     mPoolBuffer = hostk::poolBlockInfo(base, &tag, &block) && block >= size;
     mTag = tag;
     mFrameBytes = mFraming - mFraming % mBlockAlign;
-    ULONG lead = mLeadFrames ? mLeadFrames * mBlockAlign : 2 * mFrameBytes;
+    // By default the port keeps about 40 ms written ahead of the position,
+    // as the documented WaveCyclic port does ("WaveCyclic latency"), in
+    // whole framings and never less than two.
+    ULONG lead = mLeadFrames * mBlockAlign;
+    if (!mLeadFrames && mFrameBytes) {
+        const ULONG want = ULONG(uint64_t(mRate) * 40 / 1000) * mBlockAlign;
+        lead = std::max(2u, (want + mFrameBytes - 1) / mFrameBytes) * mFrameBytes;
+    }
     const ULONG most = mSize > mFrameBytes ? mSize - mFrameBytes : mFrameBytes;
     mLead = std::clamp(lead, mFrameBytes, std::max(mFrameBytes, most));
     mLead -= mLead % mBlockAlign;
@@ -507,6 +515,7 @@ NTSTATUS WavePin::setFormat(const std::vector<UCHAR>& format, ULONG blockAlign) 
     mFormat.swap(copy);
     SpinGuard lock(&mLock);
     mBlockAlign = blockAlign;
+    mRate = waveFormatOf(mFormat)->nSamplesPerSec;
     takeBuffer();
     if (!mBase)
         return STATUS_INSUFFICIENT_RESOURCES;

@@ -90,7 +90,8 @@ private:
     ULONG mFraming = 0;
     ULONG mIntervalMs = 0;
     std::vector<UCHAR> mFormat; // as the port last set it, under mControl
-    ULONG mLeadFrames = 0;      // asked for; 0 = two periods
+    ULONG mLeadFrames = 0;      // asked for; 0 = about 40 ms
+    ULONG mRate = 0;            // frames per second of the format
     ULONG mLead = 0;            // bytes in force
 
     std::mutex mControl;
