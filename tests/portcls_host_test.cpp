@@ -9,6 +9,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -541,6 +544,49 @@ TEST_F(PortClsHost, NotifyCallsTheListenerAndServesTheGroupAtOnceOrFromATimer) {
     WCHAR name[] = L"Wave";
     EXPECT_EQ(PcRegisterSubdevice(mFdo, name, port), STATUS_SUCCESS);
     port->Release();
+}
+
+// Concurrent mode: the members are serviced on the kernel's DPC thread; a
+// request that finds the service asked for a millisecond earlier still
+// queued (the DPC thread busy) counts as late and coalesces with it.
+TEST_F(PortClsHost, ConcurrentServiceRunsOnTheDpcThreadAndCountsLateOnes) {
+    struct HeldSink : CountingSink {
+        STDMETHODIMP_(void) RequestService() override {
+            std::unique_lock<std::mutex> lock(mutex);
+            thread = std::this_thread::get_id();
+            ++services;
+            changed.notify_all();
+            changed.wait(lock, [&] { return open; });
+        }
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::thread::id thread;
+        bool open = false;
+    } sink;
+    hostpc::setDefaultServiceMode(hostpc::ServiceMode::Concurrent);
+    PSERVICEGROUP group = nullptr;
+    ASSERT_EQ(PcNewServiceGroup(&group, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(hostpc::serviceGroupState(group).mode, hostpc::ServiceMode::Concurrent);
+    ASSERT_EQ(group->AddMember(&sink), STATUS_SUCCESS);
+    hostk::runAtDispatch([&] { group->RequestService(); });
+    {
+        std::unique_lock<std::mutex> lock(sink.mutex);
+        sink.changed.wait(lock, [&] { return sink.services == 1; });
+    }
+    EXPECT_NE(sink.thread, std::this_thread::get_id());
+    hostk::runAtDispatch([&] { group->RequestService(); }); // queued behind the running one
+    hostk::advanceTime(10000);
+    hostk::runAtDispatch([&] { group->RequestService(); }); // a millisecond later: late
+    EXPECT_EQ(hostpc::serviceGroupState(group).lateServices, 1u);
+    {
+        std::lock_guard<std::mutex> lock(sink.mutex);
+        sink.open = true;
+        sink.changed.notify_all();
+    }
+    KeFlushQueuedDpcs();
+    EXPECT_EQ(sink.services, 2) << "the queued request and the late one ran once";
+    group->RemoveMember(&sink);
+    group->Release();
 }
 
 // What the port takes from a stream is the driver's word: a framing of 0, a
