@@ -5,7 +5,9 @@
 // between the client's queue and the cyclic buffer: render with CopyTo ahead
 // of the position, Silence when the client is late (a glitch); capture with
 // CopyFrom from its last read up to the position (an overrun when the client
-// has no room). The cyclic buffer wraps at BufferSize().
+// has no room). The cyclic buffer (SystemAddress, BufferSize) is taken at
+// creation and after a format change the pin carried out; it wraps at
+// BufferSize(). The service runs from the service group's DPC.
 //
 // References: the port's pin registry holds one until the pin is closed,
 // the client's KsStream one, the service group one while the pin is a
