@@ -225,7 +225,8 @@ STDMETHODIMP_(ULONG) WavePin::Release() {
 // ---- Service routine ----
 
 // A position at or past the buffer's end is the driver's fault, reported
-// once, never folded back into the buffer.
+// once, never folded back into the buffer (ReactOS's RequestService takes
+// GetPosition as an offset into the common buffer as it is).
 bool WavePin::readPosition(ULONG* position) {
     ULONG p = 0;
     if (!mStream || !mBase || !NT_SUCCESS(mStream->GetPosition(&p)))
