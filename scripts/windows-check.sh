@@ -41,13 +41,15 @@ ok() { echo "windows-check: ok: $*"; }
 # RtlCopyMemory, RtlMoveMemory and RtlZeroMemory are memcpy, memmove and
 # memset; the interlocked operations, IRQL, IoGetNextIrpStackLocation,
 # IoSetCompletionRoutine and KeGetCurrentThread are inline on x64), plus the
-# spin lock and DPC-flush services.
+# spin lock, DPC-flush and run-down protection services.
 ALLOWED_NTOSKRNL="DbgPrint RtlAssert KeGetCurrentThread KeDelayExecutionThread
   KeInitializeTimer KeInitializeDpc KeSetTimer KeCancelTimer
   ObfReferenceObject ObfDereferenceObject IoAllocateIrp IoFreeIrp IofCallDriver
   ExAllocatePoolWithTag ExFreePoolWithTag memcmp memcpy memmove memset
   KeAcquireSpinLockRaiseToDpc KeReleaseSpinLock KeAcquireSpinLockAtDpcLevel
-  KeReleaseSpinLockFromDpcLevel KeFlushQueuedDpcs"
+  KeReleaseSpinLockFromDpcLevel KeFlushQueuedDpcs ExInitializeRundownProtection
+  ExReInitializeRundownProtection ExAcquireRundownProtection ExReleaseRundownProtection
+  ExWaitForRundownProtectionRelease"
 ALLOWED_PORTCLS="PcInitializeAdapterDriver PcAddAdapterDevice PcNewPort PcRegisterSubdevice
   PcRegisterPhysicalConnection PcNewServiceGroup"
 ALLOWED_HAL=""

@@ -262,10 +262,13 @@ TEST(Adapter, TimerIsOneShotAndReArmsFromNow) {
     hostk::advanceTime(100 * ms);
     EXPECT_EQ(recorder.fired.size(), 2u);
 
-    // A timer without a target fires into nothing.
+    // A timer without a target fires into nothing (and does not crash).
     timer = new MMETimer(nullptr, 3);
     timer->set(1);
+    EXPECT_EQ(hostk::pendingTimers(), 1u);
     hostk::advanceTime(10 * ms);
+    EXPECT_EQ(hostk::pendingTimers(), 0u) << "it fired";
+    EXPECT_EQ(recorder.fired.size(), 2u);
     delete timer;
 }
 

@@ -1,8 +1,10 @@
 // The adapter across threads (run under ThreadSanitizer by the tsan preset):
 // MMENotify_PreventFurtherDriverCalls while a call is under way on another
-// thread, and the attach timer's routine (real-time host timers) against the
-// adapter's destruction.
+// thread, the attach timer's routine (real-time host timers) against the
+// adapter's destruction, and the two removal races, each interleaving forced
+// through the host's hooks.
 #include "support/AdapterHarness.h"
+#include "support/E2eRig.h"
 #include "support/TraceCapture.h"
 
 #include <gtest/gtest.h>
@@ -68,6 +70,33 @@ struct SlowUsbDevice {
     bool entered = false;
     bool released = false;
     std::atomic<int> calls{0};
+};
+
+// One thread held at a hook until the test lets it go, and what the other
+// side of a race reached meanwhile.
+struct Gate {
+    void arrive(bool* flag) {
+        std::unique_lock<std::mutex> lock(mutex);
+        *flag = true;
+        changed.notify_all();
+        if (flag == &held)
+            changed.wait(lock, [&] { return open; });
+    }
+    template <class Pred> void waitFor(Pred pred) {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait(lock, pred);
+    }
+    void letGo() {
+        std::lock_guard<std::mutex> lock(mutex);
+        open = true;
+        changed.notify_all();
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool held = false;          // the first side sits at its hook
+    bool teardownWaits = false; // the teardown waits for it
+    bool unregistered = false;  // the teardown went on to USBCall_Unregister
+    bool open = false;
 };
 
 class ConcurrencyAdapter : public ::testing::Test {
@@ -161,24 +190,38 @@ TEST_F(ConcurrencyAdapter, PreventFurtherCallsRacingCallsFreesTheRequestOnce) {
     }
 }
 
+// The attach timer's routine held inside its USB call (on the thread that
+// fires it) while the adapter's last reference goes: the destruction must
+// not get past the timer's teardown until the routine is done with it.
 TEST_F(ConcurrencyAdapter, AttachTimerFiringAgainstDestruction) {
-    hostk::useVirtualTime(false);
-    std::mt19937 random(11);
-    size_t fired = 0;
-    for (int round = 0; round < 40; ++round) {
-        MMEAdapter* adapter = MMEAdapter::create(fdo, nullptr);
-        ASSERT_NE(adapter->attachTimer(), nullptr);
-        adapter->setWaveRunning(true); // so the routine goes on to call the USB driver
-        adapter->attachTimer()->set(1);
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 2500));
-        adapter->Release(); // must not finish while the routine can still reach it
-        fired += tracecap::countLines("ATTACH TIMER");
-        tracecap::clearTrace();
-    }
-    // Nothing fires for an adapter that is gone.
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(tracecap::countLines("ATTACH TIMER"), 0u);
-    EXPECT_LE(fired, 40u);
+    SlowUsbDevice usb;
+    MMEAdapter* adapter = startedAdapter(usb.device);
+    usb.holdCode = USBCall_TimedStart;
+    adapter->setWaveRunning(true); // so the routine goes on to call the USB driver
+    adapter->attachTimer()->set(1);
+    std::thread firer([] { hostk::advanceTime(10 * 10000); });
+    usb.waitEntered();
+
+    std::atomic<int> cancels{0};
+    hostk::setTimerObserver([&](PKTIMER, bool setting) {
+        if (!setting)
+            ++cancels;
+    });
+    std::atomic<bool> gone{false};
+    std::thread removal([&] {
+        adapter->Release();
+        gone = true;
+    });
+    // The adapter cancels, then the timer's destructor cancels and flushes.
+    while (cancels.load() < 2)
+        std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(gone.load()) << "the adapter went while its timer routine ran";
+    usb.release();
+    firer.join();
+    removal.join();
+    hostk::setTimerObserver(nullptr);
+    EXPECT_TRUE(tracecap::containsLine("ATTACH TIMER"));
 }
 
 TEST_F(ConcurrencyAdapter, NotificationsAndStateQuestionsFromOtherThreads) {
@@ -195,13 +238,95 @@ TEST_F(ConcurrencyAdapter, NotificationsAndStateQuestionsFromOtherThreads) {
         stop = true;
     });
     LONG answers = 0;
+    size_t asked = 0, odd = 0;
     while (!stop.load()) {
-        answers += MMEAdapter::stcEntry(adapter, USBStc_IsMMEAttached, 0);
+        const LONG answer = MMEAdapter::stcEntry(adapter, USBStc_IsMMEAttached, 0);
+        odd += answer != 0 && answer != 1;
+        answers += answer;
+        ++asked;
         adapter->setWaveRunning(answers % 2 == 0);
     }
     notifier.join();
+    EXPECT_EQ(odd, 0u) << "of " << asked << " answers";
     EXPECT_EQ(MMEAdapter::stcEntry(adapter, USBStc_IsMMEAttached, 0), 1);
+    // Every notification acted on whole: the last ASIO arrival cancelled the
+    // timer that the departures before it armed.
+    EXPECT_EQ(tracecap::countLines("...MME Attached"), 250u);
+    EXPECT_EQ(tracecap::countLines("...MME Detached"), 250u);
+    EXPECT_EQ(tracecap::countLines("MMENotify_OnAsioDetached"), 500u);
+    EXPECT_EQ(hostk::pendingTimers(), 0u);
     adapter->Release();
+}
+
+// A period callback inside the port's Notify (held at the notify listener)
+// while the device is removed: the wave miniport's teardown must wait for it
+// before it lets go of the port and the service group the callback uses.
+TEST(RemovalRace, PeriodCallbackInNotifyAgainstTheWaveMiniportsTeardown) {
+    hostpc::resetForTest();
+    Gate gate;
+    {
+        e2e::Rig rig;
+        auto render = rig.open(false, 48000, 2, 16);
+        ASSERT_TRUE(render);
+        ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+        rig.model().runPeriods(2);
+        std::atomic<bool> first{true};
+        hostpc::setNotifyListener(rig.filter->port(), [&](PSERVICEGROUP) {
+            if (first.exchange(false))
+                gate.arrive(&gate.held);
+        });
+        hostk::setRundownWaitObserver([&](PEX_RUNDOWN_REF) { gate.arrive(&gate.teardownWaits); });
+        rig.model().setDuringCall([&](ULONG code) {
+            if (code == USBCall_Unregister)
+                gate.arrive(&gate.unregistered);
+        });
+        std::thread period([&] { rig.model().runPeriods(1); });
+        gate.waitFor([&] { return gate.held; });
+        std::thread removal([&] { rig.harness.remove(); });
+        gate.waitFor([&] { return gate.teardownWaits || gate.unregistered; });
+        EXPECT_TRUE(gate.teardownWaits);
+        EXPECT_FALSE(gate.unregistered) << "the port and group went while Notify ran";
+        gate.letGo();
+        period.join();
+        removal.join();
+        EXPECT_TRUE(render->removed());
+        hostk::setRundownWaitObserver(nullptr);
+    }
+    EXPECT_EQ(hostk::checkClean(), "");
+}
+
+// MMENotify_OnAsioDetached arming the attach timer (held in KeSetTimer) while
+// the adapter's last reference goes: the destructor must not free the timer
+// until the notification is done with it.
+TEST_F(ConcurrencyAdapter, AsioNotificationArmingTheTimerAgainstDestruction) {
+    SlowUsbDevice usb;
+    MMEAdapter* adapter = startedAdapter(usb.device);
+    usb.holdCode = USBCall_Unregister;
+    Gate gate;
+    std::atomic<bool> first{true};
+    hostk::setTimerObserver([&](PKTIMER, bool setting) {
+        if (setting && first.exchange(false))
+            gate.arrive(&gate.held);
+    });
+    hostk::setRundownWaitObserver([&](PEX_RUNDOWN_REF) { gate.arrive(&gate.teardownWaits); });
+    std::thread notifier([&] { MMEAdapter::notifyEntry(adapter, MMENotify_OnAsioDetached, 0); });
+    gate.waitFor([&] { return gate.held; });
+    std::thread removal([&] { adapter->Release(); });
+    std::thread unregisterWatch([&] {
+        usb.waitEntered();
+        gate.arrive(&gate.unregistered);
+    });
+    gate.waitFor([&] { return gate.teardownWaits || gate.unregistered; });
+    EXPECT_TRUE(gate.teardownWaits);
+    EXPECT_FALSE(gate.unregistered) << "the timer was freed while being armed";
+    gate.letGo();
+    notifier.join();
+    usb.release();
+    removal.join();
+    unregisterWatch.join();
+    hostk::setTimerObserver(nullptr);
+    hostk::setRundownWaitObserver(nullptr);
+    EXPECT_EQ(hostk::pendingTimers(), 0u) << "the destructor cancels what was armed";
 }
 
 } // namespace

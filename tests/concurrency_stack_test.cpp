@@ -33,6 +33,7 @@ protected:
     void SetUp() override {
         hostk::setSinkNull(); // thousands of state changes are traced
         ASSERT_EQ(device.startStatus, STATUS_SUCCESS);
+        device.loader.setServiceMode(hostpc::ServiceMode::Concurrent);
         filter = std::make_unique<hostpc::WaveFilter>(hostpc::subdevice(device.fdo(), L"Wave"));
     }
     void TearDown() override {

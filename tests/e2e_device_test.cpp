@@ -163,10 +163,11 @@ TEST(UsbDriver, ExclusiveInputsOnAScheduleSilenceCaptureMeanwhile) {
     EXPECT_EQ(capture->counters().overruns, 0u);
 }
 
-// ---- Removal ----
+// ---- Removal, with the port servicing on its DPC thread as on Windows ----
 
 TEST(Removal, WhileStreamsRunEverythingIsReleased) {
     Rig rig;
+    rig.harness.loader.setServiceMode(hostpc::ServiceMode::Concurrent);
     rig.model().setLoopback(512);
     auto capture = rig.open(true, 48000, 2, 16);
     auto render = rig.open(false, 48000, 2, 16);
@@ -176,7 +177,10 @@ TEST(Removal, WhileStreamsRunEverythingIsReleased) {
     ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
     ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
     pump.periods(20);
+    KeFlushQueuedDpcs(); // services still queued take what the periods moved
+    pump.drain();
     rig.model().runPeriods(1); // one period recorded, not yet read
+    KeFlushQueuedDpcs();       // once its service has run
     ASSERT_EQ(capture->queuedFrames(), 256u);
     const size_t objects = hostpc::liveObjects();
 
@@ -203,6 +207,7 @@ TEST(Removal, WhileStreamsRunEverythingIsReleased) {
 
 TEST(Removal, WhileTheRealTimeClockRunsOnItsOwnThread) {
     Rig rig;
+    rig.harness.loader.setServiceMode(hostpc::ServiceMode::Concurrent);
     rig.model().setLoopback(512);
     auto capture = rig.open(true, 48000, 2, 16);
     auto render = rig.open(false, 48000, 2, 16);
@@ -230,6 +235,7 @@ TEST(Removal, WhileTheRealTimeClockRunsOnItsOwnThread) {
 TEST(Removal, PinsOpenedWhileTheDeviceGoesAreClosedWithIt) {
     for (int round = 0; round < 20; ++round) {
         Rig rig;
+        rig.harness.loader.setServiceMode(hostpc::ServiceMode::Concurrent);
         std::atomic<bool> removed{false};
         std::atomic<size_t> opened{0}, refused{0};
         std::vector<std::unique_ptr<hostpc::KsStream>> kept;
@@ -265,6 +271,7 @@ TEST(Removal, PinsOpenedWhileTheDeviceGoesAreClosedWithIt) {
 
 TEST(Removal, StreamsClosedBeforeRemovalLeaveNothingForIt) {
     Rig rig;
+    rig.harness.loader.setServiceMode(hostpc::ServiceMode::Concurrent);
     {
         auto render = rig.open(false, 48000, 2, 16);
         ASSERT_TRUE(render);

@@ -255,8 +255,10 @@ TEST(States, PauseAndResumeLoseNothingAndRepeatNothing) {
         const size_t heardBefore = played(*out, 0, 2).sound.size();
         pump.periods(e2e::kRenderWriteAhead / 256 + 4);
         EXPECT_EQ(render->positionFrames(), at) << "a paused stream does not move";
-        // Only what was already in the device's ring plays during the pause.
-        EXPECT_LE(played(*out, 0, 2).sound.size() - heardBefore, (e2e::kRenderWriteAhead + 1) * 2);
+        // Only what was already in the device's ring and the port's lead
+        // plays during the pause; then silence, never stale audio.
+        EXPECT_LE(played(*out, 0, 2).sound.size() - heardBefore,
+                  (e2e::kRenderWriteAhead + render->leadFrames() + 1) * 2);
         ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
     }
     pump.periods(frames / 256 + e2e::kRenderWriteAhead / 256 + 4);

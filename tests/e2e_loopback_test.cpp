@@ -282,7 +282,7 @@ JustInTime justInTime(size_t periods, size_t prefill, std::vector<size_t> skippe
     EXPECT_TRUE(render);
     if (!render)
         return r;
-    EXPECT_EQ(render->leadFrames(), 512u);
+    EXPECT_EQ(render->leadFrames(), 2048u) << "40 ms in whole periods";
     r.sent = e2e::noise(periods * 256 * 2, 16, 5);
     const auto bytes = e2e::pack(r.sent, 16);
     r.written = render->write(bytes.data(), prefill);
@@ -422,7 +422,7 @@ TEST(Flood, WritesTakeWhatFitsAndEverythingTakenIsPlayed) {
         written += render->write(bytes.data() + written * 4, frames - written);
     }
     render->endOfStream();
-    rig.model().runPeriods((2048 + e2e::kRenderWriteAhead) / 256 + 4);
+    rig.model().runPeriods((2048 + render->leadFrames() + e2e::kRenderWriteAhead) / 256 + 4);
     EXPECT_EQ(render->counters().glitches, 0u);
     Played p = played(*out, e2e::kRenderWriteAhead, 2, frames);
     EXPECT_EQ(p.silentFrames, 0u);

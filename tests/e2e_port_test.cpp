@@ -4,6 +4,7 @@
 // the port refuses before the miniport sees it, allocation failures at any
 // point of opening, the client queue, and a filter whose device is gone.
 #include "support/E2eRig.h"
+#include "support/TraceCapture.h"
 
 #include "driver/wave/MMEWaveStream.h"
 
@@ -28,7 +29,7 @@ TEST(PinCreation, NewStreamThenTenMillisecondNotificationsThenItsFraming) {
     EXPECT_EQ(render->framingBytes(), 256u * 4) << "one 256-frame period";
     EXPECT_EQ(render->notificationMs(), 5u);
     EXPECT_EQ(render->bufferBytes(), 4096u * 4) << "BufferSize(): 4096 frames";
-    EXPECT_EQ(render->leadFrames(), 512u);
+    EXPECT_EQ(render->leadFrames(), 2048u) << "40 ms in whole periods";
     EXPECT_EQ(render->state(), KSSTATE_STOP);
     EXPECT_EQ(rig.harness.wave()->renderStream()->state(), KSSTATE_STOP);
 
@@ -110,6 +111,35 @@ TEST(PinCreation, AllocationFailuresAnywhereLeaveNothingBehind) {
 
 // ---- Data intersection ----
 
+// KSPROPERTY_CONNECTION_DATAFORMAT on an open pin: the same format changes
+// nothing, another goes to the stream while it is stopped and swaps the
+// cyclic buffer the port then uses, and a running stream refuses one.
+TEST(PinFormat, ChangedWhileStoppedRefusedWhileRunning) {
+    Rig rig;
+    auto render = rig.open(false, 48000, 2, 16);
+    ASSERT_TRUE(render);
+    const ULONG before = render->bufferBytes();
+    const size_t setFormats = tracecap::countLines("MMEWaveStream::SetFormat");
+    EXPECT_EQ(render->setFormat(hostpc::pcmFormat(48000, 2, 16)), STATUS_SUCCESS);
+    EXPECT_EQ(tracecap::countLines("MMEWaveStream::SetFormat"), setFormats) << "same format";
+
+    ASSERT_EQ(render->setFormat(hostpc::pcmFormat(48000, 2, 24)), STATUS_SUCCESS);
+    EXPECT_EQ(render->bits(), 24u);
+    EXPECT_EQ(render->bufferBytes(), before / 4 * 6) << "the port took the new buffer";
+    e2e::Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 4000, 24, 3), 24), nullptr);
+    pump.feed();
+    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    pump.periods(8);
+    EXPECT_EQ(render->positionFrames(), 8u * 256);
+    EXPECT_EQ(render->counters().glitches, 0u);
+
+    EXPECT_EQ(render->setFormat(hostpc::pcmFormat(48000, 2, 16)), STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(render->bits(), 24u);
+    pump.periods(2);
+    EXPECT_EQ(render->positionFrames(), 10u * 256);
+    EXPECT_TRUE(hostk::verifierFailures().empty());
+}
+
 TEST(Intersection, AsksTheSizeFirstThenGetsTheFormat) {
     Rig rig;
     hostk::clearCaptured();
@@ -137,14 +167,23 @@ TEST(Intersection, AsksTheSizeFirstThenGetsTheFormat) {
     EXPECT_EQ(f.WaveFormatExt.Format.nBlockAlign, 6u);
     EXPECT_EQ(f.WaveFormatExt.dwChannelMask, 0x3u);
 
-    // What the port was offered opens as it is. Its SampleSize is 0, so the
-    // stream names no framing; the port plans by the 5 ms interval (+1 ms).
+    // Its SampleSize is 0, so the stream names a framing of 0, which the
+    // port reports and with which it moves nothing; a client that fills in
+    // SampleSize gets a period's framing.
     EXPECT_EQ(f.DataFormat.SampleSize, 0u);
     std::unique_ptr<hostpc::KsStream> stream;
     EXPECT_EQ(rig.filter->open(hostpc::kWaveCapturePin, format, {}, &stream), STATUS_SUCCESS);
     ASSERT_TRUE(stream);
+    EXPECT_EQ(stream->framingBytes(), 0u);
+    EXPECT_EQ(hostk::verifierFailures().size(), 1u);
+    hostk::clearVerifierFailures();
+    stream.reset();
+    f.DataFormat.SampleSize = f.WaveFormatExt.Format.nBlockAlign;
+    std::memcpy(format.data(), &f, sizeof f);
+    EXPECT_EQ(rig.filter->open(hostpc::kWaveCapturePin, format, {}, &stream), STATUS_SUCCESS);
+    ASSERT_TRUE(stream);
     EXPECT_EQ(stream->notificationMs(), 5u);
-    EXPECT_EQ(stream->framingBytes(), 288u * 6);
+    EXPECT_EQ(stream->framingBytes(), 256u * 6);
     EXPECT_EQ(stream->setState(KSSTATE_RUN), STATUS_SUCCESS);
     rig.model().runPeriods(4);
     EXPECT_EQ(stream->queuedFrames(), 4u * 256);
@@ -157,6 +196,8 @@ TEST(Intersection, WhatItOffersRendersWithoutGlitches) {
     ASSERT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin,
                                     hostpc::clientRange(2, 16, 16, 96000, 96000), &format),
               STATUS_SUCCESS);
+    // Filled in by the client, as KS clients do: the offer leaves it 0.
+    reinterpret_cast<KSDATAFORMAT*>(format.data())->SampleSize = 4;
     std::unique_ptr<hostpc::KsStream> render;
     ASSERT_EQ(rig.filter->open(hostpc::kWaveRenderPin, format, {}, &render), STATUS_SUCCESS);
     e2e::Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 30000, 16, 1), 16), nullptr);

@@ -377,6 +377,66 @@ struct TimerWithDpc {
 };
 
 // (Relative delays counted, and a delay's status: entry_test, in the driver's own wait.)
+// A queued DPC is queued once (a second insertion while it waits is refused);
+// targeted at its queueing thread it runs when that thread leaves
+// DISPATCH_LEVEL, or at once from below it; otherwise on the DPC thread,
+// which KeFlushQueuedDpcs waits for.
+TEST(KernelDpc, QueuedOnceRunAtDispatchWhereTheTargetSays) {
+    DpcProbe probe;
+    KDPC dpc;
+    KeInitializeDpc(&dpc, probeRoutine, &probe);
+    hostk::setDpcTarget(&dpc, hostk::DpcTarget::QueueingThread);
+    hostk::runAtDispatch([&] {
+        EXPECT_TRUE(KeInsertQueueDpc(&dpc, nullptr, nullptr));
+        EXPECT_FALSE(KeInsertQueueDpc(&dpc, nullptr, nullptr));
+        EXPECT_EQ(probe.calls.load(), 0);
+    });
+    EXPECT_EQ(probe.calls.load(), 1) << "ran as the thread left DISPATCH_LEVEL";
+    EXPECT_EQ(probe.irql.load(), DISPATCH_LEVEL);
+    EXPECT_TRUE(KeInsertQueueDpc(&dpc, nullptr, nullptr));
+    EXPECT_EQ(probe.calls.load(), 2) << "queued from passive level: at once";
+    hostk::runAtDispatch([&] {
+        KeInsertQueueDpc(&dpc, nullptr, nullptr);
+        EXPECT_TRUE(KeRemoveQueueDpc(&dpc));
+        EXPECT_FALSE(KeRemoveQueueDpc(&dpc));
+    });
+    EXPECT_EQ(probe.calls.load(), 2);
+
+    hostk::setDpcTarget(&dpc, hostk::DpcTarget::DpcThread);
+    EXPECT_TRUE(KeInsertQueueDpc(&dpc, nullptr, nullptr));
+    KeFlushQueuedDpcs();
+    EXPECT_EQ(probe.calls.load(), 3);
+    EXPECT_EQ(probe.irql.load(), DISPATCH_LEVEL);
+    EXPECT_EQ(hostk::queuedDpcs(), 0u);
+}
+
+// Run-down protection: holders get in until a run-down begins; the wait
+// returns once the last holder has left, and ReInitialize opens it again.
+TEST(KernelRundown, TheWaitOutlastsEveryHolderAndShutsOutNewOnes) {
+    EX_RUNDOWN_REF ref;
+    ExInitializeRundownProtection(&ref);
+    ASSERT_TRUE(ExAcquireRundownProtection(&ref));
+    std::atomic<bool> waiting{false}, done{false};
+    hostk::setRundownWaitObserver([&](PEX_RUNDOWN_REF) { waiting = true; });
+    std::thread waiter([&] {
+        ExWaitForRundownProtectionRelease(&ref);
+        done = true;
+    });
+    while (!waiting.load())
+        std::this_thread::yield();
+    EXPECT_FALSE(ExAcquireRundownProtection(&ref)) << "no new holder once it runs down";
+    EXPECT_FALSE(done.load());
+    ExReleaseRundownProtection(&ref);
+    waiter.join();
+    EXPECT_TRUE(done.load());
+    hostk::setRundownWaitObserver(nullptr);
+    ExReInitializeRundownProtection(&ref);
+    EXPECT_TRUE(ExAcquireRundownProtection(&ref));
+    ExReleaseRundownProtection(&ref);
+    ExWaitForRundownProtectionRelease(&ref); // nobody holds it: returns at once
+    EXPECT_TRUE(hostk::verifierFailures().empty());
+}
+
 TEST(KernelTime, VirtualDelaysMoveTheClockAtOnceAndAbsoluteOnesToTheirTime) {
     ASSERT_TRUE(hostk::virtualTime());
     EXPECT_EQ(hostk::now100ns(), 0);
@@ -733,9 +793,9 @@ TEST_F(IoFixture, CallReachesTheDispatchRoutineAndCompletionRunsBottomUpAndResto
 }
 
 TEST_F(IoFixture, CompletionRoutinesRunOnlyForTheirOutcome) {
-    PIRP irp = IoAllocateIrp(1, FALSE);
     lowerStatus = STATUS_UNSUCCESSFUL;
     for (int variant = 0; variant < 3; ++variant) {
+        PIRP irp = IoAllocateIrp(1, FALSE);
         log.clear();
         prepare(irp, 1, nullptr);
         // success only / error only / cancel only
@@ -744,13 +804,18 @@ TEST_F(IoFixture, CompletionRoutinesRunOnlyForTheirOutcome) {
         IoCallDriver(lower, irp);
         bool ran = log.size() == 2;
         EXPECT_EQ(ran, variant != 0) << variant;
-        if (!ran) {
-            // Without a routine that stops it, completion ran past the top:
-            // the allocator still owns the IRP at its original position.
-            EXPECT_EQ(irp->CurrentLocation, 2);
+        if (ran) {
+            IoFreeIrp(irp);
+            continue;
         }
+        // Without a routine that stops it, completion ran past the top: the
+        // I/O manager finished the driver's own IRP, as Windows would.
+        EXPECT_EQ(hostk::liveIrps(), 0u);
+        ASSERT_EQ(hostk::verifierFailures().size(), 1u);
+        EXPECT_NE(hostk::verifierFailures()[0].find("completed past its top location"),
+                  std::string::npos);
+        hostk::clearVerifierFailures();
     }
-    IoFreeIrp(irp);
 }
 
 TEST_F(IoFixture, MissingDispatchCompletesWithInvalidDeviceRequest) {

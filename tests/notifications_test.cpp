@@ -4,6 +4,7 @@
 // headers in the exchange are covered by bad_input_test, and that the
 // exchange neither allocates nor waits by verifier_test.
 #include "driver/streaming/MMEDMAEmulator.h"
+#include "host/portcls/KsClient.h"
 #include "support/AdapterHarness.h"
 #include "support/TraceCapture.h"
 
@@ -212,25 +213,40 @@ protected:
     AudioSM* render = nullptr;
 };
 
+// The port hears one Notify per pass that moved data (a stream is open) and
+// none for passes that moved nothing.
 TEST_F(Exchange, AtMostTwoPassesWhileAPeriodIsAvailable) {
     struct Case {
         ULONG available;
         ULONG passes;
     };
-    // A reader ten frames ahead of the writer sees a huge unsigned count.
-    for (Case c : {Case{255, 0}, Case{256, 1}, Case{300, 1}, Case{511, 1}, Case{512, 2},
-                   Case{600, 2}, Case{5000, 2}, Case{ULONG(-10), 2}}) {
-        backlog(c.available);
-        ULONG written = render->mWritePos;
-        tracecap::clearTrace();
-        exchange();
-        EXPECT_EQ(render->mMMEReadPos, 1000 + 256 * c.passes) << c.available;
-        EXPECT_EQ(render->mWritePos, written + 256 * c.passes) << c.available;
-        EXPECT_EQ(capture->framesAvailable(render->mMMEReadPos), c.available - 256 * c.passes);
-        EXPECT_EQ(tracecap::countLines("MMEAdapter::checkExchangeData second round"),
-                  c.passes == 2 ? 1u : 0u)
-            << c.available;
+    PUNKNOWN port = hostpc::subdevice(h->fdo(), L"Wave");
+    hostpc::WaveFilter filter(port);
+    std::unique_ptr<hostpc::KsStream> stream;
+    for (bool open : {false, true}) {
+        if (open)
+            ASSERT_EQ(
+                filter.open(hostpc::kWaveRenderPin, hostpc::pcmFormat(48000, 2, 16), {}, &stream),
+                STATUS_SUCCESS);
+        // A reader ten frames ahead of the writer sees a huge unsigned count.
+        for (Case c : {Case{255, 0}, Case{256, 1}, Case{300, 1}, Case{511, 1}, Case{512, 2},
+                       Case{600, 2}, Case{5000, 2}, Case{ULONG(-10), 2}}) {
+            backlog(c.available);
+            ULONG written = render->mWritePos;
+            tracecap::clearTrace();
+            const size_t notified = hostpc::portState(port).notifyCount;
+            exchange();
+            EXPECT_EQ(hostpc::portState(port).notifyCount - notified, open ? c.passes : 0u)
+                << c.available;
+            EXPECT_EQ(render->mMMEReadPos, 1000 + 256 * c.passes) << c.available;
+            EXPECT_EQ(render->mWritePos, written + 256 * c.passes) << c.available;
+            EXPECT_EQ(capture->framesAvailable(render->mMMEReadPos), c.available - 256 * c.passes);
+            EXPECT_EQ(tracecap::countLines("MMEAdapter::checkExchangeData second round"),
+                      c.passes == 2 ? 1u : 0u)
+                << c.available;
+        }
     }
+    stream.reset();
 }
 
 TEST_F(Exchange, NothingMovesWithoutAttachSharedMemoryRingsOrChannels) {

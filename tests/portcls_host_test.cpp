@@ -4,10 +4,16 @@
 // that every object it hands out is released.
 #include "host/kernel/HostKernel.h"
 #include "host/portcls/HostPortCls.h"
+#include "host/portcls/KsClient.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -80,19 +86,106 @@ public:
     }
 };
 
+// A stream that is its own DMA channel, with a pool-backed cyclic buffer,
+// and the faults a driver could commit against the port.
+class FakeStream : public IMiniportWaveCyclicStream, public IDmaChannel {
+public:
+    static constexpr ULONG kTag = 0x6B614646; // 'FFak'
+    FakeStream() { allocate(); }
+    ~FakeStream() {
+        if (!mFreed)
+            ExFreePoolWithTag(mBuffer, kTag);
+    }
+    void allocate() {
+        mBuffer = ExAllocatePoolWithTag(NonPagedPool, mSize, kTag);
+        std::memset(mBuffer, 0, mSize);
+    }
+
+    STDMETHODIMP_(NTSTATUS) QueryInterface(REFIID, PVOID* object) override {
+        *object = nullptr;
+        return STATUS_INVALID_PARAMETER;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return ++mRefs; }
+    STDMETHODIMP_(ULONG) Release() override {
+        ULONG n = --mRefs;
+        if (n == 0)
+            delete this;
+        return n;
+    }
+    STDMETHODIMP_(NTSTATUS) SetFormat(PKSDATAFORMAT) override { return STATUS_SUCCESS; }
+    STDMETHODIMP_(ULONG) SetNotificationFreq(ULONG, PULONG frame) override {
+        *frame = mFraming;
+        return 10;
+    }
+    STDMETHODIMP_(NTSTATUS) SetState(KSSTATE) override { return STATUS_SUCCESS; }
+    STDMETHODIMP_(NTSTATUS) GetPosition(PULONG position) override {
+        *position = mPosition;
+        return STATUS_SUCCESS;
+    }
+    STDMETHODIMP_(NTSTATUS) NormalizePhysicalPosition(PLONGLONG) override { return STATUS_SUCCESS; }
+    STDMETHODIMP_(void) Silence(PVOID buffer, ULONG bytes) override {
+        std::memset(buffer, 0, bytes);
+    }
+
+    STDMETHODIMP_(NTSTATUS) AllocateBuffer(ULONG, PPHYSICAL_ADDRESS) override { return 0; }
+    STDMETHODIMP_(void) FreeBuffer() override {}
+    STDMETHODIMP_(ULONG) TransferCount() override { return mSize; }
+    STDMETHODIMP_(ULONG) MaximumBufferSize() override { return mSize; }
+    STDMETHODIMP_(ULONG) AllocatedBufferSize() override { return mSize; }
+    STDMETHODIMP_(ULONG) BufferSize() override { return mSize; }
+    STDMETHODIMP_(void) SetBufferSize(ULONG) override {}
+    STDMETHODIMP_(PVOID) SystemAddress() override { return mBuffer; }
+    STDMETHODIMP_(PPHYSICAL_ADDRESS) PhysicalAddress(PPHYSICAL_ADDRESS address) override {
+        return address;
+    }
+    STDMETHODIMP_(PADAPTER_OBJECT) GetAdapterObject() override { return nullptr; }
+    STDMETHODIMP_(void) CopyTo(PVOID to, PVOID from, ULONG bytes) override {
+        std::memcpy(to, from, bytes);
+    }
+    STDMETHODIMP_(void) CopyFrom(PVOID to, PVOID from, ULONG bytes) override {
+        std::memcpy(to, from, bytes);
+    }
+
+    ULONG mRefs = 0;
+    ULONG mSize = 4096;
+    ULONG mFraming = 1024;
+    ULONG mPosition = 0;
+    PVOID mBuffer = nullptr;
+    bool mFreed = false; // freed behind the port, still reported as its buffer
+};
+
 class FakeWave : public FakeMiniport<IMiniportWaveCyclic> {
 public:
-    using FakeMiniport::FakeMiniport;
+    explicit FakeWave(std::vector<std::string>* log) : FakeMiniport(log) {
+        mPins[2].KsPinDescriptor.Communication = KSPIN_COMMUNICATION_SINK;
+        mPins[2].KsPinDescriptor.DataFlow = KSPIN_DATAFLOW_IN;
+    }
+    ~FakeWave() override {
+        if (mGroup)
+            mGroup->Release();
+    }
     STDMETHODIMP_(NTSTATUS) Init(PUNKNOWN adapter, PRESOURCELIST, PPORTWAVECYCLIC port) override {
         mWavePort = port;
         return initCommon(adapter, port);
     }
     STDMETHODIMP_(NTSTATUS)
-    NewStream(PMINIPORTWAVECYCLICSTREAM*, PUNKNOWN, POOL_TYPE, ULONG, BOOLEAN, PKSDATAFORMAT,
-              PDMACHANNEL*, PSERVICEGROUP*) override {
-        return STATUS_NOT_IMPLEMENTED;
+    NewStream(PMINIPORTWAVECYCLICSTREAM* stream, PUNKNOWN, POOL_TYPE, ULONG, BOOLEAN, PKSDATAFORMAT,
+              PDMACHANNEL* dma, PSERVICEGROUP* group) override {
+        if (!mGroup && PcNewServiceGroup(&mGroup, nullptr) != STATUS_SUCCESS)
+            return STATUS_INSUFFICIENT_RESOURCES;
+        mStream = new FakeStream;
+        mStream->mFraming = mFraming;
+        mStream->mRefs = 2;
+        *stream = mStream;
+        *dma = mStream;
+        mGroup->AddRef();
+        *group = mGroup;
+        return STATUS_SUCCESS;
     }
     PPORTWAVECYCLIC mWavePort = nullptr;
+    PSERVICEGROUP mGroup = nullptr;
+    FakeStream* mStream = nullptr; // the last one, held by the port's pin
+    ULONG mFraming = 1024;
 };
 
 // A plain unknown standing in for the adapter.
@@ -411,14 +504,16 @@ TEST_F(PortClsHost, NotifyCallsTheListenerAndServesTheGroupAtOnceOrFromATimer) {
     wave->Notify(nullptr);
     EXPECT_EQ(hostpc::portState(port).notifyCount, 3u);
     EXPECT_EQ(heard, (std::vector<PSERVICEGROUP>{group, group, nullptr}));
-    EXPECT_EQ(a.services, 2);
-    EXPECT_EQ(b.services, 2);
+    // Both requests found the group's DPC queued once; it ran when the
+    // callback left DISPATCH_LEVEL.
+    EXPECT_EQ(a.services, 1);
+    EXPECT_EQ(b.services, 1);
     EXPECT_EQ(hostpc::serviceGroupState(group).serviceRequests, 2u);
 
     group->RemoveMember(&b);
     group->RequestService();
-    EXPECT_EQ(a.services, 3);
-    EXPECT_EQ(b.services, 2);
+    EXPECT_EQ(a.services, 2);
+    EXPECT_EQ(b.services, 1);
     EXPECT_EQ(b.refs, 0u);
     hostpc::setNotifyListener(port, nullptr);
 
@@ -433,19 +528,112 @@ TEST_F(PortClsHost, NotifyCallsTheListenerAndServesTheGroupAtOnceOrFromATimer) {
     EXPECT_TRUE(hostpc::serviceGroupState(group).delayedServiceSupported);
     group->RequestDelayedService((ULONGLONG)(-10 * 10000)); // 10 ms
     hostk::advanceTime(9 * 10000);
-    EXPECT_EQ(a.services, 3);
+    EXPECT_EQ(a.services, 2);
     hostk::advanceTime(1 * 10000);
-    EXPECT_EQ(a.services, 4);
+    EXPECT_EQ(a.services, 3);
     group->RequestDelayedService((ULONGLONG)(-10 * 10000));
     group->CancelDelayedService();
     hostk::advanceTime(100 * 10000);
-    EXPECT_EQ(a.services, 4);
+    EXPECT_EQ(a.services, 3);
     group->RequestDelayedService((ULONGLONG)(-10 * 10000));
     group->Release();
     hostk::advanceTime(100 * 10000);
-    EXPECT_EQ(a.services, 4);
+    EXPECT_EQ(a.services, 3);
     EXPECT_EQ(a.refs, 0u);
     // Hand the miniport's hold back: register and remove like a device does.
+    WCHAR name[] = L"Wave";
+    EXPECT_EQ(PcRegisterSubdevice(mFdo, name, port), STATUS_SUCCESS);
+    port->Release();
+}
+
+// Concurrent mode: the members are serviced on the kernel's DPC thread; a
+// request that finds the service asked for a millisecond earlier still
+// queued (the DPC thread busy) counts as late and coalesces with it.
+TEST_F(PortClsHost, ConcurrentServiceRunsOnTheDpcThreadAndCountsLateOnes) {
+    struct HeldSink : CountingSink {
+        STDMETHODIMP_(void) RequestService() override {
+            std::unique_lock<std::mutex> lock(mutex);
+            thread = std::this_thread::get_id();
+            ++services;
+            changed.notify_all();
+            changed.wait(lock, [&] { return open; });
+        }
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::thread::id thread;
+        bool open = false;
+    } sink;
+    hostpc::setDefaultServiceMode(hostpc::ServiceMode::Concurrent);
+    PSERVICEGROUP group = nullptr;
+    ASSERT_EQ(PcNewServiceGroup(&group, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(hostpc::serviceGroupState(group).mode, hostpc::ServiceMode::Concurrent);
+    ASSERT_EQ(group->AddMember(&sink), STATUS_SUCCESS);
+    hostk::runAtDispatch([&] { group->RequestService(); });
+    {
+        std::unique_lock<std::mutex> lock(sink.mutex);
+        sink.changed.wait(lock, [&] { return sink.services == 1; });
+    }
+    EXPECT_NE(sink.thread, std::this_thread::get_id());
+    hostk::runAtDispatch([&] { group->RequestService(); }); // queued behind the running one
+    hostk::advanceTime(10000);
+    hostk::runAtDispatch([&] { group->RequestService(); }); // a millisecond later: late
+    EXPECT_EQ(hostpc::serviceGroupState(group).lateServices, 1u);
+    {
+        std::lock_guard<std::mutex> lock(sink.mutex);
+        sink.open = true;
+        sink.changed.notify_all();
+    }
+    KeFlushQueuedDpcs();
+    EXPECT_EQ(sink.services, 2) << "the queued request and the late one ran once";
+    group->RemoveMember(&sink);
+    group->Release();
+}
+
+// What the port takes from a stream is the driver's word: a framing of 0, a
+// position at the buffer's end, a cyclic buffer freed or moved under the
+// port each get the verifier's report, never a quiet repair.
+TEST_F(PortClsHost, TheVerifierReportsWhatADriverDoesBehindThePort) {
+    PUNKNOWN miniport = nullptr;
+    PPORT port = initialisedPort(CLSID_PortWaveCyclic, &miniport);
+    auto* wave = static_cast<FakeWave*>(static_cast<IMiniportWaveCyclic*>(miniport));
+    struct Case {
+        const char* fault;
+        ULONG framing;
+        void (*act)(FakeStream&);
+        const char* report;
+    };
+    const Case cases[] = {
+        {"framing 0", 0, [](FakeStream&) {}, "framing size of 0"},
+        {"position at the end", 1024, [](FakeStream& s) { s.mPosition = s.mSize; },
+         "GetPosition gave 4096, at or past the cyclic buffer's 4096 bytes"},
+        {"buffer freed", 1024,
+         [](FakeStream& s) { ExFreePoolWithTag(s.mBuffer, FakeStream::kTag), s.mFreed = true; },
+         "freed the cyclic buffer"},
+        {"buffer resized", 1024, [](FakeStream& s) { s.mSize /= 2; }, "moved or resized"},
+        {"none", 1024, [](FakeStream& s) { s.mPosition = 1024; }, nullptr},
+    };
+    hostpc::WaveFilter filter(port);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.fault);
+        wave->mFraming = c.framing;
+        std::unique_ptr<hostpc::KsStream> stream;
+        ASSERT_EQ(filter.open(hostpc::kWaveRenderPin, hostpc::pcmFormat(48000, 2, 16), {}, &stream),
+                  STATUS_SUCCESS);
+        ASSERT_EQ(stream->setState(KSSTATE_RUN), STATUS_SUCCESS);
+        c.act(*wave->mStream);
+        static_cast<IPortWaveCyclic*>(port)->Notify(wave->mGroup);
+        std::vector<std::string> reports = hostk::verifierFailures();
+        if (!c.report) {
+            EXPECT_TRUE(reports.empty());
+            EXPECT_EQ(stream->positionFrames(), 256u);
+        } else {
+            ASSERT_EQ(reports.size(), 1u);
+            EXPECT_NE(reports[0].find(c.report), std::string::npos) << reports[0];
+        }
+        hostk::clearVerifierFailures();
+        wave->mStream->mSize = 4096; // the buffer block's own size, for its free
+        stream.reset();
+    }
     WCHAR name[] = L"Wave";
     EXPECT_EQ(PcRegisterSubdevice(mFdo, name, port), STATUS_SUCCESS);
     port->Release();

@@ -82,20 +82,19 @@ TEST_F(Topology, ConstantFilterAsDrawn) {
                             f.ConnectionCount, f.CategoryCount}),
         (std::vector<ULONG>{0, sizeof(PCPIN_DESCRIPTOR), 4, sizeof(PCNODE_DESCRIPTOR), 4, 6, 0}));
 
-    // The connections as drawn, in order: from node/pin, to node/pin.
-    const ULONG F = PCFILTER_NODE, I = KSNODEPIN_STANDARD_IN, O = KSNODEPIN_STANDARD_OUT;
+    // The connections as drawn, in order: from node/pin, to node/pin, in the
+    // filter's own numbers (a renumbered enum must not pass).
+    const ULONG F = 0xFFFFFFFF, I = 1, O = 0;
+    EXPECT_EQ(PCFILTER_NODE, F);
     std::vector<std::vector<ULONG>> listed;
     for (ULONG i = 0; i < f.ConnectionCount; ++i) {
         const PCCONNECTION_DESCRIPTOR& c = f.Connections[i];
         listed.push_back({c.FromNode, c.FromNodePin, c.ToNode, c.ToNodePin});
     }
-    EXPECT_EQ(listed, (std::vector<std::vector<ULONG>>{
-                          {F, TOPO_PIN_WAVEOUT_SOURCE, TOPO_NODE_WAVEOUT_MUTE, I},
-                          {TOPO_NODE_WAVEOUT_MUTE, O, TOPO_NODE_WAVEOUT_VOLUME, I},
-                          {TOPO_NODE_WAVEOUT_VOLUME, O, F, TOPO_PIN_SPEAKER_DEST},
-                          {F, TOPO_PIN_LINEIN_SOURCE, TOPO_NODE_LINEIN_MUTE, I},
-                          {TOPO_NODE_LINEIN_MUTE, O, TOPO_NODE_LINEIN_VOLUME, I},
-                          {TOPO_NODE_LINEIN_VOLUME, O, F, TOPO_PIN_WAVEIN_DEST}}));
+    EXPECT_EQ(
+        listed,
+        (std::vector<std::vector<ULONG>>{
+            {F, 0, 0, I}, {0, O, 1, I}, {1, O, F, 3}, {F, 2, 2, I}, {2, O, 3, I}, {3, O, F, 1}}));
 
     struct {
         KSPIN_DATAFLOW flow;

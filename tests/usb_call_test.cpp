@@ -30,6 +30,10 @@ TEST_F(UsbCall, EveryCodeReachesTheUsbSideAsInternalDeviceControlWithTheRecord) 
     ASSERT_TRUE(adapter->refreshAttachChannels()); // wants what the hardware runs
     EXPECT_TRUE(adapter->callUSBDriver(USBCall_ChangeConfig));
     EXPECT_TRUE(adapter->callUSBDriver(USBCall_TimedStart));
+    // The completion routine kept the one request the adapter's own: the
+    // I/O manager would have finished it otherwise.
+    EXPECT_EQ(hostk::liveIrps(), 1u);
+    EXPECT_TRUE(hostk::verifierFailures().empty());
     h.remove();
 
     auto calls = h.model.calls();

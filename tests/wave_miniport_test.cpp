@@ -322,19 +322,24 @@ TEST_F(WaveMiniportStreams, RunningReportIsTheOrOfBothStreams) {
     ASSERT_EQ(capture.status, STATUS_SUCCESS);
     ASSERT_EQ(render.status, STATUS_SUCCESS);
 
-    stack.wave->onStreamRunning(capture.object(), true);
-    EXPECT_TRUE(capture.object()->isRunning());
-    EXPECT_TRUE(stack.adapter->isWaveRunning());
-    stack.wave->onStreamRunning(render.object(), true);
-    stack.wave->onStreamRunning(capture.object(), false);
-    EXPECT_TRUE(stack.adapter->isWaveRunning());
-
-    // Not one of the two: no flag changes, the OR is still reported.
-    stack.wave->onStreamRunning(nullptr, false);
-    EXPECT_TRUE(render.object()->isRunning());
-    EXPECT_TRUE(stack.adapter->isWaveRunning());
-    stack.wave->onStreamRunning(render.object(), false);
-    EXPECT_FALSE(stack.adapter->isWaveRunning());
+    // Each step: which stream (0 capture, 1 render, 2 neither) changes to
+    // what, and the OR the adapter must then hold; render alone runs too.
+    struct Step {
+        int stream;
+        bool running;
+        bool anyRunning;
+    };
+    const Step steps[] = {{1, true, true},  {0, true, true},   {1, false, true},
+                          {2, false, true}, {0, false, false}, {0, true, true},
+                          {1, true, true},  {0, false, true},  {1, false, false}};
+    MMEWaveStream* streams[] = {capture.object(), render.object(), nullptr};
+    for (const Step& step : steps) {
+        SCOPED_TRACE(std::to_string(step.stream) + (step.running ? " runs" : " stops"));
+        stack.wave->onStreamRunning(streams[step.stream], step.running);
+        if (streams[step.stream])
+            EXPECT_EQ(streams[step.stream]->isRunning(), step.running);
+        EXPECT_EQ(stack.adapter->isWaveRunning(), step.anyRunning);
+    }
 
     StackRig::close(capture);
     StackRig::close(render);

@@ -29,6 +29,8 @@ WCHAR gWaveName[] = L"Wave";
 MMEAdapter::MMEAdapter(PDEVICE_OBJECT DeviceObject, PDEVICE_OBJECT UsbDeviceObject) {
     FunctionTrace ft("MMEAdapter::MMEAdapter", this);
     KeInitializeSpinLock(&mAttachChannelsLock);
+    ExInitializeRundownProtection(&mWaveRundown);
+    ExInitializeRundownProtection(&mTimerRundown);
     MME_ADAPTER_ASSERT(DeviceObject, "pDeviceObject", 77);
 
     mOwnDeviceObject = DeviceObject;
@@ -53,6 +55,9 @@ MMEAdapter::MMEAdapter(PDEVICE_OBJECT DeviceObject, PDEVICE_OBJECT UsbDeviceObje
 MMEAdapter::~MMEAdapter() {
     FunctionTrace ft("MMEAdapter::~MMEAdapter", this);
 
+    // A notification arming or cancelling the timer finishes first; later
+    // ones leave it alone.
+    ExWaitForRundownProtectionRelease(&mTimerRundown);
     if (mpAttachTimer) {
         mpAttachTimer->cancel();
         // The timer's destructor cancels again and waits for a timer routine
@@ -83,6 +88,16 @@ MMEAdapter::~MMEAdapter() {
         IoFreeIrp(m_pCallIrp);
         m_pCallIrp = nullptr;
     }
+}
+
+void MMEAdapter::setWave(MMEWave* wave) {
+    MMEStoreReleasePointer(&mMMEWave, wave);
+    if (wave)
+        return;
+    // A period callback that read the old pointer is done with it after
+    // this; the protection is then renewed for a later miniport.
+    ExWaitForRundownProtectionRelease(&mWaveRundown);
+    ExReInitializeRundownProtection(&mWaveRundown);
 }
 
 STDMETHODIMP_(NTSTATUS) MMEAdapter::QueryInterface(REFIID riid, PVOID* Object) {

@@ -100,8 +100,9 @@ public:
 
     // ---- Back pointers, set by the miniports (no reference) ----
     // The wave pointer is read in the USB driver's period context while the
-    // miniport sets or clears it, hence the atomic accesses.
-    void setWave(MMEWave* wave) { MMEStoreReleasePointer(&mMMEWave, wave); }
+    // miniport sets or clears it, hence the atomic accesses. Clearing it
+    // (passive level) waits for a period callback still using the old one.
+    void setWave(MMEWave* wave);
     void setTopology(MMETopology* topology) { mMMETopology = topology; }
     MMEWave* wave() const { return MMELoadAcquirePointer(&mMMEWave); }
     MMETopology* topology() const { return mMMETopology; }
@@ -153,4 +154,9 @@ private:
     // A refused ring header has been traced; cleared once both rings are
     // usable again, so the refusal is traced once per episode.
     bool mbRingRefusalTraced;
+    // Held by a period callback while it notifies through mMMEWave, and by
+    // a notification while it arms or cancels mpAttachTimer: the miniport's
+    // teardown and the adapter's wait for them before the object goes.
+    EX_RUNDOWN_REF mWaveRundown;
+    EX_RUNDOWN_REF mTimerRundown;
 };

@@ -32,13 +32,19 @@ void MMEAdapter::onNotify(ULONG code, ULONGLONG value) {
         break;
     case MMENotify_OnAsioAttached:
         TraceLine("MMENotify_OnAsioAttached\n");
-        if (mpAttachTimer)
-            mpAttachTimer->cancel();
+        if (ExAcquireRundownProtection(&mTimerRundown)) {
+            if (mpAttachTimer)
+                mpAttachTimer->cancel();
+            ExReleaseRundownProtection(&mTimerRundown);
+        }
         break;
     case MMENotify_OnAsioDetached:
         TraceLine("MMENotify_OnAsioDetached");
-        if (mpAttachTimer)
-            mpAttachTimer->set(MME_ATTACH_DELAY_MS);
+        if (ExAcquireRundownProtection(&mTimerRundown)) {
+            if (mpAttachTimer)
+                mpAttachTimer->set(MME_ATTACH_DELAY_MS);
+            ExReleaseRundownProtection(&mTimerRundown);
+        }
         break;
     case MMENotify_OnTimedStartCallback:
         TraceLine("MMENotify_OnTimedStartCallback");
@@ -162,9 +168,11 @@ void MMEAdapter::checkExchangeData(MMEAdapterInfo* pcInfo) {
             TraceLine("MMEAdapter::checkExchangeData second round");
         bool moved = capture->onInput(captureRing, renderRing, MME_PERIOD_FRAMES);
         moved = render->onOutput(renderRing, MME_PERIOD_FRAMES, MME_RENDER_WRITE_OFFSET) || moved;
-        MMEWave* waveMiniport = wave();
-        if (waveMiniport && moved)
-            waveMiniport->notifyPort();
+        if (moved && ExAcquireRundownProtection(&mWaveRundown)) {
+            if (MMEWave* waveMiniport = wave())
+                waveMiniport->notifyPort();
+            ExReleaseRundownProtection(&mWaveRundown);
+        }
         available -= MME_PERIOD_FRAMES;
     }
 }

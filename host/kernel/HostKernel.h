@@ -74,6 +74,9 @@ constexpr unsigned char kPoolFreedFill = 0xDD;
 // blocking wait inside a no-allocation region, IRP leaks, ...).
 std::vector<std::string> verifierFailures();
 void clearVerifierFailures();
+// Records a violation found outside the kernel (the port-class library's
+// checks of what the driver hands it).
+void reportVerifierFailure(const std::string& text);
 // While alive on this thread, allocation and blocking waits are violations
 // (the period callback runs inside one).
 class NoAllocNoWaitScope {
@@ -103,6 +106,16 @@ void runAtDispatch(const std::function<void()>& fn);
 // freeing pool that holds a pending timer and KeFlushQueuedDpcs at dispatch
 // level are violations.
 void useVirtualTime(bool on);
+// Where a DPC queued with KeInsertQueueDpc runs: on the kernel's DPC thread
+// (another processor; the default), or on the thread that queued it, as
+// soon as that thread drops below DISPATCH_LEVEL (its own processor).
+enum class DpcTarget { DpcThread, QueueingThread };
+void setDpcTarget(PKDPC dpc, DpcTarget target);
+size_t queuedDpcs(); // queued, not yet started
+// Called at the entry of KeSetTimer (setting) and KeCancelTimer, on the
+// caller's thread, before the timer is touched; lets a test hold a caller
+// there. Empty function: none.
+void setTimerObserver(std::function<void(PKTIMER timer, bool setting)> observer);
 bool virtualTime();
 int64_t now100ns();
 // Virtual time only: moves the clock and runs every DPC that falls due, in
@@ -113,6 +126,12 @@ void resetDelayCount();
 // Status the next KeDelayExecutionThread calls return (STATUS_SUCCESS by default).
 void setDelayStatus(NTSTATUS status);
 size_t pendingTimers();
+
+// ---- Run-down protection ----
+// Called on a thread entering ExWaitForRundownProtectionRelease while the
+// protection is still held by someone, before it waits; lets a test see the
+// wait begin. Empty function: none.
+void setRundownWaitObserver(std::function<void(PEX_RUNDOWN_REF)> observer);
 
 // ---- Objects ----
 // Fills a driver object as the I/O manager does before DriverEntry: zeroed,

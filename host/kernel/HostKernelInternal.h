@@ -23,6 +23,9 @@ void verifierFailure(const std::string& text);
 void setVerifierQuiet(bool quiet);
 // "KeDelayExecutionThread" -> a failure when this thread is at dispatch level.
 void requirePassive(const char* service);
+// Runs the DPCs this thread queued for itself; called while still at
+// DISPATCH_LEVEL just before the IRQL drops below it.
+void lowerFromDispatch();
 
 // ---- Pool (Pool.cpp) ----
 enum class BlockKind { Pool, Irp };
@@ -43,6 +46,15 @@ size_t pendingTimersCount();
 void dropAllTimers();
 // Waits until no timer DPC runs on another thread.
 void waitForRunningDpcs();
+// Waits until no DPC is queued or running.
+void waitForQueuedDpcs();
+// Removes queued DPCs inside a freed block; one verifier failure each.
+void dropDpcsInside(const void* begin, size_t size);
+// Runs, on the calling thread, every DPC it queued for itself.
+void runLocalDpcs();
+size_t queuedDpcCount();
+// Set when this thread queued a DPC for itself since its last drain.
+bool localDpcsPending();
 void resetVirtualClock();
 
 // ---- I/O (Io.cpp) ----

@@ -287,6 +287,15 @@ void NTAPI IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
         if (routine(device, Irp, context) == STATUS_MORE_PROCESSING_REQUIRED)
             return;
     }
+    // Past the top location with no routine claiming it, the I/O manager
+    // finishes the request for the thread that issued it; an IRP a driver
+    // allocated itself has none, so its own completion routine must stop
+    // completion with STATUS_MORE_PROCESSING_REQUIRED. The host finishes
+    // (frees) it, so the driver's later use of it is a verifier failure too.
+    verifierFailure("IRP " + pointerText(Irp) +
+                    " completed past its top location (no completion routine returned "
+                    "STATUS_MORE_PROCESSING_REQUIRED); the I/O manager finishes and frees it");
+    IoFreeIrp(Irp);
 }
 
 LONG_PTR NTAPI ObfReferenceObject(PVOID Object) {

@@ -180,6 +180,7 @@ bool poolFree(void* p, BlockKind kind, const char* service) {
     }
     // A timer still queued inside the block would fire into freed memory.
     dropTimersInside(p, size);
+    dropDpcsInside(p, size);
     std::memset(p, hostk::kPoolFreedFill, size);
     std::free(p);
     return true;

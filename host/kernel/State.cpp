@@ -6,6 +6,9 @@ namespace hostk {
 
 std::string checkClean() {
     std::string text;
+    // A DPC still queued on the DPC thread is work under way, not a leak.
+    if (KeGetCurrentIrql() < DISPATCH_LEVEL)
+        detail::waitForQueuedDpcs();
     PoolStats stats = poolStats();
     if (stats.liveBlocks != 0) {
         text += "pool: " + std::to_string(stats.liveBlocks) + " live block(s), " +
@@ -25,8 +28,10 @@ std::string checkClean() {
 
 void resetForTest() {
     detail::setVerifierQuiet(true);
-    detail::waitForRunningDpcs();
+    detail::waitForQueuedDpcs();
     detail::dropAllTimers();
+    setTimerObserver(nullptr);
+    setRundownWaitObserver(nullptr);
     useVirtualTime(true);
     detail::resetVirtualClock();
     resetDelayCount();

@@ -6,6 +6,7 @@
 #include <sched.h>
 
 #include <cstdio>
+#include <functional>
 #include <mutex>
 
 // The host's kernel-thread object: one per OS thread, at a stable address
@@ -60,6 +61,20 @@ void clearVerifierFailures() {
     v.failures.clear();
 }
 
+void reportVerifierFailure(const std::string& text) {
+    detail::verifierFailure(text);
+}
+
+namespace {
+std::mutex gRundownObserverMutex;
+std::function<void(PEX_RUNDOWN_REF)> gRundownObserver;
+} // namespace
+
+void setRundownWaitObserver(std::function<void(PEX_RUNDOWN_REF)> observer) {
+    std::lock_guard<std::mutex> lock(gRundownObserverMutex);
+    gRundownObserver = std::move(observer);
+}
+
 NoAllocNoWaitScope::NoAllocNoWaitScope(const char* what) : mPrevious(tThread.noAllocScope) {
     tThread.noAllocScope = what ? what : "no-allocation region";
 }
@@ -73,10 +88,19 @@ void runAtDispatch(const std::function<void()>& fn) {
     if (previous < DISPATCH_LEVEL)
         tThread.irql = DISPATCH_LEVEL;
     fn();
+    if (previous < DISPATCH_LEVEL)
+        detail::lowerFromDispatch();
     tThread.irql = previous;
 }
 
 namespace detail {
+
+// What the processor does when its IRQL drops below DISPATCH_LEVEL: the
+// DPCs queued on it run first, still at DISPATCH_LEVEL.
+void lowerFromDispatch() {
+    if (tThread.irql >= DISPATCH_LEVEL && localDpcsPending())
+        runLocalDpcs();
+}
 
 KIRQL currentIrql() {
     return tThread.irql;
@@ -169,11 +193,14 @@ void NTAPI KeRaiseIrql(KIRQL NewIrql, PKIRQL OldIrql) {
 }
 
 void NTAPI KeLowerIrql(KIRQL NewIrql) {
-    if (NewIrql > tThread.irql)
+    if (NewIrql > tThread.irql) {
         verifierFailure("KeLowerIrql to " + irqlText(NewIrql) + " from lower " +
                         irqlText(tThread.irql));
-    else
-        tThread.irql = NewIrql;
+        return;
+    }
+    if (NewIrql < DISPATCH_LEVEL)
+        hostk::detail::lowerFromDispatch();
+    tThread.irql = NewIrql;
 }
 
 void NTAPI KeInitializeSpinLock(PKSPIN_LOCK SpinLock) {
@@ -191,11 +218,14 @@ void NTAPI KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql) {
 
 void NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) {
     releaseLock(SpinLock, "KeReleaseSpinLock");
-    if (NewIrql > tThread.irql)
+    if (NewIrql > tThread.irql) {
         verifierFailure("KeReleaseSpinLock to " + irqlText(NewIrql) + " from lower " +
                         irqlText(tThread.irql));
-    else
-        tThread.irql = NewIrql;
+        return;
+    }
+    if (NewIrql < DISPATCH_LEVEL)
+        hostk::detail::lowerFromDispatch();
+    tThread.irql = NewIrql;
 }
 
 void NTAPI KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock) {
@@ -237,6 +267,54 @@ PVOID NTAPI InterlockedCompareExchangePointer(PVOID volatile* Destination, PVOID
     __atomic_compare_exchange_n(Destination, &Comparand, Exchange, false, __ATOMIC_SEQ_CST,
                                 __ATOMIC_SEQ_CST);
     return Comparand;
+}
+
+// Run-down protection as the kernel keeps it: the count of holders in steps
+// of 2, bit 0 set once a run-down has begun (no new holder gets in).
+void NTAPI ExInitializeRundownProtection(PEX_RUNDOWN_REF RunRef) {
+    __atomic_store_n(&RunRef->Count, (ULONG_PTR)0, __ATOMIC_RELEASE);
+}
+
+void NTAPI ExReInitializeRundownProtection(PEX_RUNDOWN_REF RunRef) {
+    if (__atomic_load_n(&RunRef->Count, __ATOMIC_ACQUIRE) != 1)
+        verifierFailure("ExReInitializeRundownProtection before the run-down completed");
+    __atomic_store_n(&RunRef->Count, (ULONG_PTR)0, __ATOMIC_RELEASE);
+}
+
+BOOLEAN NTAPI ExAcquireRundownProtection(PEX_RUNDOWN_REF RunRef) {
+    ULONG_PTR count = __atomic_load_n(&RunRef->Count, __ATOMIC_ACQUIRE);
+    for (;;) {
+        if (count & 1)
+            return FALSE;
+        if (__atomic_compare_exchange_n(&RunRef->Count, &count, count + 2, false, __ATOMIC_ACQ_REL,
+                                        __ATOMIC_ACQUIRE))
+            return TRUE;
+    }
+}
+
+void NTAPI ExReleaseRundownProtection(PEX_RUNDOWN_REF RunRef) {
+    ULONG_PTR before = __atomic_fetch_sub(&RunRef->Count, (ULONG_PTR)2, __ATOMIC_ACQ_REL);
+    if (before < 2)
+        verifierFailure("ExReleaseRundownProtection without a matching acquire");
+}
+
+// Passive level only: it blocks until the last holder has released.
+void NTAPI ExWaitForRundownProtectionRelease(PEX_RUNDOWN_REF RunRef) {
+    hostk::detail::requirePassive("ExWaitForRundownProtectionRelease");
+    ULONG_PTR before = __atomic_fetch_or(&RunRef->Count, (ULONG_PTR)1, __ATOMIC_ACQ_REL);
+    if (before & 1)
+        verifierFailure("ExWaitForRundownProtectionRelease twice on one run-down");
+    if (before >= 2) {
+        std::function<void(PEX_RUNDOWN_REF)> observer;
+        {
+            std::lock_guard<std::mutex> lock(hostk::gRundownObserverMutex);
+            observer = hostk::gRundownObserver;
+        }
+        if (observer)
+            observer(RunRef);
+    }
+    while (__atomic_load_n(&RunRef->Count, __ATOMIC_ACQUIRE) != 1)
+        sched_yield();
 }
 
 } // extern "C"

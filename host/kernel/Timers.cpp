@@ -1,29 +1,52 @@
 // Time on Linux: the system clock (virtual or real), KeDelayExecutionThread,
-// kernel timers with their DPCs, and KeFlushQueuedDpcs.
+// kernel timers with their DPCs, queued DPCs (KeInsertQueueDpc) and
+// KeFlushQueuedDpcs.
 // Virtual time: the clock moves only through delays and advanceTime, which
 // runs due DPCs on its caller's thread. Real time: a timer thread runs
-// expired DPCs. Either way a DPC runs at DISPATCH_LEVEL, outside the timer
-// lock, counted as running so KeFlushQueuedDpcs can wait for it.
+// expired DPCs. A queued DPC runs on the DPC thread, or, when its target is
+// the queueing thread, once that thread drops below DISPATCH_LEVEL (at once
+// when queued from below it), as a DPC queued on the current processor does.
+// Either way a DPC runs at DISPATCH_LEVEL, outside the timer lock, counted
+// as running so KeFlushQueuedDpcs can wait for it.
 #include "HostKernelInternal.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 using hostk::detail::pointerText;
 
 namespace {
 
-// Marks timers and DPCs that went through their initialisation.
+// Marks timers and DPCs that went through their initialisation; a queued
+// DPC's target is in which of the two DPC marks it carries.
 char gTimerMagic;
 char gDpcMagic;
+char gDpcLocalMagic;
+
+bool dpcInitialised(PKDPC dpc) {
+    return dpc->HostState == &gDpcMagic || dpc->HostState == &gDpcLocalMagic;
+}
+
+// A DPC in the queue: the KTHREAD of the queueing thread for a local one,
+// null for the DPC thread.
+struct QueuedDpc {
+    PKDPC dpc;
+    const void* owner;
+};
+// This thread queued a DPC for itself that has not run yet (a hint: another
+// thread may have removed it meanwhile).
+thread_local bool tLocalPending = false;
 
 using Key = std::pair<int64_t, uint64_t>; // due time, arming order
 
@@ -42,6 +65,10 @@ struct TimerState {
     std::thread thread;
     std::atomic<size_t> delays{0};
     std::atomic<NTSTATUS> delayStatus{STATUS_SUCCESS};
+    std::vector<QueuedDpc> dpcs; // in queueing order
+    std::condition_variable dpcWake;
+    bool dpcThreadStarted = false;
+    std::thread dpcThread;
 };
 
 TimerState& timers() {
@@ -122,6 +149,49 @@ void timerThread() {
     }
 }
 
+bool dequeueLocked(TimerState& s, PKDPC dpc) {
+    for (auto it = s.dpcs.begin(); it != s.dpcs.end(); ++it) {
+        if (it->dpc == dpc) {
+            s.dpcs.erase(it);
+            return true;
+        }
+    }
+    return false;
+}
+
+// Runs a DPC taken off the queue with the lock released.
+void runQueuedLocked(TimerState& s, std::unique_lock<std::mutex>& lock, PKDPC dpc) {
+    PKDEFERRED_ROUTINE routine = dpc->DeferredRoutine;
+    PVOID context = dpc->DeferredContext;
+    PVOID argument1 = dpc->SystemArgument1;
+    PVOID argument2 = dpc->SystemArgument2;
+    ++s.running;
+    lock.unlock();
+    hostk::runAtDispatch([&] {
+        if (routine)
+            routine(dpc, context, argument1, argument2);
+    });
+    lock.lock();
+    --s.running;
+    s.settled.notify_all();
+}
+
+void dpcThreadLoop() {
+    auto& s = timers();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    while (!s.stop) {
+        auto it = std::find_if(s.dpcs.begin(), s.dpcs.end(),
+                               [](const QueuedDpc& q) { return q.owner == nullptr; });
+        if (it == s.dpcs.end()) {
+            s.dpcWake.wait(lock);
+            continue;
+        }
+        PKDPC dpc = it->dpc;
+        s.dpcs.erase(it);
+        runQueuedLocked(s, lock, dpc);
+    }
+}
+
 void stopTimerThread() {
     auto& s = timers();
     {
@@ -129,8 +199,20 @@ void stopTimerThread() {
         s.stop = true;
     }
     s.wake.notify_all();
+    s.dpcWake.notify_all();
     if (s.thread.joinable())
         s.thread.join();
+    if (s.dpcThread.joinable())
+        s.dpcThread.join();
+}
+
+void ensureDpcThreadLocked(TimerState& s) {
+    if (s.dpcThreadStarted)
+        return;
+    s.dpcThreadStarted = true;
+    s.dpcThread = std::thread(dpcThreadLoop);
+    if (!s.threadStarted)
+        std::atexit(stopTimerThread);
 }
 
 void ensureTimerThreadLocked(TimerState& s) {
@@ -138,12 +220,31 @@ void ensureTimerThreadLocked(TimerState& s) {
         return;
     s.threadStarted = true;
     s.thread = std::thread(timerThread);
-    std::atexit(stopTimerThread);
+    if (!s.dpcThreadStarted)
+        std::atexit(stopTimerThread);
+}
+
+std::mutex gTimerObserverMutex;
+std::function<void(PKTIMER, bool)> gTimerObserver;
+
+void observeTimer(PKTIMER timer, bool setting) {
+    std::function<void(PKTIMER, bool)> observer;
+    {
+        std::lock_guard<std::mutex> lock(gTimerObserverMutex);
+        observer = gTimerObserver;
+    }
+    if (observer)
+        observer(timer, setting);
 }
 
 } // namespace
 
 namespace hostk {
+
+void setTimerObserver(std::function<void(PKTIMER timer, bool setting)> observer) {
+    std::lock_guard<std::mutex> lock(gTimerObserverMutex);
+    gTimerObserver = std::move(observer);
+}
 
 void useVirtualTime(bool on) {
     auto& s = timers();
@@ -233,6 +334,47 @@ void dropTimersInside(const void* begin, size_t size) {
     }
 }
 
+void dropDpcsInside(const void* begin, size_t size) {
+    auto& s = timers();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    for (auto it = s.dpcs.begin(); it != s.dpcs.end();) {
+        const auto p = (uintptr_t)it->dpc;
+        if (p >= (uintptr_t)begin && p < (uintptr_t)begin + size) {
+            verifierFailure("pool block " + pointerText(begin) + " freed with queued DPC " +
+                            pointerText(it->dpc) + " inside it (remove or flush it first)");
+            it = s.dpcs.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+bool localDpcsPending() {
+    return tLocalPending;
+}
+
+void runLocalDpcs() {
+    tLocalPending = false;
+    auto& s = timers();
+    const void* self = KeGetCurrentThread();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    for (;;) {
+        auto it = std::find_if(s.dpcs.begin(), s.dpcs.end(),
+                               [&](const QueuedDpc& q) { return q.owner == self; });
+        if (it == s.dpcs.end())
+            return;
+        PKDPC dpc = it->dpc;
+        s.dpcs.erase(it);
+        runQueuedLocked(s, lock, dpc);
+    }
+}
+
+size_t queuedDpcCount() {
+    auto& s = timers();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.dpcs.size();
+}
+
 size_t pendingTimersCount() {
     auto& s = timers();
     std::lock_guard<std::mutex> lock(s.mutex);
@@ -242,6 +384,7 @@ size_t pendingTimersCount() {
 void dropAllTimers() {
     auto& s = timers();
     std::lock_guard<std::mutex> lock(s.mutex);
+    s.dpcs.clear();
     for (auto& entry : s.index)
         entry.first->Inserted = FALSE;
     s.queue.clear();
@@ -252,6 +395,12 @@ void waitForRunningDpcs() {
     auto& s = timers();
     std::unique_lock<std::mutex> lock(s.mutex);
     s.settled.wait(lock, [&] { return s.running == 0; });
+}
+
+void waitForQueuedDpcs() {
+    auto& s = timers();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    s.settled.wait(lock, [&] { return s.running == 0 && s.dpcs.empty(); });
 }
 
 void resetVirtualClock() {
@@ -322,13 +471,14 @@ void NTAPI KeInitializeTimer(PKTIMER Timer) {
 BOOLEAN NTAPI KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc) {
     if (hostk::detail::currentIrql() > DISPATCH_LEVEL)
         verifierFailure("KeSetTimer above DISPATCH_LEVEL");
+    observeTimer(Timer, true);
     auto& s = timers();
     std::lock_guard<std::mutex> lock(s.mutex);
     if (Timer->HostState != &gTimerMagic) {
         verifierFailure("KeSetTimer of a timer that was never initialised: " + pointerText(Timer));
         Timer->HostState = &gTimerMagic;
     }
-    if (Dpc && Dpc->HostState != &gDpcMagic)
+    if (Dpc && !dpcInitialised(Dpc))
         verifierFailure("KeSetTimer with a DPC that was never initialised: " + pointerText(Dpc));
     bool wasPending = removeLocked(s, Timer);
     int64_t now = nowLocked(s);
@@ -345,6 +495,7 @@ BOOLEAN NTAPI KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc) {
 }
 
 BOOLEAN NTAPI KeCancelTimer(PKTIMER Timer) {
+    observeTimer(Timer, false);
     auto& s = timers();
     std::lock_guard<std::mutex> lock(s.mutex);
     bool wasPending = removeLocked(s, Timer);
@@ -363,7 +514,7 @@ void NTAPI KeFlushQueuedDpcs(void) {
     std::unique_lock<std::mutex> lock(s.mutex);
     // Expired timers count as queued DPCs in real time.
     s.settled.wait(lock, [&] {
-        if (s.running != 0)
+        if (s.running != 0 || !s.dpcs.empty())
             return false;
         if (s.virtualTime || s.queue.empty())
             return true;
@@ -371,4 +522,62 @@ void NTAPI KeFlushQueuedDpcs(void) {
     });
 }
 
+// A DPC is queued at most once; a second insertion while it waits changes
+// nothing and returns FALSE (the system arguments stay the first ones).
+BOOLEAN NTAPI KeInsertQueueDpc(PRKDPC Dpc, PVOID SystemArgument1, PVOID SystemArgument2) {
+    if (hostk::detail::currentIrql() > DISPATCH_LEVEL + 1)
+        verifierFailure("KeInsertQueueDpc above DISPATCH_LEVEL");
+    auto& s = timers();
+    bool now = false;
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        if (!dpcInitialised(Dpc)) {
+            verifierFailure("KeInsertQueueDpc of a DPC that was never initialised: " +
+                            pointerText(Dpc));
+            return FALSE;
+        }
+        for (const QueuedDpc& q : s.dpcs)
+            if (q.dpc == Dpc)
+                return FALSE;
+        Dpc->SystemArgument1 = SystemArgument1;
+        Dpc->SystemArgument2 = SystemArgument2;
+        const bool local = Dpc->HostState == &gDpcLocalMagic;
+        s.dpcs.push_back({Dpc, local ? (const void*)KeGetCurrentThread() : nullptr});
+        if (local) {
+            now = hostk::detail::currentIrql() < DISPATCH_LEVEL;
+            tLocalPending = true;
+        } else {
+            ensureDpcThreadLocked(s);
+            s.dpcWake.notify_one();
+        }
+    }
+    if (now)
+        hostk::detail::runLocalDpcs();
+    return TRUE;
+}
+
+BOOLEAN NTAPI KeRemoveQueueDpc(PRKDPC Dpc) {
+    auto& s = timers();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return dequeueLocked(s, Dpc) ? TRUE : FALSE;
+}
+
 } // extern "C"
+
+namespace hostk {
+
+void setDpcTarget(PKDPC dpc, DpcTarget target) {
+    auto& s = timers();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (!dpcInitialised(dpc)) {
+        verifierFailure("setDpcTarget of a DPC that was never initialised: " + pointerText(dpc));
+        return;
+    }
+    dpc->HostState = target == DpcTarget::QueueingThread ? &gDpcLocalMagic : &gDpcMagic;
+}
+
+size_t queuedDpcs() {
+    return detail::queuedDpcCount();
+}
+
+} // namespace hostk

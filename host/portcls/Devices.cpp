@@ -25,6 +25,7 @@ struct DeviceRecord {
     PCPFNSTARTDEVICE start = nullptr;
     ULONG maxObjects = 0;
     bool started = false;
+    ServiceMode serviceMode = ServiceMode::EndOfPeriod;
     std::vector<Subdevice> subdevices;
     std::vector<Connection> connections;
 };
@@ -203,6 +204,7 @@ extern "C" NTSTATUS NTAPI PcAddAdapterDevice(PDRIVER_OBJECT DriverObject,
     PhysicalDeviceObject->AttachedDevice = fdo;
 
     DeviceRecord record;
+    record.serviceMode = hostpc::defaultServiceMode();
     record.fdo = fdo;
     record.pdo = PhysicalDeviceObject;
     record.start = StartDevice;
@@ -347,6 +349,18 @@ PCPFNSTARTDEVICE startRoutine(PDEVICE_OBJECT fdo) {
     return record ? record->start : nullptr;
 }
 
+ServiceMode serviceMode(PDEVICE_OBJECT fdo) {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    DeviceRecord* record = findLocked(fdo);
+    return record ? record->serviceMode : defaultServiceMode();
+}
+
+void setServiceMode(PDEVICE_OBJECT fdo, ServiceMode mode) {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    if (DeviceRecord* record = findLocked(fdo))
+        record->serviceMode = mode;
+}
+
 ULONG maxObjects(PDEVICE_OBJECT fdo) {
     std::lock_guard<std::mutex> lock(state().mutex);
     DeviceRecord* record = findLocked(fdo);
@@ -395,6 +409,7 @@ void clearFailures() {
 
 void resetForTest() {
     clearFailures();
+    setDefaultServiceMode(ServiceMode::EndOfPeriod);
 }
 
 // ---- DriverLoader ----
@@ -421,9 +436,21 @@ NTSTATUS DriverLoader::addDevice(PDEVICE_OBJECT pdo) {
     if (!add)
         return STATUS_INVALID_DEVICE_STATE;
     NTSTATUS status = add(mDriver.get(), pdo);
-    if (fdoForPdo(pdo) && std::find(mPdos.begin(), mPdos.end(), pdo) == mPdos.end())
-        mPdos.push_back(pdo);
+    if (PDEVICE_OBJECT fdo = fdoForPdo(pdo)) {
+        if (mServiceModeSet)
+            hostpc::setServiceMode(fdo, mServiceMode);
+        if (std::find(mPdos.begin(), mPdos.end(), pdo) == mPdos.end())
+            mPdos.push_back(pdo);
+    }
     return status;
+}
+
+void DriverLoader::setServiceMode(ServiceMode mode) {
+    mServiceMode = mode;
+    mServiceModeSet = true;
+    for (PDEVICE_OBJECT pdo : mPdos)
+        if (PDEVICE_OBJECT fdo = fdoForPdo(pdo))
+            hostpc::setServiceMode(fdo, mode);
 }
 
 NTSTATUS DriverLoader::startDevice(PDEVICE_OBJECT pdo) {

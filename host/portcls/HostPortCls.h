@@ -43,6 +43,21 @@ PCPFNSTARTDEVICE startRoutine(PDEVICE_OBJECT fdo);
 ULONG maxObjects(PDEVICE_OBJECT fdo);
 bool isStarted(PDEVICE_OBJECT fdo); // the last start request succeeded
 
+// ---- Service mode ----
+// Where the wave port's service runs after a Notify. Concurrent: the
+// service group's DPC runs on the kernel's DPC thread, concurrently with
+// the next period callback, as on Windows; a slow service shows up late.
+// EndOfPeriod: the DPC runs on the notifying thread when it leaves
+// DISPATCH_LEVEL, i.e. at the end of the USB model's period callback:
+// deterministic, for virtual time and bit-exact tests.
+enum class ServiceMode { Concurrent, EndOfPeriod };
+// For devices added from now on (EndOfPeriod at process start).
+void setDefaultServiceMode(ServiceMode mode);
+ServiceMode defaultServiceMode();
+// Per device; taken by each pin when it is opened.
+void setServiceMode(PDEVICE_OBJECT fdo, ServiceMode mode);
+ServiceMode serviceMode(PDEVICE_OBJECT fdo); // the default for an unknown fdo
+
 std::vector<std::wstring> subdeviceNames(PDEVICE_OBJECT fdo);
 // The registered port (no reference taken), or null.
 PUNKNOWN subdevice(PDEVICE_OBJECT fdo, const std::wstring& name);
@@ -88,6 +103,10 @@ struct ServiceGroupState {
     bool isGroup = false;
     size_t members = 0;
     size_t serviceRequests = 0; // RequestService calls, direct or delayed
+    // Requests that found the service asked for at least a millisecond
+    // earlier still queued: periods whose service ran late (Concurrent).
+    size_t lateServices = 0;
+    ServiceMode mode = ServiceMode::EndOfPeriod;
     bool delayedServiceSupported = false;
     LONG references = 0;
 };
@@ -112,7 +131,8 @@ enum class Op {
 void fail(Op op, NTSTATUS status, const std::wstring& subdeviceName = std::wstring());
 void clearFailures();
 
-// Clears failures and listeners; for a test's start. Devices still added
+// Clears failures and listeners and sets the default service mode back to
+// EndOfPeriod; for a test's start. Devices still added
 // are left alone (a test removes what it adds).
 void resetForTest();
 
@@ -138,6 +158,9 @@ public:
     PDEVICE_OBJECT fdo(PDEVICE_OBJECT pdo) const { return fdoForPdo(pdo); }
     NTSTATUS startDevice(PDEVICE_OBJECT pdo); // STATUS_INVALID_PARAMETER when not added
     void removeDevice(PDEVICE_OBJECT pdo);
+    // Service mode of the devices this loader added and adds (else the
+    // default at their adding).
+    void setServiceMode(ServiceMode mode);
 
 private:
     std::unique_ptr<DRIVER_OBJECT> mDriver;
@@ -145,6 +168,8 @@ private:
     UNICODE_STRING mRegistryPath{};
     NTSTATUS mEntryStatus = STATUS_UNSUCCESSFUL;
     std::vector<PDEVICE_OBJECT> mPdos;
+    ServiceMode mServiceMode = ServiceMode::EndOfPeriod;
+    bool mServiceModeSet = false;
 };
 
 } // namespace hostpc

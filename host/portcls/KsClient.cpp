@@ -410,6 +410,26 @@ NTSTATUS KsStream::setState(KSSTATE target) {
     return STATUS_SUCCESS;
 }
 
+NTSTATUS KsStream::setFormat(const std::vector<UCHAR>& format) {
+    if (!mPin)
+        return STATUS_INVALID_DEVICE_STATE;
+    const WAVEFORMATEX* wave = waveFormatOf(format);
+    if (!wave || wave->nBlockAlign == 0 || wave->nSamplesPerSec == 0 ||
+        reinterpret_cast<const KSDATAFORMAT*>(format.data())->FormatSize > format.size())
+        return STATUS_INVALID_PARAMETER;
+    NTSTATUS status = mPin->setFormat(format, wave->nBlockAlign);
+    if (!NT_SUCCESS(status))
+        return status;
+    mFormat = format;
+    mRate = wave->nSamplesPerSec;
+    mChannels = wave->nChannels;
+    mBits = wave->wBitsPerSample;
+    mBlockAlign = wave->nBlockAlign;
+    if (mQueue)
+        mQueue->clear();
+    return status;
+}
+
 size_t KsStream::write(const void* frames, size_t count) {
     if (!mPin || mCapture || !mQueue || mPin->closed())
         return 0;

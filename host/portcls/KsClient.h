@@ -10,7 +10,8 @@
 //
 // Threads: a KsStream is used from one client thread at a time; the port's
 // service routine runs on whatever thread calls the port's Notify (the USB
-// model's period thread, or the test's). The built-in queue is a
+// model's period thread, or the test's) or on the kernel's DPC thread, as
+// the device's service mode says (HostPortCls.h). The built-in queue is a
 // single-producer single-consumer ring, so write()/read() never wait for
 // the service routine.
 //
@@ -110,8 +111,9 @@ std::vector<UCHAR> pcmFormat(ULONG rate, USHORT channels, USHORT bits, bool exte
 const WAVEFORMATEX* waveFormatOf(const std::vector<UCHAR>& format);
 
 struct StreamOptions {
-    // Render: frames the port keeps written ahead of the position. 0: two
-    // notification periods. Clamped to one period .. buffer less one period.
+    // Render: frames the port keeps written ahead of the position. 0: about
+    // 40 ms in whole framings (at least two), as the real port keeps.
+    // Clamped to one period .. buffer less one period.
     ULONG leadFrames = 0;
     // Frames the built-in client queue holds. 0: one second.
     ULONG queueFrames = 0;
@@ -130,6 +132,7 @@ struct StreamCounters {
     uint64_t silenceFrames = 0; // render: frames of silence the device played instead
     uint64_t overruns = 0;      // capture: services whose audio the client could not take
     uint64_t droppedFrames = 0; // capture: frames lost that way
+    uint64_t lateServices = 0;  // the service group's periods serviced late
 };
 
 namespace detail {
@@ -161,6 +164,10 @@ public:
     // Walks the KS states one step at a time to `target`; stops at the first
     // refusal and returns it (the pin stays in the last state reached).
     NTSTATUS setState(KSSTATE target);
+    // KSPROPERTY_CONNECTION_DATAFORMAT: a new format on the open pin (the
+    // stream's SetFormat; the driver refuses it while running). On success
+    // the frame fields follow it and the built-in queue is emptied.
+    NTSTATUS setFormat(const std::vector<UCHAR>& format);
 
     // Render: queues whole frames; returns how many fitted. Clears the end
     // of stream mark.

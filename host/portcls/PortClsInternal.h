@@ -50,6 +50,9 @@ public:
     virtual PUNKNOWN referenceMiniport() = 0;
 };
 
+// Sets the service mode of a host service group (nothing for others).
+void setGroupServiceMode(PUNKNOWN group, ServiceMode mode);
+
 // Closes every client pin open on this port (WavePin.cpp); the port calls it
 // before it gives up its miniport. Passive level.
 void closePins(PUNKNOWN port);

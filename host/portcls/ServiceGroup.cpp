@@ -1,7 +1,13 @@
-// IServiceGroup of the host port-class library and PcNewServiceGroup. A
-// request for service is passed to every member (the wave port's pins, once
-// they exist); a delayed request runs through a kernel timer and its DPC.
+// IServiceGroup of the host port-class library and PcNewServiceGroup. As in
+// the real library (and ReactOS's service_group.cpp), RequestService queues
+// the group's DPC, one at a time: requests while it waits coalesce, and the
+// DPC calls every member's RequestService at DISPATCH_LEVEL. The DPC runs
+// on the kernel's DPC thread (ServiceMode::Concurrent) or on the requesting
+// thread once it drops below DISPATCH_LEVEL (ServiceMode::EndOfPeriod). A
+// delayed request runs through a kernel timer and the same service.
 #include "PortClsInternal.h"
+
+#include "host/kernel/HostKernel.h"
 
 #include <vector>
 
@@ -15,10 +21,14 @@ class ServiceGroup final : public IServiceGroup {
 public:
     ServiceGroup() {
         KeInitializeDpc(&mDpc, &ServiceGroup::delayedService, this);
+        KeInitializeDpc(&mServiceDpc, &ServiceGroup::serviceDpc, this);
+        setMode(defaultServiceMode());
         KeInitializeTimer(&mTimer);
         ++liveCount();
     }
     ~ServiceGroup() {
+        // A queued service holds a reference, so none is queued here.
+        KeRemoveQueueDpc(&mServiceDpc);
         KeCancelTimer(&mTimer);
         if (KeGetCurrentIrql() < DISPATCH_LEVEL)
             KeFlushQueuedDpcs();
@@ -47,9 +57,31 @@ public:
         return (ULONG)count;
     }
 
-    // Any level up to dispatch; allocates no pool memory.
+    // Any level up to dispatch; allocates no pool memory. A request that
+    // finds the service of a request at least a millisecond older still
+    // queued counts as late: that period's service had not run by the next.
     STDMETHODIMP_(void) RequestService() override {
         ++mRequests;
+        const int64_t now = hostk::now100ns();
+        AddRef(); // the queued DPC's
+        if (KeInsertQueueDpc(&mServiceDpc, nullptr, nullptr)) {
+            mQueuedAt.store(now);
+            return;
+        }
+        if (now - mQueuedAt.load() >= kLateAfter100ns)
+            ++mLate;
+        Release();
+    }
+
+    void setMode(ServiceMode mode) {
+        mMode = mode;
+        hostk::setDpcTarget(&mServiceDpc, mode == ServiceMode::Concurrent
+                                              ? hostk::DpcTarget::DpcThread
+                                              : hostk::DpcTarget::QueueingThread);
+    }
+
+    // The service DPC: every member's service routine, at DISPATCH_LEVEL.
+    void serviceMembers() {
         PSERVICESINK snapshot[kMaxMembers];
         size_t count = 0;
         {
@@ -110,14 +142,22 @@ public:
         s.serviceRequests = mRequests.load();
         s.delayedServiceSupported = mDelayedSupported.load();
         s.references = mReferences.load();
+        s.lateServices = mLate.load();
+        s.mode = mMode.load();
         return s;
     }
 
 private:
     static constexpr size_t kMaxMembers = 16;
+    static constexpr int64_t kLateAfter100ns = 10000;
 
-    static void delayedService(PKDPC, PVOID context, PVOID, PVOID) {
+    static void NTAPI delayedService(PKDPC, PVOID context, PVOID, PVOID) {
         static_cast<ServiceGroup*>(context)->RequestService();
+    }
+    static void NTAPI serviceDpc(PKDPC, PVOID context, PVOID, PVOID) {
+        auto* group = static_cast<ServiceGroup*>(context);
+        group->serviceMembers();
+        group->Release();
     }
 
     std::atomic<LONG> mReferences{0};
@@ -125,11 +165,31 @@ private:
     std::vector<PSERVICESINK> mMembers;
     std::atomic<size_t> mRequests{0};
     std::atomic<bool> mDelayedSupported{false};
+    std::atomic<size_t> mLate{0};
+    std::atomic<int64_t> mQueuedAt{0};
+    std::atomic<ServiceMode> mMode{ServiceMode::EndOfPeriod};
     KTIMER mTimer;
-    KDPC mDpc;
+    KDPC mDpc;        // the delayed service's timer DPC
+    KDPC mServiceDpc; // the service itself
 };
 
+std::atomic<ServiceMode>& defaultMode() {
+    static std::atomic<ServiceMode> mode{ServiceMode::EndOfPeriod};
+    return mode;
+}
+
 } // namespace
+
+void setGroupServiceMode(PUNKNOWN group, ServiceMode mode) {
+    PVOID object = nullptr;
+    if (!group || !NT_SUCCESS(group->QueryInterface(IID_IHostServiceGroupPrivate, &object)) ||
+        !object)
+        return;
+    auto* host = static_cast<ServiceGroup*>(static_cast<IServiceGroup*>(object));
+    host->setMode(mode);
+    host->Release();
+}
+
 } // namespace hostpc::detail
 
 using namespace hostpc::detail;
@@ -151,6 +211,14 @@ extern "C" NTSTATUS NTAPI PcNewServiceGroup(PSERVICEGROUP* OutServiceGroup, PUNK
 }
 
 namespace hostpc {
+
+void setDefaultServiceMode(ServiceMode mode) {
+    defaultMode().store(mode);
+}
+
+ServiceMode defaultServiceMode() {
+    return defaultMode().load();
+}
 
 ServiceGroupState serviceGroupState(PUNKNOWN group) {
     if (!group)

@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <string>
+
+#include "host/kernel/HostKernel.h"
 
 namespace hostpc::detail {
 
@@ -139,6 +142,8 @@ NTSTATUS WavePin::create(PUNKNOWN wavePort, ULONG pinId, bool capture,
     pin->mSink = sink;
     pin->mObserver = options.observer;
     pin->mLeadFrames = options.leadFrames;
+    pin->mRate = wave->nSamplesPerSec;
+    pin->mFormat = format;
 
     // The port hands the miniport its own copy of the format, as PortCls does.
     std::vector<UCHAR> formatCopy(format);
@@ -149,15 +154,15 @@ NTSTATUS WavePin::create(PUNKNOWN wavePort, ULONG pinId, bool capture,
     if (NT_SUCCESS(status) && (!pin->mStream || !pin->mDma || !pin->mGroup))
         status = STATUS_INVALID_DEVICE_STATE;
     if (NT_SUCCESS(status)) {
+        setGroupServiceMode(pin->mGroup, serviceMode(portState(port).device));
         ULONG framing = 0;
         pin->mIntervalMs = pin->mStream->SetNotificationFreq(10, &framing);
-        if (framing == 0 || framing % pin->mBlockAlign != 0) {
-            // No usable framing (a format whose SampleSize is 0): plan by the
-            // notification interval, a millisecond more for its truncation.
-            const ULONG ms = (pin->mIntervalMs ? pin->mIntervalMs : 10) + 1;
-            const ULONG frames = ULONG((uint64_t(ms) * wave->nSamplesPerSec + 999) / 1000);
-            framing = std::max<ULONG>(frames, 1) * pin->mBlockAlign;
-        }
+        // The port takes the framing as the most it moves per service
+        // (ReactOS pin_wavecyclic.cpp, which asserts it is not 0); 0 moves
+        // nothing, which a checked port reports.
+        if (framing == 0)
+            hostk::reportVerifierFailure(
+                "wave port: SetNotificationFreq gave a framing size of 0; the pin moves nothing");
         pin->mFraming = framing;
     }
     if (NT_SUCCESS(status)) {
@@ -165,14 +170,13 @@ NTSTATUS WavePin::create(PUNKNOWN wavePort, ULONG pinId, bool capture,
         pin->mJoined = NT_SUCCESS(status);
     }
     if (NT_SUCCESS(status)) {
-        pin->mCreatedBufferBytes = pin->mDma->BufferSize();
-        if (!capture)
-            pin->mCarry.resize(pin->mCreatedBufferBytes);
         SpinGuard lock(&pin->mLock);
-        pin->refreshBuffer();
+        pin->takeBuffer();
         ULONG position = 0;
-        pin->readPosition(&position);
-        pin->resync(position);
+        if (!pin->mBase)
+            status = STATUS_INSUFFICIENT_RESOURCES; // no cyclic buffer to serve
+        else if (pin->readPosition(&position))
+            pin->resync(position);
     }
     if (!NT_SUCCESS(status)) {
         pin->close(false);
@@ -221,38 +225,77 @@ STDMETHODIMP_(ULONG) WavePin::Release() {
 
 // ---- Service routine ----
 
+// A position at or past the buffer's end is the driver's fault, reported
+// once, never folded back into the buffer (ReactOS's RequestService takes
+// GetPosition as an offset into the common buffer as it is).
 bool WavePin::readPosition(ULONG* position) {
     ULONG p = 0;
-    if (!mStream || !NT_SUCCESS(mStream->GetPosition(&p)))
+    if (!mStream || !mBase || !NT_SUCCESS(mStream->GetPosition(&p)))
         return false;
-    *position = mSize ? p % mSize : 0;
+    if (p >= mSize) {
+        if (!mBadPositionReported) {
+            mBadPositionReported = true;
+            hostk::reportVerifierFailure("wave port: GetPosition gave " + std::to_string(p) +
+                                         ", at or past the cyclic buffer's " +
+                                         std::to_string(mSize) + " bytes");
+        }
+        return false;
+    }
+    *position = p;
     return true;
 }
 
-// Picks up a buffer that the stream's format change replaced.
-bool WavePin::refreshBuffer() {
-    if (!mDma)
+// The port reads the cyclic buffer once, at pin creation and after a format
+// change it carried out itself (ReactOS pin_wavecyclic.cpp keeps
+// m_CommonBuffer from Init); the driver must not move or free it meanwhile.
+void WavePin::takeBuffer() {
+    mBase = nullptr;
+    mSize = 0;
+    mBroken = false;
+    UCHAR* base = mDma ? static_cast<UCHAR*>(mDma->SystemAddress()) : nullptr;
+    ULONG size = mDma ? mDma->BufferSize() : 0;
+    if (!base || size == 0 || size % mBlockAlign != 0)
+        return; // the pin is not opened (the format change fails)
+    mBase = base;
+    mSize = size;
+    ULONG tag = 0;
+    size_t block = 0;
+    mPoolBuffer = hostk::poolBlockInfo(base, &tag, &block) && block >= size;
+    mTag = tag;
+    mFrameBytes = mFraming - mFraming % mBlockAlign;
+    // By default the port keeps about 40 ms written ahead of the position,
+    // as the documented WaveCyclic port does ("WaveCyclic latency"), in
+    // whole framings and never less than two.
+    ULONG lead = mLeadFrames * mBlockAlign;
+    if (!mLeadFrames && mFrameBytes) {
+        const ULONG want = ULONG(uint64_t(mRate) * 40 / 1000) * mBlockAlign;
+        lead = std::max(2u, (want + mFrameBytes - 1) / mFrameBytes) * mFrameBytes;
+    }
+    const ULONG most = mSize > mFrameBytes ? mSize - mFrameBytes : mFrameBytes;
+    mLead = std::clamp(lead, mFrameBytes, std::max(mFrameBytes, most));
+    mLead -= mLead % mBlockAlign;
+}
+
+// The verifier's check that the buffer the port holds is still the
+// driver's: same address and size, and still a live pool block.
+bool WavePin::bufferIntact() {
+    if (!mBase || mBroken)
         return false;
     UCHAR* base = static_cast<UCHAR*>(mDma->SystemAddress());
     ULONG size = mDma->BufferSize();
-    if (!base || size == 0 || size % mBlockAlign != 0) {
-        mBase = nullptr;
-        mSize = 0;
-        return false;
-    }
-    if (base != mBase || size != mSize) {
-        mBase = base;
-        mSize = size;
-        ULONG position = 0;
-        readPosition(&position);
-        resync(position);
-        mCarryBegin = mCarryEnd = 0;
-    }
-    ULONG lead = mLeadFrames ? mLeadFrames * mBlockAlign : 2 * mFraming;
-    const ULONG most = mSize > mFraming ? mSize - mFraming : mFraming;
-    mLead = std::clamp(lead, mFraming, std::max(mFraming, most));
-    mLead -= mLead % mBlockAlign;
-    return true;
+    ULONG tag = 0;
+    size_t block = 0;
+    const bool freed = mPoolBuffer && !(hostk::poolBlockInfo(mBase, &tag, &block) && tag == mTag &&
+                                        block >= mSize);
+    if (!freed && base == mBase && size == mSize)
+        return true;
+    mBroken = true;
+    hostk::reportVerifierFailure(
+        std::string("wave port: the driver ") + (freed ? "freed" : "moved or resized") +
+        " the cyclic buffer behind the port (held " + std::to_string(mSize) + " bytes, now " +
+        std::to_string(size) + " bytes at a " + (base == mBase ? "same" : "different") +
+        " address)");
+    return false;
 }
 
 void WavePin::resync(ULONG position) {
@@ -276,8 +319,10 @@ void WavePin::account(ULONG position) {
         return;
     }
     // The device played bytes no one wrote for it this time round.
-    ++mCounters.glitches;
-    mCounters.silenceFrames += delta - mPending;
+    if (!mEndOfStream) {
+        ++mCounters.glitches;
+        mCounters.silenceFrames += delta - mPending;
+    }
     mWrite = position;
     mPending = 0;
 }
@@ -291,43 +336,50 @@ void WavePin::silenceAt(ULONG offset, ULONG bytes) {
     }
 }
 
-// Render: client audio (first what was taken back at a pause) into the
-// cyclic buffer up to the lead; when even one period is missing, silence.
+// Render: client audio into the cyclic buffer up to the lead; when even
+// one framing is missing, silence after it, so that a device reading past
+// the audio plays silence, not stale data.
 void WavePin::fillRender() {
     while (mPending < mLead) {
         const ULONG want = std::min(mLead - mPending, mSize - mWrite);
-        ULONG got = 0;
-        if (mCarryBegin < mCarryEnd) {
-            got = std::min(want, mCarryEnd - mCarryBegin);
-            mDma->CopyTo(mBase + mWrite, mCarry.data() + mCarryBegin, got);
-            mCarryBegin += got;
-        } else {
-            const UCHAR* piece = nullptr;
-            got = mSource->map(&piece, want);
-            got = std::min(got, want);
-            if (got == 0 || !piece)
-                break;
-            mDma->CopyTo(mBase + mWrite, const_cast<UCHAR*>(piece), got);
-            mSource->release(got);
-            mCounters.framesCopied += got;
-        }
+        const UCHAR* piece = nullptr;
+        ULONG got = mSource->map(&piece, want);
+        got = std::min(got, want);
+        got -= got % mBlockAlign;
+        if (got == 0 || !piece)
+            break;
+        mDma->CopyTo(mBase + mWrite, const_cast<UCHAR*>(piece), got);
+        mSource->release(got);
+        mCounters.framesCopied += got;
         mWrite = (mWrite + got) % mSize;
         mPending += got;
     }
-    if (mPending >= mFraming)
+    if (mPending >= mFrameBytes)
         return;
-    const ULONG missing = mFraming - mPending;
-    silenceAt(mWrite, missing);
-    mWrite = (mWrite + missing) % mSize;
-    mPending += missing;
+    const ULONG missing = padSilence();
     if (!mEndOfStream) {
         ++mCounters.glitches;
         mCounters.silenceFrames += missing;
     }
 }
 
+// Silence after what is written, up to one framing ahead; returns how much.
+ULONG WavePin::padSilence() {
+    if (mPending >= mFrameBytes)
+        return 0;
+    const ULONG missing = mFrameBytes - mPending;
+    silenceAt(mWrite, missing);
+    mWrite = (mWrite + missing) % mSize;
+    mPending += missing;
+    return missing;
+}
+
 // Capture: from the last read up to the position into the client's room.
 void WavePin::copyCapture(ULONG position) {
+    if (mFrameBytes == 0) {
+        mRead = position; // a framing of 0 moves nothing
+        return;
+    }
     ULONG left = (position + mSize - mRead) % mSize;
     while (left > 0) {
         const ULONG want = std::min(left, mSize - mRead);
@@ -351,15 +403,13 @@ void WavePin::copyCapture(ULONG position) {
 
 STDMETHODIMP_(void) WavePin::RequestService() {
     SpinGuard lock(&mLock);
-    if (mClosed || !refreshBuffer())
+    if (mClosed || !bufferIntact())
         return;
     ULONG position = 0;
     if (!readPosition(&position))
         return;
     if (mState != KSSTATE_RUN) {
-        // Not running: the device's progress is not the stream's.
-        mLast = position;
-        mRead = position;
+        idle(position);
         return;
     }
     ++mCounters.services;
@@ -380,60 +430,34 @@ STDMETHODIMP_(void) WavePin::RequestService() {
     }
 }
 
+// Not running, while the driver's channel keeps moving: the port copies no
+// client data (ReactOS services only in RUN), the device plays out what is
+// written and then the silence after it; capture is not taken.
+void WavePin::idle(ULONG position) {
+    const ULONG delta = (position + mSize - mLast) % mSize;
+    mLast = position;
+    if (mCapture) {
+        mRead = position;
+        return;
+    }
+    if (delta <= mPending) {
+        mPending -= delta;
+    } else {
+        mWrite = position;
+        mPending = 0;
+    }
+    // Silence after the audio, not taken as written: client audio that
+    // comes at RUN goes straight after what is left.
+    if (mPending < mFrameBytes)
+        silenceAt(mWrite, mFrameBytes - mPending);
+}
+
 // ---- States ----
 
-void WavePin::enterRun() {
-    mState = KSSTATE_RUN;
-    if (!refreshBuffer())
-        return;
-    ULONG position = 0;
-    readPosition(&position);
-    resync(position);
-    if (!mCapture)
-        fillRender();
-}
-
-// Render: what is written but not yet played is taken back and the buffer
-// silenced, so a paused device plays silence, not the buffer over again.
-void WavePin::leaveRun() {
-    if (!refreshBuffer()) {
-        mState = KSSTATE_PAUSE;
-        return;
-    }
-    ULONG position = 0;
-    readPosition(&position);
-    account(position);
-    if (mCapture) {
-        copyCapture(position);
-        mState = KSSTATE_PAUSE;
-        return;
-    }
-    // Anything still carried from the last pause goes after what is taken back.
-    const ULONG carried = mCarryEnd - mCarryBegin;
-    const ULONG room = ULONG(mCarry.size());
-    ULONG taken = std::min(mPending, room > carried ? room - carried : 0);
-    std::memmove(mCarry.data() + taken, mCarry.data() + mCarryBegin, carried);
-    for (ULONG done = 0; done < taken;) {
-        const ULONG at = (position + done) % mSize;
-        const ULONG piece = std::min(taken - done, mSize - at);
-        std::memcpy(mCarry.data() + done, mBase + at, piece);
-        done += piece;
-    }
-    mCarryBegin = 0;
-    mCarryEnd = taken + carried;
-    mStream->Silence(mBase, mSize);
-    // A period that played meanwhile is not to be played again.
-    ULONG now = position;
-    readPosition(&now);
-    const ULONG played = (now + mSize - position) % mSize;
-    if (played > 0) {
-        mPosition += played;
-        mCarryBegin = std::min(played, mCarryEnd);
-    }
-    resync(now);
-    mState = KSSTATE_PAUSE;
-}
-
+// Each step goes to the stream first, as ReactOS's PinWaveCyclicState does;
+// only STOP changes the buffer (silenced whole) and the positions. Leaving
+// RUN first takes in what moved while running; entering it primes the
+// buffer from the client, as the port does just before playback starts.
 NTSTATUS WavePin::setState(KSSTATE next) {
     std::lock_guard<std::mutex> control(mControl);
     KSSTATE current;
@@ -449,29 +473,67 @@ NTSTATUS WavePin::setState(KSSTATE next) {
     if (next < KSSTATE_STOP || next > KSSTATE_RUN || (step != 1 && step != -1))
         return STATUS_INVALID_DEVICE_REQUEST;
 
+    ULONG position = 0;
     if (current == KSSTATE_RUN) {
-        if (!mCapture && mDma && mCarry.size() < mDma->BufferSize())
-            mCarry.resize(mDma->BufferSize());
-        {
-            SpinGuard lock(&mLock);
-            leaveRun();
+        SpinGuard lock(&mLock);
+        if (bufferIntact() && readPosition(&position)) {
+            account(position);
+            if (mCapture)
+                copyCapture(position);
         }
-        return mStream->SetState(next);
+        mState = next;
     }
     NTSTATUS status = mStream->SetState(next);
-    if (!NT_SUCCESS(status))
-        return status;
     SpinGuard lock(&mLock);
-    if (next == KSSTATE_RUN) {
-        enterRun();
+    if (!NT_SUCCESS(status)) {
+        mState = current;
         return status;
     }
     mState = next;
-    if (next == KSSTATE_STOP) {
+    const bool usable = bufferIntact() && readPosition(&position);
+    if (next == KSSTATE_RUN && usable) {
+        idle(position);
+        if (!mCapture)
+            fillRender();
+    } else if (next == KSSTATE_STOP) {
+        if (usable) {
+            mStream->Silence(mBase, mSize);
+            resync(position);
+        }
         mPosition = 0;
-        mCarryBegin = mCarryEnd = 0;
         mEndOfStream = false;
     }
+    return status;
+}
+
+// KSPROPERTY_CONNECTION_DATAFORMAT set on an open pin, as ReactOS's
+// PinWaveCyclicDataFormat: an identical format succeeds untouched; another
+// goes to the stream's SetFormat, and on success the port takes the
+// (possibly new) cyclic buffer again.
+NTSTATUS WavePin::setFormat(const std::vector<UCHAR>& format, ULONG blockAlign) {
+    std::lock_guard<std::mutex> control(mControl);
+    {
+        SpinGuard lock(&mLock);
+        if (mClosed)
+            return mRemoved ? kStatusDeviceRemoved : STATUS_INVALID_DEVICE_STATE;
+    }
+    if (format.size() == mFormat.size() &&
+        std::memcmp(format.data(), mFormat.data(), format.size()) == 0)
+        return STATUS_SUCCESS;
+    std::vector<UCHAR> copy(format);
+    NTSTATUS status = mStream->SetFormat(reinterpret_cast<PKSDATAFORMAT>(copy.data()));
+    if (!NT_SUCCESS(status))
+        return status;
+    mFormat.swap(copy);
+    SpinGuard lock(&mLock);
+    mBlockAlign = blockAlign;
+    mRate = waveFormatOf(mFormat)->nSamplesPerSec;
+    takeBuffer();
+    if (!mBase)
+        return STATUS_INSUFFICIENT_RESOURCES;
+    ULONG position = 0;
+    if (mBase && readPosition(&position))
+        resync(position);
     return status;
 }
 
@@ -482,7 +544,7 @@ KSSTATE WavePin::state() {
 
 uint64_t WavePin::positionBytes() {
     SpinGuard lock(&mLock);
-    if (!mClosed && mState == KSSTATE_RUN && refreshBuffer()) {
+    if (!mClosed && mState == KSSTATE_RUN && bufferIntact()) {
         ULONG position = 0;
         if (readPosition(&position)) {
             account(position);
@@ -494,8 +556,20 @@ uint64_t WavePin::positionBytes() {
 }
 
 StreamCounters WavePin::countersBytes() {
-    SpinGuard lock(&mLock);
-    return mCounters;
+    PSERVICEGROUP group = nullptr;
+    StreamCounters counters;
+    {
+        SpinGuard lock(&mLock);
+        counters = mCounters;
+        group = mGroup;
+        if (group)
+            group->AddRef();
+    }
+    if (group) {
+        counters.lateServices = serviceGroupState(group).lateServices;
+        group->Release();
+    }
+    return counters;
 }
 
 void WavePin::setEndOfStream(bool on) {

@@ -5,7 +5,9 @@
 // between the client's queue and the cyclic buffer: render with CopyTo ahead
 // of the position, Silence when the client is late (a glitch); capture with
 // CopyFrom from its last read up to the position (an overrun when the client
-// has no room). The cyclic buffer wraps at BufferSize().
+// has no room). The cyclic buffer (SystemAddress, BufferSize) is taken at
+// creation and after a format change the pin carried out; it wraps at
+// BufferSize(). The service runs from the service group's DPC.
 //
 // References: the port's pin registry holds one until the pin is closed,
 // the client's KsStream one, the service group one while the pin is a
@@ -44,6 +46,8 @@ public:
 
     // One KS state step (neighbouring states only). Passive level.
     NTSTATUS setState(KSSTATE next);
+    // KSPROPERTY_CONNECTION_DATAFORMAT (set). Passive level.
+    NTSTATUS setFormat(const std::vector<UCHAR>& format, ULONG blockAlign);
     KSSTATE state();
     uint64_t positionBytes();
     StreamCounters countersBytes(); // frame fields in bytes
@@ -56,7 +60,7 @@ public:
 
     ULONG framingBytes() const { return mFraming; }
     ULONG notificationMs() const { return mIntervalMs; }
-    ULONG bufferBytes() const { return mCreatedBufferBytes; }
+    ULONG bufferBytes() const { return mSize; }
     ULONG leadBytes() const { return mLead; }
 
     WavePin(PUNKNOWN port, bool capture, ULONG blockAlign);
@@ -64,20 +68,21 @@ public:
 
 private:
     // All of these run with mLock held.
-    bool refreshBuffer();
+    void takeBuffer();
+    bool bufferIntact();
     void resync(ULONG position);
     void account(ULONG position);
+    void idle(ULONG position);
     void fillRender();
+    ULONG padSilence();
     void copyCapture(ULONG position);
     void silenceAt(ULONG offset, ULONG bytes);
-    void enterRun();
-    void leaveRun();
     bool readPosition(ULONG* position);
 
     std::atomic<LONG> mReferences{0};
     PUNKNOWN mPort; // counted until close
     const bool mCapture;
-    const ULONG mBlockAlign;
+    ULONG mBlockAlign; // changes only with a format, under mControl and mLock
     PMINIPORTWAVECYCLICSTREAM mStream = nullptr; // counted
     PDMACHANNEL mDma = nullptr;                  // counted
     PSERVICEGROUP mGroup = nullptr;              // counted
@@ -87,9 +92,10 @@ private:
     ServiceObserver* mObserver = nullptr;
     ULONG mFraming = 0;
     ULONG mIntervalMs = 0;
-    ULONG mCreatedBufferBytes = 0;
-    ULONG mLeadFrames = 0; // asked for; 0 = two periods
-    ULONG mLead = 0;       // bytes in force
+    std::vector<UCHAR> mFormat; // as the port last set it, under mControl
+    ULONG mLeadFrames = 0;      // asked for; 0 = about 40 ms
+    ULONG mRate = 0;            // frames per second of the format
+    ULONG mLead = 0;            // bytes in force
 
     std::mutex mControl;
     KSPIN_LOCK mLock = 0;
@@ -97,20 +103,20 @@ private:
     bool mClosed = false;
     bool mRemoved = false;
     KSSTATE mState = KSSTATE_STOP;
-    UCHAR* mBase = nullptr; // cyclic buffer, as SystemAddress() reports it
-    ULONG mSize = 0;        // BufferSize()
-    ULONG mLast = 0;        // position at the last look
-    ULONG mWrite = 0;       // render: where the next client byte goes
-    ULONG mPending = 0;     // render: bytes written ahead of the position
-    ULONG mRead = 0;        // capture: next byte to hand to the client
+    UCHAR* mBase = nullptr;   // cyclic buffer, as SystemAddress() reported it
+    ULONG mSize = 0;          // and BufferSize()
+    bool mPoolBuffer = false; // a pool block, checked for being freed
+    ULONG mTag = 0;
+    bool mBroken = false; // the driver took it away; reported
+    bool mBadPositionReported = false;
+    ULONG mFrameBytes = 0; // the framing in whole frames: the most per service
+    ULONG mLast = 0;       // position at the last look
+    ULONG mWrite = 0;      // render: where the next client byte goes
+    ULONG mPending = 0;    // render: bytes written ahead of the position
+    ULONG mRead = 0;       // capture: next byte to hand to the client
     bool mEndOfStream = false;
     uint64_t mPosition = 0; // bytes moved while running since STOP
     StreamCounters mCounters;
-    // Render: audio taken back from the cyclic buffer when the pin left
-    // RUN, played first when it runs again. Sized at creation.
-    std::vector<UCHAR> mCarry;
-    ULONG mCarryBegin = 0;
-    ULONG mCarryEnd = 0;
 };
 
 } // namespace hostpc::detail

@@ -74,6 +74,7 @@ template <typename F> constexpr bool returnsNoAggregate() {
 struct Table {
     // ---- Scalar types ----
     MME_SIZE(CHAR);
+    MME_SIZE(EX_RUNDOWN_REF);
     MME_SIGNED(CHAR);
     MME_SIZE(UCHAR);
     MME_SIGNED(UCHAR);
@@ -574,6 +575,7 @@ static_assert(sizeof(Table) % MME_LAYOUT_RECORD_SIZE == 0, "table of whole recor
     KSPIN_LOCK lock = 0;
     KDPC dpc;
     KTIMER timer;
+    EX_RUNDOWN_REF rundown;
     LARGE_INTEGER time;
     volatile LONG value = 0;
     PVOID volatile pointer = nullptr;
@@ -605,6 +607,11 @@ static_assert(sizeof(Table) % MME_LAYOUT_RECORD_SIZE == 0, "table of whole recor
     MME_CALL(KeSetTimer(&timer, time, &dpc));
     MME_CALL(KeCancelTimer(&timer));
     MME_CALL(KeFlushQueuedDpcs());
+    MME_CALL(ExInitializeRundownProtection(&rundown));
+    MME_CALL(ExReInitializeRundownProtection(&rundown));
+    MME_CALL(ExAcquireRundownProtection(&rundown));
+    MME_CALL(ExReleaseRundownProtection(&rundown));
+    MME_CALL(ExWaitForRundownProtectionRelease(&rundown));
     MME_CALL(ExAllocatePoolWithTag(NonPagedPool, 1, 0));
     MME_CALL(ExAllocatePool(NonPagedPool, 1));
     MME_CALL(ExFreePoolWithTag(p, 0));

@@ -227,6 +227,14 @@ typedef struct _KTIMER {
     PVOID HostState;
 } KTIMER, *PKTIMER;
 
+// Run-down protection: the kernel's layout (one pointer-sized count).
+typedef struct _EX_RUNDOWN_REF {
+    union {
+        volatile ULONG_PTR Count;
+        volatile PVOID Ptr;
+    };
+} EX_RUNDOWN_REF, *PEX_RUNDOWN_REF;
+
 extern "C" {
 
 ULONG DbgPrint(PCSTR Format, ...) __attribute__((format(printf, 1, 2)));
@@ -251,6 +259,14 @@ void NTAPI KeInitializeTimer(PKTIMER Timer);
 BOOLEAN NTAPI KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc);
 BOOLEAN NTAPI KeCancelTimer(PKTIMER Timer);
 void NTAPI KeFlushQueuedDpcs(void);
+BOOLEAN NTAPI KeInsertQueueDpc(PRKDPC Dpc, PVOID SystemArgument1, PVOID SystemArgument2);
+BOOLEAN NTAPI KeRemoveQueueDpc(PRKDPC Dpc);
+
+void NTAPI ExInitializeRundownProtection(PEX_RUNDOWN_REF RunRef);
+void NTAPI ExReInitializeRundownProtection(PEX_RUNDOWN_REF RunRef);
+BOOLEAN NTAPI ExAcquireRundownProtection(PEX_RUNDOWN_REF RunRef);
+void NTAPI ExReleaseRundownProtection(PEX_RUNDOWN_REF RunRef);
+void NTAPI ExWaitForRundownProtectionRelease(PEX_RUNDOWN_REF RunRef);
 
 PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag);
 void NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag);
