@@ -189,6 +189,11 @@ int mmeHwParams(snd_pcm_ioplug_t* io, snd_pcm_hw_params_t*) {
     if (!NT_SUCCESS(status) || !w || w->nChannels != channels || w->wBitsPerSample != bits ||
         w->nSamplesPerSec != rate)
         format = hostpc::pcmFormat(rate, channels, USHORT(bits));
+    // The driver offers SampleSize 0 ("not fixed"); a client opening the pin
+    // states its frame size there, and the stream's framing is built from it.
+    auto* header = reinterpret_cast<KSDATAFORMAT*>(format.data());
+    if (header->SampleSize == 0)
+        header->SampleSize = ULONG(hostpc::waveFormatOf(format)->nBlockAlign);
 
     p->frameBytes = channels * (bits / 8);
     auto queue = std::make_unique<WakingQueue>(size_t(io->buffer_size) * p->frameBytes, p->wakeFd);

@@ -53,11 +53,13 @@ measure() {
 measure 48000/2/24 600 1000
 measure 192000/8/24 120 100
 
-# The port's service on a concurrent thread, when this build has one.
-if "$sim" --help 2>&1 | grep -q -- '--port-service'; then
-    read -r cpu rss < <(run 192000/8/24 120 --port-service concurrent)
-    awk -v c="$cpu" 'BEGIN { printf "soak 192000/8/24 with the concurrent port service: %.0fx real time (no target)\n", 120 / c }'
-else
-    echo "soak with the concurrent port service: n/a (this build's port services inside the period callback)"
-fi
+# The port's service on its own DPC thread. Virtual time does not wait for
+# it, so the run may glitch: this is a speed figure only.
+log=$(mktemp)
+/usr/bin/time -f '%U %S %M' -o "$log" "$sim" --format 192000/8/24 --port-service concurrent \
+    loopback --seconds 120 >"$log.out" 2>&1 || true
+read -r cpu < <(tail -1 "$log" | awk '{ printf "%.3f\n", $1 + $2 }')
+late=$(sed -n 's/^ *serviced late *//p' "$log.out")
+awk -v c="$cpu" -v l="$late" 'BEGIN { printf "soak 192000/8/24 with the concurrent port service: %.0fx real time (no target), serviced late %s\n", 120 / c, l }'
+rm -f "$log" "$log.out"
 exit $failed

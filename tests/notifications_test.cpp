@@ -224,10 +224,11 @@ TEST_F(Exchange, AtMostTwoPassesWhileAPeriodIsAvailable) {
     hostpc::WaveFilter filter(port);
     std::unique_ptr<hostpc::KsStream> stream;
     for (bool open : {false, true}) {
-        if (open)
+        if (open) {
             ASSERT_EQ(
                 filter.open(hostpc::kWaveRenderPin, hostpc::pcmFormat(48000, 2, 16), {}, &stream),
                 STATUS_SUCCESS);
+        }
         // A reader ten frames ahead of the writer sees a huge unsigned count.
         for (Case c : {Case{255, 0}, Case{256, 1}, Case{300, 1}, Case{511, 1}, Case{512, 2},
                        Case{600, 2}, Case{5000, 2}, Case{ULONG(-10), 2}}) {

@@ -88,7 +88,7 @@ public:
 
 // A stream that is its own DMA channel, with a pool-backed cyclic buffer,
 // and the faults a driver could commit against the port.
-class FakeStream : public IMiniportWaveCyclicStream, public IDmaChannel {
+class FakeStream final : public IMiniportWaveCyclicStream, public IDmaChannel {
 public:
     static constexpr ULONG kTag = 0x6B614646; // 'FFak'
     FakeStream() { allocate(); }

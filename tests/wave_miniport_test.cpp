@@ -336,8 +336,9 @@ TEST_F(WaveMiniportStreams, RunningReportIsTheOrOfBothStreams) {
     for (const Step& step : steps) {
         SCOPED_TRACE(std::to_string(step.stream) + (step.running ? " runs" : " stops"));
         stack.wave->onStreamRunning(streams[step.stream], step.running);
-        if (streams[step.stream])
+        if (streams[step.stream]) {
             EXPECT_EQ(streams[step.stream]->isRunning(), step.running);
+        }
         EXPECT_EQ(stack.adapter->isWaveRunning(), step.anyRunning);
     }
 

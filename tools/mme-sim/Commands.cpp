@@ -252,6 +252,8 @@ LoopbackResult loopback(Sim& sim, const Format& format, double seconds,
     result.capturePeriods = capture->positionFrames() / 256;
     result.glitches = render->counters().glitches;
     result.overruns = capture->counters().overruns;
+    sim.noteCounters(render->counters());
+    sim.noteCounters(capture->counters());
     render->close();
     capture->close();
     result.comparison = check.result();
@@ -300,7 +302,7 @@ void printSoak(Sim& sim, const Format& format) {
     const std::optional<uint64_t> late = sim.periodsServicedLate();
     std::printf("  serviced late  %s\n",
                 late ? (std::to_string(*late) + " periods").c_str()
-                     : "n/a (the port services inside the period callback)");
+                     : "n/a (the port's service is drained at the end of each period)");
 }
 
 // What the report says besides the timeline; taken before the device goes.
@@ -590,6 +592,7 @@ int runPlay(const CommandOptions& options) {
     progress.finish();
     const uint64_t played = std::min<uint64_t>(render->positionFrames(), total);
     const hostpc::StreamCounters counters = render->counters();
+    sim.noteCounters(counters);
     render.reset();
     if (window) {
         try {
@@ -685,6 +688,7 @@ int runRecord(const CommandOptions& options) {
     sim.end();
     progress.finish();
     const hostpc::StreamCounters counters = capture->counters();
+    sim.noteCounters(counters);
     capture.reset();
     writer.commit();
     std::printf("Summary\n");

@@ -134,8 +134,8 @@ Sim::Sim(const SimOptions& options) : mOptions(options) {
     hostk::useVirtualTime(!options.realtime);
     // Paced by the clock, the port services on its own DPC thread as on
     // Windows; virtual time keeps the deterministic end-of-period service.
-    hostpc::setDefaultServiceMode(options.realtime ? hostpc::ServiceMode::Concurrent
-                                                   : hostpc::ServiceMode::EndOfPeriod);
+    hostpc::setDefaultServiceMode(concurrentService() ? hostpc::ServiceMode::Concurrent
+                                                      : hostpc::ServiceMode::EndOfPeriod);
 
     usbsim::DeviceProfile profile = usbsim::DeviceProfile::builtInDefault();
     if (!options.profilePath.empty()) {

@@ -13,6 +13,7 @@
 #include "host/portcls/KsClient.h"
 #include "usbsim/UsbDriverModel.h"
 
+#include <algorithm>
 #include <deque>
 #include <fstream>
 #include <functional>
@@ -39,6 +40,9 @@ struct SimOptions {
     std::string tracePath;   // driver trace to this file
     bool verbose = false;    // driver trace to stderr
     bool realtime = false;
+    // "concurrent" (the port's own DPC thread) or "end-of-period"; empty:
+    // concurrent in real time, end-of-period in virtual time.
+    std::string portService;
     std::string reportPath; // timeline report to this HTML file
 };
 
@@ -77,6 +81,10 @@ public:
     hostpc::WaveFilter& filter() { return *mFilter; }
     const usbsim::DeviceProfile& profile() const { return mModel->profile(); }
     bool realtime() const { return mOptions.realtime; }
+    bool concurrentService() const {
+        return mOptions.portService.empty() ? mOptions.realtime
+                                            : mOptions.portService == "concurrent";
+    }
     ChannelConfig hardware() { return mModel->settings().current; }
 
     // Opens a pin of the direction with the format; a refusal throws
@@ -99,10 +107,17 @@ public:
     // What the run did, period by period; outlives shutdown().
     Timeline& timeline() { return *mTimeline; }
     const SimOptions& options() const { return mOptions; }
-    // Periods in which the port serviced its pins late. The host port
-    // services inside the period callback, so there is no such count yet
-    // (none); a port that services concurrently reports it here.
-    std::optional<uint64_t> periodsServicedLate() const { return std::nullopt; }
+    // Periods in which the port serviced its pins late: counted only when
+    // the port services from its own DPC thread; drained at the end of each
+    // period, it is never late (none).
+    void noteCounters(const hostpc::StreamCounters& counters) {
+        mLateServices = std::max<uint64_t>(mLateServices, counters.lateServices);
+    }
+    std::optional<uint64_t> periodsServicedLate() const {
+        if (!concurrentService())
+            return std::nullopt;
+        return mLateServices;
+    }
 
     // Removes the device and the model; what the host kernel reports left
     // over (empty when clean).
@@ -116,6 +131,7 @@ private:
     std::unique_ptr<hostpc::DriverLoader> mLoader;
     std::unique_ptr<hostpc::WaveFilter> mFilter;
     bool mClockRunning = false;
+    uint64_t mLateServices = 0;
 };
 
 } // namespace mmesim

@@ -51,6 +51,10 @@ int main(int argc, char** argv) {
         ->type_name("FILE");
     app.add_flag("--verbose", o.sim.verbose, "print the driver's debug output on stderr");
     app.add_flag("--realtime", o.sim.realtime, "pace the device by its sample clock");
+    app.add_option("--port-service", o.sim.portService,
+                   "where the port services its pins: concurrent (its own DPC thread; the "
+                   "default with --realtime) or end-of-period (drained after each period)")
+        ->check(CLI::IsMember({"concurrent", "end-of-period"}));
     app.add_option("--seconds", o.seconds, "length of the demo, loopback or recording")
         ->type_name("N");
     app.add_option("--report", o.sim.reportPath,
