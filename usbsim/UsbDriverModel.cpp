@@ -878,6 +878,7 @@ std::string UsbDriverModel::realTimeError() const {
 }
 
 void UsbDriverModel::realTimeLoop() {
+    hostk::enterDriverThread();
     using clock = std::chrono::steady_clock;
     auto anchor = clock::now();
     uint64_t framesSinceAnchor = 0;

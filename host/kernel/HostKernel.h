@@ -93,6 +93,14 @@ void runAtDispatch(const std::function<void()>& fn);
 // thread, releasing one not held by it, and raising or lowering the IRQL
 // the wrong way are violations.
 
+// ---- Threads ----
+// Every thread the host starts that may run driver code calls this first:
+// with a loaded image it gives the thread what the image reads from the
+// processor (host/image/Processor.h); otherwise it does nothing. Test
+// threads that run a loaded image call it too.
+void enterDriverThread();
+void setDriverThreadHook(void (*hook)());
+
 // ---- Time ----
 // Virtual time: KeDelayExecutionThread returns at once and advances the
 // clock; timers fire only from advanceTime(). Real time: delays sleep and a

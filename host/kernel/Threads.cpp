@@ -5,6 +5,7 @@
 
 #include <sched.h>
 
+#include <atomic>
 #include <cstdio>
 #include <mutex>
 
@@ -47,6 +48,19 @@ std::string irqlText(KIRQL irql) {
 } // namespace
 
 namespace hostk {
+
+namespace {
+std::atomic<void (*)()> gDriverThreadHook{nullptr};
+}
+
+void enterDriverThread() {
+    if (auto hook = gDriverThreadHook.load(std::memory_order_acquire))
+        hook();
+}
+
+void setDriverThreadHook(void (*hook)()) {
+    gDriverThreadHook.store(hook, std::memory_order_release);
+}
 
 std::vector<std::string> verifierFailures() {
     auto& v = verifier();
@@ -187,6 +201,13 @@ void NTAPI KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql) {
     tThread.irql = DISPATCH_LEVEL;
     acquireLock(SpinLock, "KeAcquireSpinLock");
     *OldIrql = old;
+}
+
+// The x64 kernel's export behind the DDK's KeAcquireSpinLock macro.
+KIRQL NTAPI KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock) {
+    KIRQL old;
+    KeAcquireSpinLock(SpinLock, &old);
+    return old;
 }
 
 void NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) {

@@ -107,6 +107,8 @@ void timerThread() {
     auto& s = timers();
     std::unique_lock<std::mutex> lock(s.mutex);
     while (!s.stop) {
+        // Started before an image may have been loaded: asks on every turn.
+        hostk::enterDriverThread();
         if (s.virtualTime || s.queue.empty()) {
             s.wake.wait(lock);
             continue;

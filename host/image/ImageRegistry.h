@@ -1,0 +1,15 @@
+// Address ranges of the images loaded now, readable from a signal handler
+// (a fixed table of atomics, no lock, no allocation).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace hostimg {
+
+void registerImage(const uint8_t* base, size_t size);
+void unregisterImage(const uint8_t* base);
+// Base (and size) of the loaded image holding address, or null.
+const uint8_t* imageHolding(uintptr_t address, size_t* size);
+
+} // namespace hostimg
