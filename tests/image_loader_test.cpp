@@ -96,8 +96,9 @@ TEST_F(ImageLoader, MapsTheShippedDriverWithSectionProtectionsAndBoundImports) {
     const std::map<std::string, std::string> expected = {
         {".text", "r-x"}, {".rdata", "r--"}, {".data", "rw-"}, {".pdata", "r--"}};
     for (const auto& s : image->layout().sections) {
-        if (expected.count(s.name))
+        if (expected.count(s.name)) {
             EXPECT_EQ(protection(image->base() + s.rva), expected.at(s.name)) << s.name;
+        }
     }
     EXPECT_EQ(protection(image->base()), "r--") << "headers";
     EXPECT_EQ(protection(image->entryPoint()), "r-x");
@@ -183,8 +184,8 @@ TEST_F(ImageLoader, ReadsTheFileAndNamesItInErrors) {
     EXPECT_FALSE(
         hostimg::LoadedImage::loadFile("/nonexistent/x.sys", &hostimg::hostExport, &error));
     EXPECT_EQ(error, "/nonexistent/x.sys: cannot open");
-    EXPECT_TRUE(
-        hostimg::LoadedImage::loadFile(imagetest::driverImagePath(), &hostimg::hostExport, &error))
+    EXPECT_TRUE(hostimg::LoadedImage::loadFile(imagetest::windowsBuildFile("mmeusbaudio.sys"),
+                                               &hostimg::hostExport, &error))
         << error;
 }
 

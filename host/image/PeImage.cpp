@@ -158,6 +158,8 @@ bool parseHeaders(const uint8_t* file, size_t size, Layout* layout, std::string*
         s.characteristics = rd32(h + 36);
         if (s.characteristics & kScnUninitialized)
             s.rawSize = 0;
+        if (s.rawSize == 0) // nothing comes from the file, wherever the offset points
+            s.rawOffset = 0;
         const std::string which = "section " + std::to_string(i) + " (" + s.name + ")";
         if (s.virtualSize == 0)
             s.virtualSize = s.rawSize;

@@ -7,8 +7,14 @@
 
 #include "host/kernel/HostKernel.h"
 
+#include "host/image/Exports.h"
+#include "host/image/PeImage.h"
+#include "host/image/Processor.h"
+
 #include <algorithm>
+#include <cstdlib>
 #include <map>
+#include <mutex>
 
 namespace hostpc::detail {
 namespace {
@@ -399,13 +405,71 @@ void resetForTest() {
 
 // ---- DriverLoader ----
 
-DriverLoader::DriverLoader(Entry entry) : mDriver(new DRIVER_OBJECT{}) {
+namespace {
+std::mutex gChoiceMutex;
+bool gChosen = false;
+std::string gChoice;
+} // namespace
+
+void useDriverImage(const std::string& sysPath) {
+    std::lock_guard<std::mutex> lock(gChoiceMutex);
+    gChosen = true;
+    gChoice = sysPath;
+}
+
+std::string driverImage() {
+    std::lock_guard<std::mutex> lock(gChoiceMutex);
+    if (gChosen)
+        return gChoice;
+    const char* env = std::getenv("MME_DRIVER_IMAGE");
+    return env ? env : "";
+}
+
+DriverLoader::DriverLoader() {
+    init();
+    const std::string image = driverImage();
+    if (image.empty())
+        enter(&DriverEntry);
+    else
+        loadImage(image);
+}
+
+DriverLoader::DriverLoader(Entry entry) {
+    init();
+    enter(entry);
+}
+
+DriverLoader::DriverLoader(const std::string& sysPath) {
+    init();
+    loadImage(sysPath);
+}
+
+void DriverLoader::loadImage(const std::string& sysPath) {
+    mImagePath = sysPath;
+    // The image reads the thread from GS and the IRQL from CR8 from its
+    // first instruction on.
+    hostimg::enableProcessorState();
+    std::shared_ptr<hostimg::LoadedImage> image =
+        hostimg::LoadedImage::loadFile(sysPath, &hostimg::hostExport, &mImageError);
+    if (!image) {
+        mEntryStatus = STATUS_UNSUCCESSFUL;
+        return;
+    }
+    mImage = image;
+    enter(reinterpret_cast<Entry>(image->entryPoint()));
+}
+
+void DriverLoader::init() {
+    mDriver.reset(new DRIVER_OBJECT{});
     mDriver->DriverExtension = &mDriver->Extension;
     mDriver->DriverExtension->DriverObject = mDriver.get();
     mRegistryText = L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\mmeusb";
     mRegistryPath.Buffer = mRegistryText.data();
     mRegistryPath.Length = (USHORT)(mRegistryText.size() * sizeof(WCHAR));
     mRegistryPath.MaximumLength = mRegistryPath.Length;
+}
+
+void DriverLoader::enter(Entry entry) {
     mEntryStatus = entry ? entry(mDriver.get(), &mRegistryPath) : STATUS_INVALID_PARAMETER;
 }
 

@@ -118,12 +118,25 @@ void resetForTest();
 
 // ---- A driver loaded as the PnP manager would ----
 
+// The process's driver: the one linked into this program, unless a Windows
+// image (.sys) was chosen here or by MME_DRIVER_IMAGE in the environment
+// (read when no choice was made here). An empty path means the linked one.
+void useDriverImage(const std::string& sysPath);
+std::string driverImage();
+
 class DriverLoader {
 public:
     using Entry = NTSTATUS(NTAPI*)(PDRIVER_OBJECT, PUNICODE_STRING);
+    // The process's driver (see useDriverImage).
+    DriverLoader();
     // Calls entry (DriverEntry) with a driver object and registry path of
     // its own.
-    explicit DriverLoader(Entry entry = &DriverEntry);
+    explicit DriverLoader(Entry entry);
+    // Maps the image and calls its entry point: only the image's code runs
+    // as the driver. When it cannot be loaded, entryStatus() is
+    // STATUS_UNSUCCESSFUL and imageError() says why. The image stays mapped
+    // until the loader goes, after its devices are removed.
+    explicit DriverLoader(const std::string& sysPath);
     // Removes every device this loader added and still present.
     ~DriverLoader();
     DriverLoader(const DriverLoader&) = delete;
@@ -131,6 +144,9 @@ public:
 
     NTSTATUS entryStatus() const { return mEntryStatus; }
     PDRIVER_OBJECT driverObject() { return mDriver.get(); }
+    bool runsImage() const { return !mImagePath.empty(); }
+    const std::string& imagePath() const { return mImagePath; }
+    const std::string& imageError() const { return mImageError; }
 
     // The driver's add-device routine, as registered by DriverEntry
     // (STATUS_INVALID_DEVICE_STATE when none was registered).
@@ -140,6 +156,13 @@ public:
     void removeDevice(PDEVICE_OBJECT pdo);
 
 private:
+    void init();
+    void enter(Entry entry);
+    void loadImage(const std::string& sysPath);
+
+    std::shared_ptr<void> mImage; // the mapped image, when the driver is one
+    std::string mImagePath;
+    std::string mImageError;
     std::unique_ptr<DRIVER_OBJECT> mDriver;
     std::wstring mRegistryText;
     UNICODE_STRING mRegistryPath{};

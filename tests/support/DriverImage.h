@@ -1,5 +1,6 @@
-// Where the tests find the Windows build of the driver: MME_DRIVER_SYS in
-// the environment, else the `windows` preset's output in this source tree.
+// Where the tests find the Windows builds: the driver image is the one
+// chosen by MME_DRIVER_IMAGE in the environment, else the `windows` preset's
+// output in this source tree, where the probe image is too.
 #pragma once
 
 #include <cstdint>
@@ -11,9 +12,13 @@
 
 namespace imagetest {
 
+inline std::string windowsBuildFile(const std::string& name) {
+    return std::string(MME_WINDOWS_BUILD_DIR) + "/" + name;
+}
+
 inline std::string driverImagePath() {
-    const char* env = std::getenv("MME_DRIVER_SYS");
-    return env && *env ? env : MME_WINDOWS_SYS;
+    const char* env = std::getenv("MME_DRIVER_IMAGE");
+    return env && *env ? env : windowsBuildFile("mmeusbaudio.sys");
 }
 
 // False when there is no such file (no Windows build here).

@@ -103,7 +103,13 @@ Sim::Sim(const SimOptions& options) : mOptions(options) {
     } catch (const std::exception& e) {
         throw SimError(std::string("bad profile: ") + e.what());
     }
-    mLoader.reset(new hostpc::DriverLoader());
+    mLoader.reset(options.driverPath.empty() ? new hostpc::DriverLoader()
+                                             : new hostpc::DriverLoader(options.driverPath));
+    if (!mLoader->imageError().empty())
+        throw SimError("cannot load the driver image " + mLoader->imageError());
+    mDriverDescription = mLoader->runsImage()
+                             ? "Windows image " + mLoader->imagePath() + " (its own code, loaded)"
+                             : std::string("host build linked into mme-sim");
     if (!NT_SUCCESS(mLoader->entryStatus()))
         throw SimError("DriverEntry failed: " + hostpc::statusName(mLoader->entryStatus()));
     NTSTATUS status = mLoader->addDevice(mModel->pdo());

@@ -37,6 +37,7 @@ struct SimOptions {
     std::string tracePath;   // driver trace to this file
     bool verbose = false;    // driver trace to stderr
     bool realtime = false;
+    std::string driverPath; // a Windows image (.sys) to run instead of the linked driver
 };
 
 // Keeps the driver's recent trace lines and copies them where asked.
@@ -93,8 +94,11 @@ public:
     // Removes the device and the model; what the host kernel reports left
     // over (empty when clean).
     std::string shutdown();
+    // Which driver ran: the one linked in, or the Windows image and its path.
+    const std::string& driverDescription() const { return mDriverDescription; }
 
 private:
+    std::string mDriverDescription;
     SimOptions mOptions;
     std::unique_ptr<TraceTap> mTrace;
     std::unique_ptr<usbsim::UsbDriverModel> mModel;
