@@ -64,7 +64,7 @@ TEST(PinCreation, ThePortRefusesWhatNoPinCanTake) {
     EXPECT_EQ(rig.harness.wave()->renderStream(), nullptr) << "nothing reached NewStream";
     EXPECT_EQ(rig.harness.wave()->captureStream(), nullptr);
 
-    hostpc::WaveFilter topology(hostpc::subdevice(rig.harness.fdo(), L"Topology"));
+    hostpc::WaveFilter topology(hostpc::subdevice(rig.harness.fdo(), u"Topology"));
     EXPECT_FALSE(topology.valid());
     EXPECT_EQ(topology.open(0, good, {}, &stream), STATUS_INVALID_PARAMETER);
 }

@@ -14,6 +14,7 @@
 #pragma once
 
 #include "driver/platform/platform.h"
+#include "host/kernel/HostKernel.h"
 
 #include <functional>
 #include <memory>
@@ -43,14 +44,14 @@ PCPFNSTARTDEVICE startRoutine(PDEVICE_OBJECT fdo);
 ULONG maxObjects(PDEVICE_OBJECT fdo);
 bool isStarted(PDEVICE_OBJECT fdo); // the last start request succeeded
 
-std::vector<std::wstring> subdeviceNames(PDEVICE_OBJECT fdo);
+std::vector<std::u16string> subdeviceNames(PDEVICE_OBJECT fdo);
 // The registered port (no reference taken), or null.
-PUNKNOWN subdevice(PDEVICE_OBJECT fdo, const std::wstring& name);
+PUNKNOWN subdevice(PDEVICE_OBJECT fdo, const std::u16string& name);
 
 struct Connection {
-    std::wstring fromName;
+    std::u16string fromName;
     ULONG fromPin;
-    std::wstring toName;
+    std::u16string toName;
     ULONG toPin;
     bool operator==(const Connection& o) const {
         return fromName == o.fromName && fromPin == o.fromPin && toName == o.toName &&
@@ -109,7 +110,7 @@ enum class Op {
     NewServiceGroup,
 };
 // The operation returns status (a failure code) until clearFailures().
-void fail(Op op, NTSTATUS status, const std::wstring& subdeviceName = std::wstring());
+void fail(Op op, NTSTATUS status, const std::u16string& subdeviceName = std::u16string());
 void clearFailures();
 
 // Clears failures and listeners; for a test's start. Devices still added
@@ -120,7 +121,7 @@ void resetForTest();
 
 class DriverLoader {
 public:
-    using Entry = NTSTATUS(NTAPI*)(PDRIVER_OBJECT, PUNICODE_STRING);
+    using Entry = PDRIVER_INITIALIZE;
     // Calls entry (DriverEntry) with a driver object and registry path of
     // its own.
     explicit DriverLoader(Entry entry = &DriverEntry);
@@ -130,7 +131,7 @@ public:
     DriverLoader& operator=(const DriverLoader&) = delete;
 
     NTSTATUS entryStatus() const { return mEntryStatus; }
-    PDRIVER_OBJECT driverObject() { return mDriver.get(); }
+    PDRIVER_OBJECT driverObject() { return mDriver; }
 
     // The driver's add-device routine, as registered by DriverEntry
     // (STATUS_INVALID_DEVICE_STATE when none was registered).
@@ -140,8 +141,9 @@ public:
     void removeDevice(PDEVICE_OBJECT pdo);
 
 private:
-    std::unique_ptr<DRIVER_OBJECT> mDriver;
-    std::wstring mRegistryText;
+    std::unique_ptr<hostk::DriverObjectBlock> mDriverBlock;
+    PDRIVER_OBJECT mDriver = nullptr;
+    std::u16string mRegistryText;
     UNICODE_STRING mRegistryPath{};
     NTSTATUS mEntryStatus = STATUS_UNSUCCESSFUL;
     std::vector<PDEVICE_OBJECT> mPdos;

@@ -36,13 +36,13 @@ public:
     PDEVICE_OBJECT fdo() const { return loader.fdo(model.pdo()); }
 
     MMEWave* wave() const {
-        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), L"Wave") : nullptr;
+        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), u"Wave") : nullptr;
         PUNKNOWN miniport = port ? hostpc::portState(port).miniport : nullptr;
         return miniport ? static_cast<MMEWave*>(static_cast<IMiniportWaveCyclic*>(miniport))
                         : nullptr;
     }
     MMETopology* topology() const {
-        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), L"Topology") : nullptr;
+        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), u"Topology") : nullptr;
         PUNKNOWN miniport = port ? hostpc::portState(port).miniport : nullptr;
         return miniport ? static_cast<MMETopology*>(static_cast<IMiniportTopology*>(miniport))
                         : nullptr;
