@@ -176,8 +176,8 @@ check_inf() {
         value=$(inf_string "KSNAME_$name")
         if [ "$value" != "$name" ]; then
             fail "INF KSNAME_$name is \"$value\", not \"$name\""
-        elif ! grep -rqF "L\"$name\"" driver --include='*.cpp'; then
-            fail "the driver registers no subdevice named L\"$name\""
+        elif ! grep -rqF "MME_WIDE(\"$name\")" driver --include='*.cpp'; then
+            fail "the driver registers no subdevice named \"$name\""
         else
             ok "INF registers the driver's \"$name\" subdevice"
         fi

@@ -70,12 +70,12 @@ struct Life {
 enum : size_t { kCapture = 0, kRender = 1, kCapture2 = 2, kRender2 = 3 };
 
 MMEAdapter* adapterOf(PDEVICE_OBJECT fdo) {
-    for (const wchar_t* name : {L"Wave", L"Topology"}) {
+    for (const char16_t* name : {u"Wave", u"Topology"}) {
         PUNKNOWN port = fdo ? hostpc::subdevice(fdo, name) : nullptr;
         PUNKNOWN miniport = port ? hostpc::portState(port).miniport : nullptr;
         if (!miniport)
             continue;
-        if (name[0] == L'W')
+        if (name[0] == u'W')
             return static_cast<MMEWave*>(static_cast<IMiniportWaveCyclic*>(miniport))->adapter();
         return static_cast<MMETopology*>(static_cast<IMiniportTopology*>(miniport))->adapter();
     }
@@ -108,9 +108,9 @@ void live(Life& life, usbsim::UsbDriverModel& model) {
     life.step = "start";
     life.start = loader.startDevice(model.pdo());
     PDEVICE_OBJECT fdo = loader.fdo(model.pdo());
-    PUNKNOWN wavePort = fdo ? hostpc::subdevice(fdo, L"Wave") : nullptr;
+    PUNKNOWN wavePort = fdo ? hostpc::subdevice(fdo, u"Wave") : nullptr;
     life.waveRegistered = wavePort != nullptr;
-    life.topologyRegistered = fdo && hostpc::subdevice(fdo, L"Topology");
+    life.topologyRegistered = fdo && hostpc::subdevice(fdo, u"Topology");
     life.registers = model.callCount(USBCall_Register);
     life.adapterStarted = model.callCount(USBCall_AdapterStarted);
     life.startUnregisters = model.callCount(USBCall_Unregister);

@@ -33,7 +33,7 @@ protected:
     void SetUp() override {
         hostk::setSinkNull(); // thousands of state changes are traced
         ASSERT_EQ(device.startStatus, STATUS_SUCCESS);
-        filter = std::make_unique<hostpc::WaveFilter>(hostpc::subdevice(device.fdo(), L"Wave"));
+        filter = std::make_unique<hostpc::WaveFilter>(hostpc::subdevice(device.fdo(), u"Wave"));
     }
     void TearDown() override {
         device.model.stopRealTime();

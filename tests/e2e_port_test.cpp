@@ -65,7 +65,7 @@ TEST(PinCreation, ThePortRefusesWhatNoPinCanTake) {
     EXPECT_EQ(stream, nullptr);
     EXPECT_EQ(e2e::tracedAt("MMEWave::NewStream"), size_t(-1)) << "nothing reached NewStream";
 
-    hostpc::WaveFilter topology(hostpc::subdevice(rig.harness.fdo(), L"Topology"));
+    hostpc::WaveFilter topology(hostpc::subdevice(rig.harness.fdo(), u"Topology"));
     EXPECT_FALSE(topology.valid());
     EXPECT_EQ(topology.open(0, good, {}, &stream), STATUS_INVALID_PARAMETER);
 }

@@ -95,15 +95,15 @@ public:
     }
     ~WrongPeriodClient() { callUsbDriver(mUsb.pdo(), USBCall_Unregister, &mRecord); }
 
-    static void allocates(PVOID, MMEAdapterInfo*) {
+    static void NTAPI allocates(PVOID, MMEAdapterInfo*) {
         void* p = ExAllocatePoolWithTag(NonPagedPool, 64, kTag);
         ExFreePoolWithTag(p, kTag);
     }
-    static void waits(PVOID, MMEAdapterInfo*) {
+    static void NTAPI waits(PVOID, MMEAdapterInfo*) {
         LARGE_INTEGER t = relativeMs(1);
         KeDelayExecutionThread(KernelMode, FALSE, &t);
     }
-    static void allocatesARequest(PVOID, MMEAdapterInfo*) {
+    static void NTAPI allocatesARequest(PVOID, MMEAdapterInfo*) {
         PIRP irp = IoAllocateIrp(1, FALSE);
         IoFreeIrp(irp);
     }
@@ -121,7 +121,7 @@ TEST(VerifierRules, PassiveOnlyServicesFromATimerDpcAreCaught) {
     struct Wrong {
         KTIMER timer;
         KDPC dpc;
-        static void routine(PKDPC, PVOID, PVOID, PVOID) {
+        static void NTAPI routine(PKDPC, PVOID, PVOID, PVOID) {
             LARGE_INTEGER t = relativeMs(20); // the add/start hand-over's sleep
             KeDelayExecutionThread(KernelMode, TRUE, &t);
             KeFlushQueuedDpcs();
@@ -259,7 +259,7 @@ struct PeriodProbe {
     static std::atomic<unsigned> notAtDispatch;
     static std::atomic<size_t> allocations;
 
-    static void entry(PVOID context, MMEAdapterInfo* info) {
+    static void NTAPI entry(PVOID context, MMEAdapterInfo* info) {
         if (KeGetCurrentIrql() != DISPATCH_LEVEL)
             ++notAtDispatch;
         const size_t before = hostk::poolStats().totalAllocations;
@@ -286,7 +286,7 @@ TEST(VerifierDriverPaths, AWholeDeviceLifeRunsWithoutAViolation) {
     PeriodProbe::calls = 0;
     link.mpfnExchangeData = &PeriodProbe::entry;
 
-    auto filter = std::make_unique<hostpc::WaveFilter>(hostpc::subdevice(device.fdo(), L"Wave"));
+    auto filter = std::make_unique<hostpc::WaveFilter>(hostpc::subdevice(device.fdo(), u"Wave"));
     std::unique_ptr<hostpc::KsStream> capture, render;
     ASSERT_EQ(filter->open(hostpc::kWaveCapturePin, hostpc::pcmFormat(48000, 2, 24), {}, &capture),
               STATUS_SUCCESS);

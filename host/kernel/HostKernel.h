@@ -20,9 +20,11 @@
 namespace hostk {
 
 // ---- Debug output (DbgPrint) ----
-// Formatting follows the Windows kernel, not glibc: %p is 16 uppercase hex
-// digits without prefix (null prints as zeros).
-std::string formatKernel(const char* format, va_list args);
+// Formatting follows the Windows kernel, not glibc: arguments are read from
+// a Windows x64 argument list, long is 32 bits, %p is 16 uppercase hex digits
+// without prefix (null prints as zeros), %S/%ws are 16-bit strings. wide, when
+// given, says whether a Unicode conversion was used.
+std::string formatKernel(const char* format, __builtin_ms_va_list args, bool* wide = nullptr);
 void setSinkStderr();
 void setSinkFile(const std::string& path); // throws std::runtime_error when it cannot open
 void setSinkCapture();                     // in-memory, read with capturedLines()
@@ -123,11 +125,16 @@ void setDelayStatus(NTSTATUS status);
 size_t pendingTimers();
 
 // ---- Objects ----
+// A driver object as the I/O manager allocates it, its extension right
+// behind it.
+struct DriverObjectBlock {
+    DRIVER_OBJECT object;
+    DRIVER_EXTENSION extension;
+};
 // Fills a driver object as the I/O manager does before DriverEntry: zeroed,
-// DriverExtension pointing at its embedded extension, no dispatch routines
-// (an IRP sent to a missing routine completes with
-// STATUS_INVALID_DEVICE_REQUEST).
-void initDriverObject(PDRIVER_OBJECT driver);
+// DriverExtension pointing at its extension, no dispatch routines (an IRP
+// sent to a missing routine completes with STATUS_INVALID_DEVICE_REQUEST).
+PDRIVER_OBJECT initDriverObject(DriverObjectBlock& block);
 // Creates a device object of the host's own (for the USB model's PDO and
 // the port-class FDO), linked into driver's device list when driver is not
 // null, with a zeroed extension and ReferenceCount 0 (the creator's own

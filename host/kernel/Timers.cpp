@@ -11,6 +11,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -22,7 +23,7 @@ using hostk::detail::pointerText;
 namespace {
 
 // Marks timers and DPCs that went through their initialisation.
-char gTimerMagic;
+LIST_ENTRY gTimerMagic;
 char gDpcMagic;
 
 using Key = std::pair<int64_t, uint64_t>; // due time, arming order
@@ -72,7 +73,7 @@ bool removeLocked(TimerState& s, PKTIMER timer) {
         }
     }
     s.index.erase(it);
-    timer->Inserted = FALSE;
+    timer->Header.Inserted = FALSE;
     return true;
 }
 
@@ -84,7 +85,7 @@ void fireFirstLocked(TimerState& s, std::unique_lock<std::mutex>& lock) {
     int64_t due = first->first.first;
     s.queue.erase(first);
     s.index.erase(timer);
-    timer->Inserted = FALSE;
+    timer->Header.Inserted = FALSE;
     PKDPC dpc = timer->Dpc;
     PKDEFERRED_ROUTINE routine = dpc ? dpc->DeferredRoutine : nullptr;
     PVOID context = dpc ? dpc->DeferredContext : nullptr;
@@ -162,7 +163,7 @@ void useVirtualTime(bool on) {
             Key k{key.first - oldNow + newNow, key.second};
             moved.emplace(k, timer);
             s.index[timer] = k;
-            timer->DueTime = k.first;
+            timer->DueTime.QuadPart = (ULONGLONG)k.first;
         }
         s.queue.swap(moved);
     }
@@ -245,7 +246,7 @@ void dropAllTimers() {
     auto& s = timers();
     std::lock_guard<std::mutex> lock(s.mutex);
     for (auto& entry : s.index)
-        entry.first->Inserted = FALSE;
+        entry.first->Header.Inserted = FALSE;
     s.queue.clear();
     s.index.clear();
 }
@@ -307,7 +308,7 @@ void NTAPI KeInitializeDpc(PRKDPC Dpc, PKDEFERRED_ROUTINE DeferredRoutine, PVOID
     Dpc->DeferredContext = DeferredContext;
     Dpc->SystemArgument1 = nullptr;
     Dpc->SystemArgument2 = nullptr;
-    Dpc->HostState = &gDpcMagic;
+    Dpc->DpcData = &gDpcMagic;
 }
 
 void NTAPI KeInitializeTimer(PKTIMER Timer) {
@@ -315,10 +316,9 @@ void NTAPI KeInitializeTimer(PKTIMER Timer) {
     std::lock_guard<std::mutex> lock(s.mutex);
     if (removeLocked(s, Timer))
         verifierFailure("KeInitializeTimer of a pending timer " + pointerText(Timer));
-    Timer->DueTime = 0;
-    Timer->Inserted = FALSE;
-    Timer->Dpc = nullptr;
-    Timer->HostState = &gTimerMagic;
+    std::memset(Timer, 0, sizeof *Timer);
+    Timer->Header.Type = 8; // TimerNotificationObject
+    Timer->TimerListEntry.Flink = &gTimerMagic;
 }
 
 BOOLEAN NTAPI KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc) {
@@ -326,11 +326,11 @@ BOOLEAN NTAPI KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc) {
         verifierFailure("KeSetTimer above DISPATCH_LEVEL");
     auto& s = timers();
     std::lock_guard<std::mutex> lock(s.mutex);
-    if (Timer->HostState != &gTimerMagic) {
+    if (Timer->TimerListEntry.Flink != &gTimerMagic) {
         verifierFailure("KeSetTimer of a timer that was never initialised: " + pointerText(Timer));
-        Timer->HostState = &gTimerMagic;
+        Timer->TimerListEntry.Flink = &gTimerMagic;
     }
-    if (Dpc && Dpc->HostState != &gDpcMagic)
+    if (Dpc && Dpc->DpcData != &gDpcMagic)
         verifierFailure("KeSetTimer with a DPC that was never initialised: " + pointerText(Dpc));
     bool wasPending = removeLocked(s, Timer);
     int64_t now = nowLocked(s);
@@ -338,8 +338,8 @@ BOOLEAN NTAPI KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc) {
     Key key{due, ++s.order};
     s.queue.emplace(key, Timer);
     s.index[Timer] = key;
-    Timer->DueTime = due;
-    Timer->Inserted = TRUE;
+    Timer->DueTime.QuadPart = (ULONGLONG)due;
+    Timer->Header.Inserted = TRUE;
     Timer->Dpc = Dpc;
     ensureTimerThreadLocked(s);
     s.wake.notify_all();

@@ -20,7 +20,7 @@ namespace hostpc::detail {
 namespace {
 
 struct Subdevice {
-    std::wstring name;
+    std::u16string name;
     PUNKNOWN port;      // one reference, given back at removal
     PUNKNOWN canonical; // the port's IUnknown, to recognise it again
 };
@@ -38,7 +38,7 @@ struct DeviceRecord {
 struct Failure {
     Op op;
     NTSTATUS status;
-    std::wstring name;
+    std::u16string name;
 };
 
 struct State {
@@ -154,7 +154,7 @@ NTSTATUS NTAPI dispatchUnsupported(PDEVICE_OBJECT, PIRP irp) {
 
 } // namespace
 
-NTSTATUS injectedFailure(Op op, const std::wstring& name) {
+NTSTATUS injectedFailure(Op op, const std::u16string& name) {
     std::lock_guard<std::mutex> lock(state().mutex);
     for (const auto& failure : state().failures)
         if (failure.op == op && (failure.name.empty() || failure.name == name))
@@ -172,14 +172,13 @@ extern "C" NTSTATUS NTAPI PcInitializeAdapterDriver(PDRIVER_OBJECT DriverObject,
                                                     PUNICODE_STRING RegistryPathName,
                                                     PDRIVER_ADD_DEVICE AddDevice) {
     UNREFERENCED_PARAMETER(RegistryPathName);
-    if (!DriverObject || !AddDevice)
+    // The I/O manager gives every driver object its extension; one without
+    // is not a driver object.
+    if (!DriverObject || !DriverObject->DriverExtension || !AddDevice)
         return STATUS_INVALID_PARAMETER;
     NTSTATUS status = injectedFailure(Op::InitializeAdapterDriver);
     if (!NT_SUCCESS(status))
         return status;
-    if (!DriverObject->DriverExtension)
-        DriverObject->DriverExtension = &DriverObject->Extension;
-    DriverObject->DriverExtension->DriverObject = DriverObject;
     DriverObject->DriverExtension->AddDevice = AddDevice;
     for (auto& dispatch : DriverObject->MajorFunction)
         dispatch = &dispatchUnsupported;
@@ -222,7 +221,7 @@ extern "C" NTSTATUS NTAPI PcRegisterSubdevice(PDEVICE_OBJECT DeviceObject, PWSTR
                                               PUNKNOWN Unknown) {
     if (!DeviceObject || !Name || !Unknown)
         return STATUS_INVALID_PARAMETER;
-    std::wstring name(Name);
+    std::u16string name(Name);
     HostPort* port = hostPortOf(Unknown);
     if (!port)
         return STATUS_INVALID_PARAMETER;
@@ -365,16 +364,16 @@ bool isStarted(PDEVICE_OBJECT fdo) {
     return record && record->started;
 }
 
-std::vector<std::wstring> subdeviceNames(PDEVICE_OBJECT fdo) {
+std::vector<std::u16string> subdeviceNames(PDEVICE_OBJECT fdo) {
     std::lock_guard<std::mutex> lock(state().mutex);
-    std::vector<std::wstring> names;
+    std::vector<std::u16string> names;
     if (DeviceRecord* record = findLocked(fdo))
         for (const auto& subdevice : record->subdevices)
             names.push_back(subdevice.name);
     return names;
 }
 
-PUNKNOWN subdevice(PDEVICE_OBJECT fdo, const std::wstring& name) {
+PUNKNOWN subdevice(PDEVICE_OBJECT fdo, const std::u16string& name) {
     std::lock_guard<std::mutex> lock(state().mutex);
     if (DeviceRecord* record = findLocked(fdo))
         for (const auto& subdevice : record->subdevices)
@@ -389,7 +388,7 @@ std::vector<Connection> connections(PDEVICE_OBJECT fdo) {
     return record ? record->connections : std::vector<Connection>{};
 }
 
-void fail(Op op, NTSTATUS status, const std::wstring& subdeviceName) {
+void fail(Op op, NTSTATUS status, const std::u16string& subdeviceName) {
     std::lock_guard<std::mutex> lock(state().mutex);
     state().failures.push_back(Failure{op, status, subdeviceName});
 }
@@ -460,17 +459,16 @@ void DriverLoader::loadImage(const std::string& sysPath) {
 }
 
 void DriverLoader::init() {
-    mDriver.reset(new DRIVER_OBJECT{});
-    mDriver->DriverExtension = &mDriver->Extension;
-    mDriver->DriverExtension->DriverObject = mDriver.get();
-    mRegistryText = L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\mmeusb";
+    mDriverBlock.reset(new hostk::DriverObjectBlock);
+    mDriver = hostk::initDriverObject(*mDriverBlock);
+    mRegistryText = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\mmeusb";
     mRegistryPath.Buffer = mRegistryText.data();
     mRegistryPath.Length = (USHORT)(mRegistryText.size() * sizeof(WCHAR));
     mRegistryPath.MaximumLength = mRegistryPath.Length;
 }
 
 void DriverLoader::enter(Entry entry) {
-    mEntryStatus = entry ? entry(mDriver.get(), &mRegistryPath) : STATUS_INVALID_PARAMETER;
+    mEntryStatus = entry ? entry(mDriver, &mRegistryPath) : STATUS_INVALID_PARAMETER;
 }
 
 DriverLoader::~DriverLoader() {
@@ -484,7 +482,7 @@ NTSTATUS DriverLoader::addDevice(PDEVICE_OBJECT pdo) {
         mDriver->DriverExtension ? mDriver->DriverExtension->AddDevice : nullptr;
     if (!add)
         return STATUS_INVALID_DEVICE_STATE;
-    NTSTATUS status = add(mDriver.get(), pdo);
+    NTSTATUS status = add(mDriver, pdo);
     if (fdoForPdo(pdo) && std::find(mPdos.begin(), mPdos.end(), pdo) == mPdos.end())
         mPdos.push_back(pdo);
     return status;

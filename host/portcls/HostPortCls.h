@@ -14,6 +14,7 @@
 #pragma once
 
 #include "driver/platform/platform.h"
+#include "host/kernel/HostKernel.h"
 
 #include <functional>
 #include <memory>
@@ -43,14 +44,14 @@ PCPFNSTARTDEVICE startRoutine(PDEVICE_OBJECT fdo);
 ULONG maxObjects(PDEVICE_OBJECT fdo);
 bool isStarted(PDEVICE_OBJECT fdo); // the last start request succeeded
 
-std::vector<std::wstring> subdeviceNames(PDEVICE_OBJECT fdo);
+std::vector<std::u16string> subdeviceNames(PDEVICE_OBJECT fdo);
 // The registered port (no reference taken), or null.
-PUNKNOWN subdevice(PDEVICE_OBJECT fdo, const std::wstring& name);
+PUNKNOWN subdevice(PDEVICE_OBJECT fdo, const std::u16string& name);
 
 struct Connection {
-    std::wstring fromName;
+    std::u16string fromName;
     ULONG fromPin;
-    std::wstring toName;
+    std::u16string toName;
     ULONG toPin;
     bool operator==(const Connection& o) const {
         return fromName == o.fromName && fromPin == o.fromPin && toName == o.toName &&
@@ -109,7 +110,7 @@ enum class Op {
     NewServiceGroup,
 };
 // The operation returns status (a failure code) until clearFailures().
-void fail(Op op, NTSTATUS status, const std::wstring& subdeviceName = std::wstring());
+void fail(Op op, NTSTATUS status, const std::u16string& subdeviceName = std::u16string());
 void clearFailures();
 
 // Clears failures and listeners; for a test's start. Devices still added
@@ -126,7 +127,7 @@ std::string driverImage();
 
 class DriverLoader {
 public:
-    using Entry = NTSTATUS(NTAPI*)(PDRIVER_OBJECT, PUNICODE_STRING);
+    using Entry = PDRIVER_INITIALIZE;
     // The process's driver (see useDriverImage).
     DriverLoader();
     // Calls entry (DriverEntry) with a driver object and registry path of
@@ -143,7 +144,7 @@ public:
     DriverLoader& operator=(const DriverLoader&) = delete;
 
     NTSTATUS entryStatus() const { return mEntryStatus; }
-    PDRIVER_OBJECT driverObject() { return mDriver.get(); }
+    PDRIVER_OBJECT driverObject() { return mDriver; }
     bool runsImage() const { return !mImagePath.empty(); }
     const std::string& imagePath() const { return mImagePath; }
     const std::string& imageError() const { return mImageError; }
@@ -163,8 +164,9 @@ private:
     std::shared_ptr<void> mImage; // the mapped image, when the driver is one
     std::string mImagePath;
     std::string mImageError;
-    std::unique_ptr<DRIVER_OBJECT> mDriver;
-    std::wstring mRegistryText;
+    std::unique_ptr<hostk::DriverObjectBlock> mDriverBlock;
+    PDRIVER_OBJECT mDriver = nullptr;
+    std::u16string mRegistryText;
     UNICODE_STRING mRegistryPath{};
     NTSTATUS mEntryStatus = STATUS_UNSUCCESSFUL;
     std::vector<PDEVICE_OBJECT> mPdos;

@@ -116,7 +116,7 @@ public:
 private:
     static constexpr size_t kMaxMembers = 16;
 
-    static void delayedService(PKDPC, PVOID context, PVOID, PVOID) {
+    static void NTAPI delayedService(PKDPC, PVOID context, PVOID, PVOID) {
         static_cast<ServiceGroup*>(context)->RequestService();
     }
 

@@ -40,7 +40,7 @@ public:
     MMEWave* wave() const {
         if (loader.runsImage())
             return nullptr;
-        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), L"Wave") : nullptr;
+        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), u"Wave") : nullptr;
         PUNKNOWN miniport = port ? hostpc::portState(port).miniport : nullptr;
         return miniport ? static_cast<MMEWave*>(static_cast<IMiniportWaveCyclic*>(miniport))
                         : nullptr;
@@ -48,7 +48,7 @@ public:
     MMETopology* topology() const {
         if (loader.runsImage())
             return nullptr;
-        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), L"Topology") : nullptr;
+        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), u"Topology") : nullptr;
         PUNKNOWN miniport = port ? hostpc::portState(port).miniport : nullptr;
         return miniport ? static_cast<MMETopology*>(static_cast<IMiniportTopology*>(miniport))
                         : nullptr;

@@ -33,7 +33,7 @@ public:
     explicit Rig(usbsim::DeviceProfile profile = usbsim::DeviceProfile::builtInDefault())
         : harness(true, std::move(profile)) {
         PDEVICE_OBJECT fdo = harness.fdo();
-        PUNKNOWN port = fdo ? hostpc::subdevice(fdo, L"Wave") : nullptr;
+        PUNKNOWN port = fdo ? hostpc::subdevice(fdo, u"Wave") : nullptr;
         filter.reset(new hostpc::WaveFilter(port));
     }
     ~Rig() {

@@ -118,7 +118,7 @@ Sim::Sim(const SimOptions& options) : mOptions(options) {
     if (!NT_SUCCESS(status))
         throw SimError("the driver did not start: " + hostpc::statusName(status));
     PDEVICE_OBJECT fdo = mLoader->fdo(mModel->pdo());
-    mFilter.reset(new hostpc::WaveFilter(fdo ? hostpc::subdevice(fdo, L"Wave") : nullptr));
+    mFilter.reset(new hostpc::WaveFilter(fdo ? hostpc::subdevice(fdo, u"Wave") : nullptr));
     if (!mFilter->valid())
         throw SimError("the driver registered no wave filter");
 }
