@@ -24,6 +24,7 @@ struct Life {
     std::vector<int32_t> played; // every sample the device played
     std::vector<uint8_t> captured;
     std::string problems;
+    size_t timedStarts = 0;
 };
 
 // Whether two traces say the same, line for line. Addresses differ
@@ -117,10 +118,12 @@ Life liveWith(const std::string& image) {
         render->setState(KSSTATE_RUN);
         capture->setState(KSSTATE_RUN);
         pump.periods(10);
+        rig.model().clearCalls();
         rig.model().asioAttach();
         pump.periods(5);
         rig.model().asioDetach();
         pump.periods(200); // a second of sample time: the attach timer asks for a timed start
+        run.timedStarts = rig.model().callCount(USBCall_TimedStart);
         run.captured.insert(run.captured.end(), pump.captured.begin(), pump.captured.end());
         rig.harness.remove();
     }
@@ -140,6 +143,8 @@ TEST(Differential, TheImageAndTheLinkedDriverLiveTheSameLife) {
     ASSERT_EQ(linked.problems, "");
     ASSERT_EQ(loaded.problems, "");
     ASSERT_GT(linked.trace.size(), 100u);
+    EXPECT_EQ(linked.timedStarts, 1u) << "the attach timer fired";
+    EXPECT_EQ(loaded.timedStarts, 1u) << "the attach timer fired";
     EXPECT_TRUE(std::any_of(linked.trace.begin(), linked.trace.end(), [](const std::string& l) {
         return l.find("Configuration change was prevented by usb driver") != std::string::npos;
     })) << "the life includes the refused change";

@@ -13,7 +13,11 @@
 namespace imagetest {
 
 inline std::string windowsBuildFile(const std::string& name) {
+#ifdef MME_NO_IMAGES
+    return "(no image in sanitizer builds)/" + name;
+#else
     return std::string(MME_WINDOWS_BUILD_DIR) + "/" + name;
+#endif
 }
 
 inline std::string driverImagePath() {
