@@ -341,6 +341,9 @@ TEST(KernelSpinLock, AcquireRaisesToDispatchAndReleaseRestores) {
         KeAcquireSpinLockAtDpcLevel(&lock);
         EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
         KeReleaseSpinLockFromDpcLevel(&lock);
+        // The image's form of KeAcquireSpinLock.
+        EXPECT_EQ(KeAcquireSpinLockRaiseToDpc(&lock), DISPATCH_LEVEL);
+        KeReleaseSpinLock(&lock, DISPATCH_LEVEL);
     });
     EXPECT_TRUE(hostk::verifierFailures().empty());
 }

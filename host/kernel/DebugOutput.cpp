@@ -145,8 +145,10 @@ std::string formatKernel(const char* format, __builtin_ms_va_list args, bool* wi
         *wide = false;
     if (!format)
         return out;
-    __builtin_ms_va_list ap;
-    __builtin_ms_va_copy(ap, args);
+    // A Windows argument list is a plain pointer to the next slot, so the
+    // copy is an assignment (g++ 12 at -O0 miscompiles __builtin_ms_va_copy
+    // outside an ms_abi function).
+    __builtin_ms_va_list ap = args;
     for (const char* f = format; *f; ++f) {
         if (*f != '%') {
             out += *f;
@@ -369,7 +371,6 @@ std::string formatKernel(const char* format, __builtin_ms_va_list args, bool* wi
             break;
         }
     }
-    __builtin_ms_va_end(ap);
     return out;
 }
 

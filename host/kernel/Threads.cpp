@@ -194,20 +194,18 @@ void NTAPI KeInitializeSpinLock(PKSPIN_LOCK SpinLock) {
     __atomic_store_n(SpinLock, (ULONG_PTR)0, __ATOMIC_RELAXED);
 }
 
-void NTAPI KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql) {
+KIRQL NTAPI KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock) {
     KIRQL old = tThread.irql;
     if (old > DISPATCH_LEVEL)
         verifierFailure("KeAcquireSpinLock above DISPATCH_LEVEL");
     tThread.irql = DISPATCH_LEVEL;
     acquireLock(SpinLock, "KeAcquireSpinLock");
-    *OldIrql = old;
+    return old;
 }
 
-// The x64 kernel's export behind the DDK's KeAcquireSpinLock macro.
-KIRQL NTAPI KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock) {
-    KIRQL old;
-    KeAcquireSpinLock(SpinLock, &old);
-    return old;
+// On x64 the DDK's KeAcquireSpinLock is KeAcquireSpinLockRaiseToDpc.
+void NTAPI KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql) {
+    *OldIrql = KeAcquireSpinLockRaiseToDpc(SpinLock);
 }
 
 void NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) {
