@@ -234,6 +234,7 @@ TEST(Removal, PinsOpenedWhileTheDeviceGoesAreClosedWithIt) {
         std::atomic<size_t> opened{0}, refused{0};
         std::vector<std::unique_ptr<hostpc::KsStream>> kept;
         std::thread opener([&] {
+            hostk::enterDriverThread(); // a client thread that runs the driver
             // Keeps opening render pins until well after the removal.
             for (int after = 0; after < 5;) {
                 NTSTATUS status = STATUS_SUCCESS;

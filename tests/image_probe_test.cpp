@@ -73,21 +73,33 @@ TEST_F(ImageProbe, Cr8ReadsAndSetsTheThreadsIrql) {
 
 TEST_F(ImageProbe, GsGivesEachThreadItsOwnThreadObject) {
     EXPECT_EQ(run(u't'), Lines{"probe thread " + pointerText(KeGetCurrentThread())});
-    // A thread inherits its creator's GS base; entering as a driver thread
-    // gives it its own. One whose GS base is empty gets it at its first read.
-    for (bool clearGs : {false, true}) {
+    // A thread inherits its creator's GS base: entering as a driver thread
+    // gives it its own, one whose GS base is empty gets it at its first
+    // read, and one that runs the image on its creator's block is caught.
+    enum Start { Entered, NoGsBase, Inherited };
+    for (Start start : {Entered, NoGsBase, Inherited}) {
         Lines lines;
-        std::string expected;
+        std::string own;
         std::thread([&] {
-            if (clearGs)
+            if (start == NoGsBase)
                 syscall(SYS_arch_prctl, ARCH_SET_GS, 0UL);
-            else
+            else if (start == Entered)
                 hostk::enterDriverThread();
-            expected = "probe thread " + pointerText(KeGetCurrentThread());
+            own = "probe thread " + pointerText(KeGetCurrentThread());
             lines = run(u't');
         }).join();
-        EXPECT_EQ(lines, Lines{expected}) << (clearGs ? "no GS base" : "entered");
-        EXPECT_NE(expected, "probe thread " + pointerText(KeGetCurrentThread()));
+        EXPECT_NE(own, "probe thread " + pointerText(KeGetCurrentThread()));
+        const auto failures = hostk::verifierFailures();
+        if (start == Inherited) {
+            EXPECT_EQ(lines, Lines{"probe thread " + pointerText(KeGetCurrentThread())});
+            ASSERT_EQ(failures.size(), 1u);
+            EXPECT_NE(failures[0].find("did not call hostk::enterDriverThread()"),
+                      std::string::npos);
+            hostk::clearVerifierFailures();
+        } else {
+            EXPECT_EQ(lines, Lines{own}) << start;
+            EXPECT_TRUE(failures.empty()) << start;
+        }
     }
 }
 

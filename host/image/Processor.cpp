@@ -255,12 +255,9 @@ void attachThread() {
     tAttached = true;
 }
 
-const void* gsThreadObject() {
-    if (gsBase() != reinterpret_cast<uintptr_t>(&tBlock))
-        return nullptr;
-    const void* thread;
-    std::memcpy(&thread, tBlock.bytes + kCurrentThreadOffset, sizeof thread);
-    return thread;
+bool ownsProcessorBlock() {
+    // No GS base yet: the first read traps and attaches.
+    return tAttached || gsBase() == 0;
 }
 
 void enableProcessorState() {
@@ -271,7 +268,7 @@ void enableProcessorState() {
         action.sa_flags = SA_SIGINFO | SA_ONSTACK;
         sigemptyset(&action.sa_mask);
         sigaction(SIGSEGV, &action, &gPrevious);
-        hostk::setDriverThreadHook(&attachThread);
+        hostk::setDriverThreadHooks(&attachThread, &ownsProcessorBlock);
     });
     attachThread();
 }

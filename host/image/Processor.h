@@ -28,8 +28,7 @@ namespace hostimg {
 void enableProcessorState();
 // Sets the calling thread's GS base to its own block (idempotent).
 void attachThread();
-// The thread object the calling thread's GS block holds at 0x188, or null
-// when its GS base is not its own block.
-const void* gsThreadObject();
+// False when the calling thread carries another thread's GS block.
+bool ownsProcessorBlock();
 
 } // namespace hostimg

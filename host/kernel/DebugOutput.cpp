@@ -495,6 +495,7 @@ std::string assertProblems() {
 extern "C" {
 
 ULONG NTAPI DbgPrint(PCSTR Format, ...) {
+    hostk::detail::checkDriverThread(); // every trace line carries the thread
     __builtin_ms_va_list args;
     __builtin_ms_va_start(args, Format);
     bool wide = false;

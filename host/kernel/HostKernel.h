@@ -100,8 +100,11 @@ void runAtDispatch(const std::function<void()>& fn);
 // with a loaded image it gives the thread what the image reads from the
 // processor (host/image/Processor.h); otherwise it does nothing. Test
 // threads that run a loaded image call it too.
+// DbgPrint asks owns() whether the calling thread's processor state is its
+// own: a thread started by one that had it inherits it, and the image then
+// reads the creator's thread object. Such a call is a verifier failure.
 void enterDriverThread();
-void setDriverThreadHook(void (*hook)());
+void setDriverThreadHooks(void (*attach)(), bool (*owns)());
 
 // ---- Time ----
 // Virtual time: KeDelayExecutionThread returns at once and advances the

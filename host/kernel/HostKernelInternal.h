@@ -23,6 +23,9 @@ void verifierFailure(const std::string& text);
 void setVerifierQuiet(bool quiet);
 // "KeDelayExecutionThread" -> a failure when this thread is at dispatch level.
 void requirePassive(const char* service);
+// A verifier failure when the calling thread runs a loaded image with
+// another thread's GS block (see enterDriverThread); then gives it its own.
+void checkDriverThread();
 
 // ---- Pool (Pool.cpp) ----
 enum class BlockKind { Pool, Irp };

@@ -50,16 +50,18 @@ std::string irqlText(KIRQL irql) {
 namespace hostk {
 
 namespace {
-std::atomic<void (*)()> gDriverThreadHook{nullptr};
-}
+std::atomic<void (*)()> gAttachHook{nullptr};
+std::atomic<bool (*)()> gOwnsHook{nullptr};
+} // namespace
 
 void enterDriverThread() {
-    if (auto hook = gDriverThreadHook.load(std::memory_order_acquire))
-        hook();
+    if (auto attach = gAttachHook.load(std::memory_order_acquire))
+        attach();
 }
 
-void setDriverThreadHook(void (*hook)()) {
-    gDriverThreadHook.store(hook, std::memory_order_release);
+void setDriverThreadHooks(void (*attach)(), bool (*owns)()) {
+    gOwnsHook.store(owns, std::memory_order_release);
+    gAttachHook.store(attach, std::memory_order_release);
 }
 
 std::vector<std::string> verifierFailures() {
@@ -114,6 +116,15 @@ void setVerifierQuiet(bool quiet) {
     auto& v = verifier();
     std::lock_guard<std::mutex> lock(v.mutex);
     v.quiet = quiet;
+}
+
+void checkDriverThread() {
+    auto owns = gOwnsHook.load(std::memory_order_acquire);
+    if (!owns || owns())
+        return;
+    verifierFailure("driver code ran on a thread that inherited its creator's processor state "
+                    "(GS): the thread did not call hostk::enterDriverThread()");
+    enterDriverThread();
 }
 
 void requirePassive(const char* service) {
