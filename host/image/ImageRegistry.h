@@ -7,7 +7,9 @@
 
 namespace hostimg {
 
-void registerImage(const uint8_t* base, size_t size);
+// False when the table is full (the image could not have its traps).
+bool registerImage(const uint8_t* base, size_t size);
+constexpr size_t kMaxLoadedImages = 32;
 void unregisterImage(const uint8_t* base);
 // Base (and size) of the loaded image holding address, or null.
 const uint8_t* imageHolding(uintptr_t address, size_t* size);

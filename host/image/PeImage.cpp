@@ -329,13 +329,18 @@ std::unique_ptr<LoadedImage> LoadedImage::load(const std::vector<uint8_t>& file,
         fail(error, "cannot set section protections");
         return nullptr;
     }
-    registerImage(image->mBase, layout.sizeOfImage);
+    if (!registerImage(image->mBase, layout.sizeOfImage)) {
+        fail(error, "more than " + std::to_string(kMaxLoadedImages) + " images loaded at once");
+        return nullptr;
+    }
+    image->mRegistered = true;
     return image;
 }
 
 LoadedImage::~LoadedImage() {
     if (mBase) {
-        unregisterImage(mBase);
+        if (mRegistered)
+            unregisterImage(mBase);
         munmap(mBase, mMapped);
     }
 }

@@ -104,6 +104,7 @@ private:
     LoadedImage() = default;
     uint8_t* mBase = nullptr;
     size_t mMapped = 0;
+    bool mRegistered = false;
     Layout mLayout;
     std::vector<Import> mImports;
 };

@@ -38,7 +38,7 @@ struct Slot {
     std::atomic<uintptr_t> base{0};
     std::atomic<size_t> size{0};
 };
-Slot gImages[32];
+Slot gImages[kMaxLoadedImages];
 
 struct sigaction gPrevious;
 
@@ -211,30 +211,33 @@ void onSegv(int sig, siginfo_t* info, void* context) {
 
 } // namespace
 
-void registerImage(const uint8_t* base, size_t size) {
+// A slot is claimed by its base; its size follows before the image's code
+// can run (the loader returns only afterwards).
+bool registerImage(const uint8_t* base, size_t size) {
     for (Slot& s : gImages) {
         uintptr_t expected = 0;
-        s.size.store(size, std::memory_order_relaxed);
-        if (s.base.compare_exchange_strong(expected, reinterpret_cast<uintptr_t>(base),
-                                           std::memory_order_release))
-            return;
+        if (s.base.compare_exchange_strong(expected, reinterpret_cast<uintptr_t>(base))) {
+            s.size.store(size, std::memory_order_release);
+            return true;
+        }
     }
-    std::fprintf(stderr, "host image registry full: image at %p runs without CR8 traps\n",
-                 static_cast<const void*>(base));
+    return false;
 }
 
 void unregisterImage(const uint8_t* base) {
     for (Slot& s : gImages) {
-        uintptr_t expected = reinterpret_cast<uintptr_t>(base);
-        if (s.base.compare_exchange_strong(expected, 0, std::memory_order_release))
+        if (s.base.load(std::memory_order_acquire) == reinterpret_cast<uintptr_t>(base)) {
+            s.size.store(0, std::memory_order_release);
+            s.base.store(0, std::memory_order_release);
             return;
+        }
     }
 }
 
 const uint8_t* imageHolding(uintptr_t address, size_t* size) {
     for (Slot& s : gImages) {
         const uintptr_t b = s.base.load(std::memory_order_acquire);
-        const size_t n = s.size.load(std::memory_order_relaxed);
+        const size_t n = s.size.load(std::memory_order_acquire);
         if (b && address >= b && address - b < n) {
             *size = n;
             return reinterpret_cast<const uint8_t*>(b);
