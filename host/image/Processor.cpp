@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -176,8 +177,18 @@ bool handle(siginfo_t* info, ucontext_t* uc) {
     }
 
     const size_t opLength = privilegedLength(d, end);
-    if (opLength == 0)
+    if (opLength == 0) {
+        // Privileged or otherwise faulting, and of a length we do not know:
+        // named here, then the fault takes its course.
+        char where[96];
+        std::snprintf(where, sizeof where,
+                      "faulting instruction at %p (image+0x%zx): ", static_cast<const void*>(code),
+                      size_t(code - base));
+        const std::string text = where + bytesText(code, std::min<size_t>(available, 8));
+        std::fprintf(stderr, "*** host kernel verifier: %s\n", text.c_str());
+        hostk::detail::verifierFailure(text);
         return false;
+    }
     const size_t length = d.length + opLength;
     const unsigned char* op = d.opcode;
     if (op[0] == 0x0f && (op[1] == 0x20 || op[1] == 0x22)) {
@@ -205,7 +216,10 @@ bool handle(siginfo_t* info, ucontext_t* uc) {
 }
 
 void onSegv(int sig, siginfo_t* info, void* context) {
-    if (!handle(info, static_cast<ucontext_t*>(context)))
+    const int savedErrno = errno;
+    const bool handled = handle(info, static_cast<ucontext_t*>(context));
+    errno = savedErrno;
+    if (!handled)
         chain(sig, info, context);
 }
 
