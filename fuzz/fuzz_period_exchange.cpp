@@ -15,10 +15,15 @@
 // the ring's end stay untouched; each callback moves exactly as many
 // 256-frame passes (0, 1 or 2) as the rings allow, advancing the capture
 // read position and the render write position by the same amount; the
-// channels' positions stay inside their cyclic buffers.
+// channels' positions stay inside their cyclic buffers; and the rings,
+// cyclic buffers and positions end exactly as the staged form of the same
+// passes leaves copies of them.
 #include "FuzzSupport.h"
 
 #include "host/portcls/KsClient.h"
+#include "support/StagedTransfer.h"
+
+#include <memory>
 
 namespace {
 
@@ -156,10 +161,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             passes = available / 256 < 2 ? available / 256 : 2;
         }
 
+        // The same passes in the staged form, on copies.
+        MMEDMAEmulator* captureDma = adapter->getCaptureDMAChannel();
+        MMEDMAEmulator* renderDma = adapter->getRenderDMAChannel();
+        auto stagedCapture = streamtest::StagedChannel::of(*captureDma);
+        auto stagedRender = streamtest::StagedChannel::of(*renderDma);
+        auto capCopy = std::make_unique<AudioSM>(captureRing);
+        auto renCopy = std::make_unique<AudioSM>(renderRing);
+        for (ULONG p = 0; p < passes; ++p) {
+            streamtest::stagedInput(stagedCapture, capCopy.get(), renCopy.get(), 256);
+            streamtest::stagedOutput(stagedRender, renCopy.get(), 256, MME_RENDER_WRITE_OFFSET);
+        }
+
         hostk::runAtDispatch([&] {
             hostk::NoAllocNoWaitScope scope("the USB driver's period callback");
             link.mpfnExchangeData(link.mpContext, &link);
         });
+
+        for (const std::string& diff : {streamtest::channelDifference(stagedCapture, *captureDma),
+                                        streamtest::channelDifference(stagedRender, *renderDma),
+                                        streamtest::ringDifference(*capCopy, captureRing),
+                                        streamtest::ringDifference(*renCopy, renderRing)})
+            FUZZ_CHECK(diff.empty(), "single pass and staged form differ: " + diff);
 
         const RingHeader capAfter = RingHeader::of(captureRing);
         const RingHeader renAfter = RingHeader::of(renderRing);

@@ -1,6 +1,7 @@
 // Sample conversion: documented values for every width in both directions,
 // the blockwise kernels against a per-sample oracle at every length around
-// their block sizes, channel dropping and padding, refusals, and buffers
+// their block sizes, channel dropping and padding, the period path's single
+// passes against the staged conversions, refusals, and buffers
 // that end right before an unmapped page (no kernel reads or writes past
 // its last byte).
 #include "driver/streaming/SampleConversion.h"
@@ -10,6 +11,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <random>
@@ -190,6 +192,73 @@ TEST_P(KernelPaths, NothingIsReadOrWrittenPastTheBuffersLastByte) {
         EXPECT_EQ(0, std::memcmp(back.data(), oracleUnpack(out16.data(), n, 16).data(), n * 4));
         shiftRight8(back.samples(), ULONG(n));
     }
+}
+
+// The period path's single passes against the staged conversions they
+// replace (convertInput; convertOutput then shiftRight8), for every width,
+// ring shapes with and without their own loops, a later first ring channel
+// and lengths around the block sizes; sources and destinations end at an
+// unmapped page.
+TEST_P(KernelPaths, SinglePassesMatchTheStagedConversions) {
+    struct Shape {
+        ULONG ring, stream, first;
+    };
+    const Shape shapes[] = {{2, 2, 0}, {8, 2, 0}, {8, 8, 0}, {32, 2, 0}, {3, 2, 0},
+                            {6, 4, 0}, {1, 1, 0}, {8, 3, 2}, {5, 1, 4},  {8, 2, 1}};
+    for (ULONG bits : {16u, 24u, 32u}) {
+        for (Shape sh : shapes) {
+            for (ULONG frames : {1u, 2u, 3u, 4u, 5u, 7u, 8u, 9u, 17u, 256u, 257u}) {
+                SCOPED_TRACE(testing::Message()
+                             << bits << " bits, ring " << sh.ring << " stream " << sh.stream
+                             << " first " << sh.first << ", " << frames << " frames");
+                const size_t ringSamples = size_t(frames) * sh.ring;
+                const size_t pcmBytes = size_t(frames) * sh.stream * bits / 8;
+                auto pcm = randomBytes(pcmBytes, frames * bits + sh.ring);
+                auto ring = randomSamples(ringSamples, frames + sh.stream);
+
+                std::vector<LONG> staged(ringSamples + sh.first, 0x77777777);
+                std::fill_n(staged.begin(), sh.first, 0);
+                convertOutput(frames, pcm.data(), sh.stream, bits, staged.data() + sh.first,
+                              sh.ring);
+                shiftRight8(staged.data(), ULONG(ringSamples));
+                GuardedBytes from(pcmBytes), to(ringSamples * 4);
+                std::memcpy(from.data(), pcm.data(), pcmBytes);
+                std::memset(to.data(), 0xEE, ringSamples * 4);
+                pcmToRing(frames, from.data(), sh.stream, bits, to.samples(), sh.ring, sh.first);
+                ASSERT_EQ(0, std::memcmp(to.data(), staged.data(), ringSamples * 4));
+
+                if (sh.first != 0)
+                    continue;
+                auto scratch = ring;
+                std::vector<uint8_t> expected(pcmBytes, 0xEE);
+                convertInput(frames, scratch.data(), sh.ring, expected.data(), sh.stream, bits);
+                GuardedBytes frames32(ringSamples * 4), out(pcmBytes);
+                std::memcpy(frames32.data(), ring.data(), ringSamples * 4);
+                std::memset(out.data(), 0xEE, pcmBytes);
+                ringToPcm(frames, frames32.samples(), sh.ring, out.data(), sh.stream, bits);
+                ASSERT_EQ(0, std::memcmp(out.data(), expected.data(), pcmBytes));
+                ASSERT_EQ(0, std::memcmp(frames32.data(), ring.data(), ringSamples * 4));
+            }
+        }
+    }
+}
+
+TEST(SinglePasses, RefuseWhatTheStagedConversionsRefuse) {
+    LONG ring[16];
+    uint8_t pcm[64];
+    std::fill_n(ring, 16, 7);
+    std::memset(pcm, 0xAB, sizeof pcm);
+    ringToPcm(2, ring, 2, pcm, 4, 16); // a stream wider than the ring
+    ringToPcm(2, ring, 8, pcm, 2, 20); // no such width
+    ringToPcm(0, ring, 8, pcm, 2, 16); // no frames
+    ringToPcm(2, nullptr, 8, pcm, 2, 16);
+    EXPECT_TRUE(std::all_of(pcm, pcm + 64, [](uint8_t b) { return b == 0xAB; }));
+    pcmToRing(2, pcm, 4, 16, ring, 2, 0); // wider than the ring
+    pcmToRing(2, pcm, 2, 16, ring, 8, 7); // does not fit behind its first channel
+    pcmToRing(2, pcm, 2, 20, ring, 8, 0); // no such width
+    pcmToRing(2, pcm, 2, 16, nullptr, 8, 0);
+    pcmToRing(2, pcm, 0, 16, ring, 8, 0);
+    EXPECT_TRUE(std::all_of(ring, ring + 16, [](LONG s) { return s == 7; }));
 }
 
 TEST(ConversionKernels, AbsentBuffersAndZeroCountsDoNothing) {

@@ -2,10 +2,13 @@
 // rings of the test's own. Covers the channel mapping and widths, ring and
 // cyclic-buffer ends, straddling periods, idle channels, exclusive inputs,
 // overruns, periods that do not fit, refused ring headers and a render
-// stream that starts at a later ring channel. The kernels' per-width and
-// per-channel-count cases are in conversion_test; that the period path
+// stream that starts at a later ring channel. Every call is also run in the
+// staged form (support/StagedTransfer.h) on copies, and the rings, cyclic
+// buffer, positions and result must match it bit for bit. The kernels'
+// per-width and per-channel-count cases are in conversion_test; that the period path
 // neither allocates nor waits is checked by verifier_test.
 #include "host/kernel/HostKernel.h"
+#include "support/StagedTransfer.h"
 #include "support/StreamingRig.h"
 #include "support/TraceCapture.h"
 
@@ -84,8 +87,31 @@ protected:
         return mRender->mSamples[index * mRender->mChannelsPerFrame + channel];
     }
     void fillRender(LONG value) { std::fill_n(mRender->mSamples, 8 * 4096, value); }
-    bool input(MMEDMAEmulator* in, ULONG frames = kPeriod) {
-        return in->onInput(mCapture.get(), mRender.get(), frames);
+    // The driver's transfer, checked against the staged reference on copies.
+    bool input(MMEDMAEmulator* in, ULONG frames = kPeriod, AudioSM* ring = nullptr,
+               AudioSM* render = nullptr) {
+        ring = ring ? ring : mCapture.get();
+        render = render ? render : mRender.get();
+        bool moved = false;
+        EXPECT_EQ(streamtest::compareWithStaged(
+                      *in, ring, render, [&] { return moved = in->onInput(ring, render, frames); },
+                      [&](streamtest::StagedChannel& ch, AudioSM* c, AudioSM* r) {
+                          return streamtest::stagedInput(ch, c, r, frames);
+                      }),
+                  "");
+        return moved;
+    }
+    bool output(MMEDMAEmulator* out, ULONG frames, ULONG writeOffset, AudioSM* ring = nullptr) {
+        ring = ring ? ring : mRender.get();
+        bool moved = false;
+        EXPECT_EQ(streamtest::compareWithStaged(
+                      *out, ring, nullptr,
+                      [&] { return moved = out->onOutput(ring, frames, writeOffset); },
+                      [&](streamtest::StagedChannel& ch, AudioSM* r, AudioSM*) {
+                          return streamtest::stagedOutput(ch, r, frames, writeOffset);
+                      }),
+                  "");
+        return moved;
     }
 
     StreamingRig mRig;
@@ -198,7 +224,7 @@ TEST_F(Transfer, CapturePeriodsThatDoNotFitAreOverrunsTracedOnce) {
     auto shortRing = makeRing(8, 200); // fewer frames than a period
     tracecap::clearTrace();
     for (int i = 0; i < 3; ++i)
-        EXPECT_TRUE(in->onInput(shortRing.get(), mRender.get(), kPeriod));
+        EXPECT_TRUE(input(in, kPeriod, shortRing.get()));
     EXPECT_EQ(mRender->mMMEReadPos, 3 * kPeriod);
     EXPECT_EQ(in->position(), 0u);
     EXPECT_EQ(tracecap::countLinesStartingWith("MMEDMAEmulator::onInput period does not fit"), 1u)
@@ -207,7 +233,7 @@ TEST_F(Transfer, CapturePeriodsThatDoNotFitAreOverrunsTracedOnce) {
     // A fitting period works and ends the refusal; the next misfit is traced again.
     EXPECT_TRUE(input(in));
     EXPECT_EQ(in->position(), 1024u);
-    EXPECT_TRUE(in->onInput(shortRing.get(), mRender.get(), kPeriod));
+    EXPECT_TRUE(input(in, kPeriod, shortRing.get()));
     EXPECT_EQ(tracecap::countLinesStartingWith("MMEDMAEmulator::onInput period does not fit"), 2u);
 
     // More ring frames than the scratch buffer holds (2 configured channels).
@@ -215,15 +241,31 @@ TEST_F(Transfer, CapturePeriodsThatDoNotFitAreOverrunsTracedOnce) {
     attach(true, 2, 16);
     EXPECT_TRUE(input(in, 1024)); // 8192 > 4096 samples
     EXPECT_EQ(in->position(), 0u);
+}
 
-    // A stream with more channels than the ring.
-    mRig.setAttachChannels(8, 8);
-    attach(true, 4, 16);
+TEST_F(Transfer, AStreamWiderThanTheRingMovesItsPositionsAndNoSamples) {
     auto stereoRing = makeRing(2, 4096);
+    MMEDMAEmulator* in = attach(true, 4, 16);
     const ULONG before = mRender->mMMEReadPos;
-    EXPECT_TRUE(in->onInput(stereoRing.get(), mRender.get(), kPeriod));
+    tracecap::clearTrace();
+    EXPECT_TRUE(input(in, kPeriod, stereoRing.get()));
     EXPECT_EQ(mRender->mMMEReadPos, before + kPeriod);
-    EXPECT_EQ(in->position(), 0u);
+    EXPECT_EQ(in->position(), 2048u);
+    const unsigned char* pcm = cyclic(true);
+    EXPECT_TRUE(std::all_of(pcm, pcm + in->BufferSize(), [](unsigned char b) { return b == 0; }));
+
+    MMEDMAEmulator* out = attach(false, 4, 16);
+    std::vector<int16_t> loud(4096 * 4, 0x4000);
+    out->CopyTo(cyclic(false), loud.data(), ULONG(loud.size() * 2));
+    std::fill_n(stereoRing->mSamples, 2 * 4096, -1);
+    EXPECT_TRUE(output(out, kPeriod, kOffset, stereoRing.get()));
+    EXPECT_EQ(stereoRing->mWritePos, kPeriod);
+    EXPECT_EQ(out->position(), 2048u);
+    for (ULONG i = 2 * kOffset; i < 2 * (kOffset + kPeriod); ++i)
+        ASSERT_EQ(stereoRing->mSamples[i], 0) << i;
+    EXPECT_FALSE(tracecap::containsLineStartingWith("MMEDMAEmulator::onInput period does not fit"));
+    EXPECT_FALSE(
+        tracecap::containsLineStartingWith("MMEDMAEmulator::onOutput period does not fit"));
 }
 
 // ---- Render ----
@@ -236,7 +278,7 @@ TEST_F(Transfer, RenderPutsTheStreamOnTheFirstRingChannelsAndZeroesTheRest) {
     out->CopyTo(cyclic(false), pcm.data(), ULONG(pcm.size() * 2));
     fillRender(-1);
 
-    EXPECT_TRUE(out->onOutput(mRender.get(), kPeriod, kOffset));
+    EXPECT_TRUE(output(out, kPeriod, kOffset));
     EXPECT_EQ(mRender->mWritePos, kPeriod);
     EXPECT_EQ(mRender->mWriteOffset, kOffset);
     EXPECT_EQ(out->position(), 1024u);
@@ -262,7 +304,7 @@ TEST_F(Transfer, RenderOfEveryWidthAcrossBothEnds) {
         out->Start(3900 * 3 * width, TRUE);     // the period straddles the cyclic buffer end
         mRender->mWritePos = 4096 - 1700 - 100; // and the ring end
         tracecap::clearTrace();
-        ASSERT_TRUE(out->onOutput(mRender.get(), 300, kOffset));
+        ASSERT_TRUE(output(out, 300, kOffset));
         EXPECT_FALSE(tracecap::containsLineStartingWith("MMEDMAEmulator::onOutput"));
         for (ULONG f = 0; f < 300; ++f) {
             const ULONG wdmFrame = (3900 + f) % 4096;
@@ -281,13 +323,13 @@ TEST_F(Transfer, ALaterFirstRingChannelShiftsTheStreamAndClearsTheRest) {
     MMEDMAEmulator* out = attach(false, 2, 16);
     std::vector<int16_t> pcm(4096 * 2, 0x1111);
     out->CopyTo(cyclic(false), pcm.data(), ULONG(pcm.size() * 2));
-    ASSERT_TRUE(out->onOutput(mRender.get(), kPeriod, 0)); // leaves data in the scratch buffer
+    ASSERT_TRUE(output(out, kPeriod, 0)); // a period from ring channel 0 first
 
     attach(false, 2, 16, 3); // clears the cyclic buffer
     out->CopyTo(cyclic(false), pcm.data(), ULONG(pcm.size() * 2));
     fillRender(-5);
     mRender->mWritePos = 0;
-    ASSERT_TRUE(out->onOutput(mRender.get(), kPeriod, 0));
+    ASSERT_TRUE(output(out, kPeriod, 0));
     for (ULONG f = 0; f < kPeriod; ++f)
         for (ULONG c = 0; c < 8; ++c)
             ASSERT_EQ(renderSample(f, c), (c == 3 || c == 4) ? 0x1111 * 256 : 0) << f << "/" << c;
@@ -296,8 +338,8 @@ TEST_F(Transfer, ALaterFirstRingChannelShiftsTheStreamAndClearsTheRest) {
     // The stream must fit behind its first ring channel.
     attach(false, 2, 16, 7);
     tracecap::clearTrace();
-    EXPECT_TRUE(out->onOutput(mRender.get(), kPeriod, 0));
-    EXPECT_TRUE(out->onOutput(mRender.get(), kPeriod, 0));
+    EXPECT_TRUE(output(out, kPeriod, 0));
+    EXPECT_TRUE(output(out, kPeriod, 0));
     EXPECT_EQ(tracecap::countLinesStartingWith("MMEDMAEmulator::onOutput period does not fit"), 1u);
     for (ULONG f = kPeriod; f < 3 * kPeriod; ++f)
         ASSERT_EQ(renderSample(f, 7), 0);
@@ -322,7 +364,7 @@ TEST_F(Transfer, IdleChannelsSkipCaptureFramesAndSendSilenceAhead) {
     for (ULONG i = 0; i < in->BufferSize(); ++i)
         ASSERT_EQ(buffer[i], 0x3C);
 
-    EXPECT_FALSE(out->onOutput(mRender.get(), kPeriod, kOffset));
+    EXPECT_FALSE(output(out, kPeriod, kOffset));
     EXPECT_EQ(mRender->mWritePos, 1000u + kPeriod);
     for (ULONG f = 0; f < kPeriod; ++f)
         for (ULONG c = 0; c < 8; ++c)
@@ -347,7 +389,7 @@ TEST_F(Transfer, PeriodsLargerThanTheCyclicBufferAreOverruns) {
     std::vector<unsigned char> loud(out->BufferSize(), 0x7F);
     out->CopyTo(cyclic(false), loud.data(), ULONG(loud.size()));
     fillRender(9);
-    EXPECT_TRUE(out->onOutput(mRender.get(), 4097, 0));
+    EXPECT_TRUE(output(out, 4097, 0));
     EXPECT_TRUE(
         tracecap::containsLine("MMEDMAEmulator::onOutput - lenMME > mWDMBufferBytes 16388 16384"));
     EXPECT_EQ(mRender->mWritePos, 4097u);
@@ -359,7 +401,7 @@ TEST_F(Transfer, PeriodsLargerThanTheCyclicBufferAreOverruns) {
     in->FreeBuffer();
     out->FreeBuffer();
     EXPECT_TRUE(input(in));
-    EXPECT_TRUE(out->onOutput(mRender.get(), kPeriod, kOffset));
+    EXPECT_TRUE(output(out, kPeriod, kOffset));
     EXPECT_EQ(mRender->mMMEReadPos, 5000u + kPeriod);
     EXPECT_EQ(mRender->mWritePos, 4097u + kPeriod);
     EXPECT_TRUE(
@@ -394,8 +436,8 @@ TEST_F(Transfer, MissingOrBrokenRingsMoveNothingAndAreTracedWhenTheyStart) {
     EXPECT_EQ(in->position(), 1024u);
 
     mRender->mMaxFrames = 0;
-    EXPECT_FALSE(out->onOutput(mRender.get(), kPeriod, kOffset));
-    EXPECT_FALSE(out->onOutput(mRender.get(), kPeriod, kOffset));
+    EXPECT_FALSE(output(out, kPeriod, kOffset));
+    EXPECT_FALSE(output(out, kPeriod, kOffset));
     EXPECT_EQ(mRender->mWritePos, 0u);
     EXPECT_EQ(mRender->mWriteOffset, 0u);
     EXPECT_EQ(out->position(), 0u);

@@ -850,6 +850,20 @@ TEST(UsbsimBackends, LoopbackAndMemoryMapChannels) {
     EXPECT_TRUE(std::equal(heard, heard + 24, want));
     EXPECT_EQ(loop.underruns(), 1u) << "the eighth frame was not played yet";
 
+    // A listener that falls behind by more than the ring loses the oldest
+    // frames, counted, and hears the newest ones in order: memory stays fixed.
+    usbsim::LoopbackBackend behind(256);
+    const uint32_t capacity = 256 + usbsim::LoopbackBackend::kSlackFrames;
+    std::vector<int32_t> ramp(size_t(capacity) + 100);
+    for (size_t i = 0; i < ramp.size(); ++i)
+        ramp[i] = int32_t(i + 1);
+    behind.write(ramp.data(), uint32_t(ramp.size()), 1);
+    EXPECT_EQ(behind.overflows(), 356u) << "256 frames of silence and the first 100 played";
+    int32_t first[2];
+    behind.read(first, 2, 1);
+    EXPECT_EQ(first[0], 101);
+    EXPECT_EQ(first[1], 102);
+
     usbsim::MemoryOutput mem;
     mem.configure(48000, 2);
     int32_t four[4] = {7, 8, 9, 10};

@@ -18,9 +18,7 @@ using usbsim::ProfileError;
 namespace {
 
 std::string profilePath(const char* name) {
-    return (std::filesystem::path(__FILE__).parent_path().parent_path() / "usbsim" / "profiles" /
-            name)
-        .string();
+    return (std::filesystem::path(MME_SOURCE_DIR) / "usbsim" / "profiles" / name).string();
 }
 
 std::unique_ptr<MMEDeviceInfo> recordOf(const DeviceProfile& p) {

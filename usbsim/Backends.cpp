@@ -246,33 +246,87 @@ std::string WavFileOutput::describe() const {
     return "file " + mPath + " (" + std::to_string(mBits) + "-bit WAV)";
 }
 
-LoopbackBackend::LoopbackBackend(uint32_t latencyFrames) : mLatency(latencyFrames) {
-    mQueue.assign(size_t(latencyFrames) * kStride, 0);
+LoopbackBackend::LoopbackBackend(uint32_t latencyFrames)
+    : mLatency(latencyFrames), mFrames(size_t(latencyFrames) + kSlackFrames) {
+    setWidth(2);
+    mTail = latencyFrames; // the first latencyFrames frames are the silence already in the ring
 }
 
-void LoopbackBackend::configure(uint32_t, uint32_t) {}
+void LoopbackBackend::setWidth(uint32_t channels) {
+    channels = std::clamp<uint32_t>(channels, 1, kMaxChannels);
+    if (channels == mWidth)
+        return;
+    std::vector<int32_t> ring(mFrames * channels, 0);
+    const uint32_t common = std::min(channels, mWidth);
+    for (uint64_t f = mHead; f < mTail; ++f) {
+        const size_t slot = size_t(f % mFrames);
+        std::memcpy(&ring[slot * channels], &mRing[slot * mWidth], common * sizeof(int32_t));
+    }
+    mRing.swap(ring);
+    mWidth = channels;
+}
+
+void LoopbackBackend::configure(uint32_t, uint32_t channels) {
+    setWidth(channels);
+}
 
 void LoopbackBackend::read(int32_t* destination, uint32_t frames, uint32_t channels) {
-    const uint32_t common = std::min(channels, kStride);
-    for (uint32_t f = 0; f < frames; ++f) {
-        int32_t* frame = destination + size_t(f) * channels;
-        std::fill(frame, frame + channels, 0);
-        if (mQueue.size() < kStride) {
-            ++mUnderruns;
-            continue;
+    const uint64_t ready = std::min<uint64_t>(frames, mTail - mHead);
+    const uint32_t common = std::min(channels, mWidth);
+    for (uint64_t done = 0; done < ready;) {
+        const size_t slot = size_t((mHead + done) % mFrames);
+        const size_t piece = size_t(std::min<uint64_t>(ready - done, mFrames - slot));
+        int32_t* out = destination + size_t(done) * channels;
+        const int32_t* in = &mRing[slot * mWidth];
+        if (channels == mWidth) {
+            std::memcpy(out, in, piece * channels * sizeof(int32_t));
+        } else {
+            for (size_t f = 0; f < piece; ++f) {
+                std::memcpy(out + f * channels, in + f * mWidth, common * sizeof(int32_t));
+                std::fill(out + f * channels + common, out + (f + 1) * channels, 0);
+            }
         }
-        for (uint32_t c = 0; c < common; ++c)
-            frame[c] = mQueue[c];
-        mQueue.erase(mQueue.begin(), mQueue.begin() + kStride);
+        done += piece;
+    }
+    mHead += ready;
+    if (ready < frames) {
+        std::fill(destination + size_t(ready) * channels, destination + size_t(frames) * channels,
+                  0);
+        mUnderruns += frames - ready;
     }
 }
 
 void LoopbackBackend::write(const int32_t* source, uint32_t frames, uint32_t channels) {
-    const uint32_t common = std::min(channels, kStride);
-    for (uint32_t f = 0; f < frames; ++f) {
-        for (uint32_t c = 0; c < kStride; ++c)
-            mQueue.push_back(c < common ? source[size_t(f) * channels + c] : 0);
+    if (channels == 0)
+        return;
+    if (channels != mWidth && channels <= kMaxChannels)
+        setWidth(channels);
+    if (frames > mFrames) {
+        // Only the newest mFrames of them can be heard.
+        mOverflows += frames - mFrames;
+        source += size_t(frames - mFrames) * channels;
+        frames = uint32_t(mFrames);
     }
+    const uint64_t room = mFrames - (mTail - mHead);
+    if (frames > room) {
+        mHead += frames - room; // the listener is that far behind: its oldest frames are lost
+        mOverflows += frames - room;
+    }
+    const uint32_t common = std::min(channels, mWidth);
+    for (uint32_t done = 0; done < frames;) {
+        const size_t slot = size_t((mTail + done) % mFrames);
+        const size_t piece = std::min<size_t>(frames - done, mFrames - slot);
+        const int32_t* in = source + size_t(done) * channels;
+        int32_t* out = &mRing[slot * mWidth];
+        if (channels == mWidth) {
+            std::memcpy(out, in, piece * channels * sizeof(int32_t));
+        } else {
+            for (size_t f = 0; f < piece; ++f)
+                std::memcpy(out + f * mWidth, in + f * channels, common * sizeof(int32_t));
+        }
+        done += uint32_t(piece);
+    }
+    mTail += frames;
 }
 
 std::string LoopbackBackend::describe() const {

@@ -9,7 +9,6 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -167,24 +166,37 @@ private:
 
 // What the device plays comes back on its input exactly latencyFrames later
 // (the first latencyFrames input frames are silence). Output channel j feeds
-// input channel j; extra input channels get silence. Input that would need
-// frames not played yet gets silence and counts as an underrun.
+// input channel j (at most kMaxChannels); extra input channels get silence.
+// Input that would need frames not played yet gets silence and counts as an
+// underrun. The delay line is a fixed ring as wide as the output: output
+// that runs more than kSlackFrames ahead of the input pushes out the oldest
+// frames (counted as overflows), so memory does not grow with the run.
 class LoopbackBackend : public InputBackend, public OutputBackend {
 public:
     explicit LoopbackBackend(uint32_t latencyFrames);
+    // The model configures the output last: the ring takes its width.
     void configure(uint32_t rate, uint32_t channels) override;
     void read(int32_t* destination, uint32_t frames, uint32_t channels) override;
     void write(const int32_t* source, uint32_t frames, uint32_t channels) override;
     std::string describe() const override;
     uint32_t latencyFrames() const { return mLatency; }
     uint64_t underruns() const { return mUnderruns; }
+    uint64_t overflows() const { return mOverflows; }
 
-    static constexpr uint32_t kStride = 32; // channels kept per frame
+    static constexpr uint32_t kMaxChannels = 32;
+    static constexpr uint32_t kSlackFrames = 16384; // beyond the latency: four longest periods
 
 private:
+    void setWidth(uint32_t channels); // keeps the frames in flight
+
     uint32_t mLatency;
-    std::deque<int32_t> mQueue; // kStride samples per frame
+    size_t mFrames;             // ring capacity
+    uint32_t mWidth = 0;        // samples per frame in the ring
+    std::vector<int32_t> mRing; // mFrames x mWidth
+    uint64_t mHead = 0;         // next frame to hear
+    uint64_t mTail = 0;         // next frame to play into
     uint64_t mUnderruns = 0;
+    uint64_t mOverflows = 0;
 };
 
 // Backends from a short text, for programs:

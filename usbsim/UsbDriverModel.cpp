@@ -160,6 +160,8 @@ NTSTATUS UsbDriverModel::handle(PIRP irp) {
             mCalls[index].note = note;
         }
     }
+    if (ModelObserver* observer = mObserver.load(std::memory_order_acquire))
+        observer->call(call.code, status, note, call.wanted);
     irp->IoStatus.Status = completion != STATUS_PENDING ? completion : status;
     irp->IoStatus.Information = 0;
     IoCompleteRequest(irp, 0);
@@ -389,6 +391,8 @@ void UsbDriverModel::notify(ULONG code, ULONGLONG value) {
             std::lock_guard<std::mutex> lock(mLock);
             mNotices.push_back(Notice{false, code, value, 0});
         }
+        if (ModelObserver* observer = mObserver.load(std::memory_order_acquire))
+            observer->notice(false, code, value, 0);
         link->mpfnNotify(link->mpContext, code, value);
     });
 }
@@ -399,6 +403,8 @@ LONG UsbDriverModel::askState(ULONG code, ULONG value) {
         if (!link->mpfnStcCallback)
             return;
         answer = link->mpfnStcCallback(link->mpContext, code, value);
+        if (ModelObserver* observer = mObserver.load(std::memory_order_acquire))
+            observer->notice(true, code, value, answer);
         std::lock_guard<std::mutex> lock(mLock);
         mNotices.push_back(Notice{true, code, value, answer});
     });
@@ -517,6 +523,10 @@ void UsbDriverModel::setExchangeWhileDetached(bool on) {
 void UsbDriverModel::setAdvanceHostTime(bool on) {
     std::lock_guard<std::mutex> lock(mLock);
     mAdvanceHostTime = on;
+}
+
+void UsbDriverModel::setObserver(ModelObserver* observer) {
+    mObserver.store(observer, std::memory_order_release);
 }
 
 void UsbDriverModel::defer(std::function<void()> fn) {
@@ -739,27 +749,39 @@ void UsbDriverModel::readRender() {
     AudioSM& ring = *mRender;
     const uint32_t channels = ring.mChannelsPerFrame;
     const uint32_t frames = mPeriodFrames;
-    mScratch.assign(size_t(frames) * channels, 0);
+    mScratch.resize(size_t(frames) * channels);
     bool attached;
     {
         std::lock_guard<std::mutex> lock(mLock);
         attached = mMMEAttached;
     }
-    if (attached) {
-        for (uint32_t f = 0; f < frames; ++f) {
-            int32_t* slot =
-                &ring.mSamples[size_t((mRenderReadPos + f) % ring.mMaxFrames) * channels];
-            for (uint32_t c = 0; c < channels; ++c) {
-                const int32_t x = slot[c];
-                // A render sample is a 24-bit value sign-extended to 32 bits.
-                if (((uint32_t(x) + 0x800000u) & 0xFF000000u) != 0)
-                    ++mRenderFormatErrors;
-                mScratch[size_t(f) * channels + c] = int32_t(uint32_t(x) << 8);
-                slot[c] = 0; // played: what the driver does not write again stays silent
-            }
+    if (!attached)
+        std::fill(mScratch.begin(), mScratch.end(), 0);
+    for (uint32_t done = 0; attached && done < frames;) {
+        // Up to the ring's end at a time, so the inner loop is a plain run of samples.
+        // Positions wrap at 2^32 as well: a piece ends there too.
+        const uint32_t at = mRenderReadPos + done;
+        const uint32_t index = at % ring.mMaxFrames;
+        const uint64_t toWrap = (uint64_t(1) << 32) - at;
+        const uint32_t piece = uint32_t(std::min<uint64_t>(
+            {uint64_t(frames - done), uint64_t(ring.mMaxFrames - index), toWrap}));
+        int32_t* slot = &ring.mSamples[size_t(index) * channels];
+        int32_t* out = mScratch.data() + size_t(done) * channels;
+        const size_t count = size_t(piece) * channels;
+        uint64_t errors = 0;
+        for (size_t i = 0; i < count; ++i) {
+            const uint32_t x = uint32_t(slot[i]);
+            // A render sample is a 24-bit value sign-extended to 32 bits.
+            errors += ((x + 0x800000u) & 0xFF000000u) != 0;
+            out[i] = int32_t(x << 8);
         }
-        mRenderReadPos += frames;
+        // Played: what the driver does not write again stays silent.
+        std::memset(slot, 0, count * sizeof(int32_t));
+        mRenderFormatErrors += errors;
+        done += piece;
     }
+    if (attached)
+        mRenderReadPos += frames;
     if (mOutput)
         mOutput->write(mScratch.data(), frames, channels);
 }
@@ -802,6 +824,9 @@ void UsbDriverModel::advanceHostTime() {
 void UsbDriverModel::runOnePeriod() {
     fireScheduled();
     runDeferred();
+    ModelObserver* observer = mObserver.load(std::memory_order_acquire);
+    ModelObserver::Period seen;
+    bool exchanged = false;
     {
         std::lock_guard<std::recursive_mutex> period(mPeriodLock);
         writeCapture();
@@ -812,7 +837,7 @@ void UsbDriverModel::runOnePeriod() {
             exchange = mMMEAttached || mExchangeWhileDetached;
         }
         if (exchange)
-            callout([&](MMEAdapterInfo* link) {
+            exchanged = callout([&](MMEAdapterInfo* link) {
                 MMEExchangeDataCallback fn = link->mpfnExchangeData;
                 if (!fn)
                     return;
@@ -824,10 +849,22 @@ void UsbDriverModel::runOnePeriod() {
                 ++mExchangeCalls;
             });
         readRender();
+        if (observer) {
+            seen.frames = mPeriodFrames;
+            seen.captureWritePos = loadAcquire(&mCapture->mWritePos);
+            seen.renderWritePos = loadAcquire(&mRender->mWritePos);
+            seen.mmeReadPos = loadAcquire(&mRender->mMMEReadPos);
+            seen.deviceReadPos = mRenderReadPos;
+            seen.exchanged = exchanged;
+        }
         std::lock_guard<std::mutex> lock(mLock);
+        seen.index = mPeriods;
+        seen.rate = mSettings.current.fr;
         ++mPeriods;
         mFrames += mPeriodFrames;
     }
+    if (observer)
+        observer->periodDone(seen);
     advanceHostTime();
 }
 

@@ -41,6 +41,31 @@ class InputBackend;
 class OutputBackend;
 class LoopbackBackend;
 
+// Watches the model for a timeline of the run. Called on the thread that
+// runs the period, sends the notice or makes the call, never with a lock of
+// the model held; periodDone follows the period's exchange and playback.
+// Must not call back into the model except for its const accessors.
+class ModelObserver {
+public:
+    struct Period {
+        uint64_t index = 0; // counted from 0
+        uint32_t frames = 0;
+        uint32_t rate = 0;
+        uint32_t captureWritePos = 0; // capture ring mWritePos after the device wrote
+        uint32_t renderWritePos = 0;  // render ring mWritePos, as the driver left it
+        uint32_t mmeReadPos = 0;      // render ring mMMEReadPos
+        uint32_t deviceReadPos = 0;   // where the device plays the render ring next
+        bool exchanged = false;       // the exchange callback ran
+    };
+    virtual ~ModelObserver() = default;
+    virtual void periodDone(const Period& period) = 0;
+    // A notification (isState false) or a state question with its answer.
+    virtual void notice(bool isState, ULONG code, ULONGLONG value, LONG answer) = 0;
+    // A call from the driver, answered; note says why when the model refused.
+    virtual void call(ULONG code, NTSTATUS answer, const std::string& note,
+                      const ChannelConfig& wanted) = 0;
+};
+
 class UsbDriverModel {
 public:
     explicit UsbDriverModel(DeviceProfile profile = DeviceProfile::builtInDefault());
@@ -128,6 +153,8 @@ public:
     void setExchangeWhileDetached(bool on);
     // Virtual host time moves with the sample clock (on by default).
     void setAdvanceHostTime(bool on);
+    // Null: none. Set before the clock runs; the observer outlives its use.
+    void setObserver(ModelObserver* observer);
     // Runs fn at the next period boundary, under the model's lock.
     void defer(std::function<void()> fn);
 
@@ -214,6 +241,7 @@ private:
     bool mExchangeWhileDetached = false;
     bool mAdvanceHostTime = true;
     std::vector<std::function<void()>> mDeferred;
+    std::atomic<ModelObserver*> mObserver{nullptr};
 
     std::shared_ptr<InputBackend> mInput;
     std::shared_ptr<OutputBackend> mOutput;

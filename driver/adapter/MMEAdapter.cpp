@@ -39,7 +39,7 @@ MMEAdapter::MMEAdapter(PDEVICE_OBJECT DeviceObject, PDEVICE_OBJECT UsbDeviceObje
     mMMEWave = nullptr;
     mMMETopology = nullptr;
     mbStarted = false;
-    mbWaveRunning = false;
+    mbWaveRunning = 0;
     mCaptureDMAEmulator = nullptr;
     mRenderDMAEmulator = nullptr;
 

@@ -101,9 +101,9 @@ public:
     // ---- Back pointers, set by the miniports (no reference) ----
     // The wave pointer is read in the USB driver's period context while the
     // miniport sets or clears it, hence the atomic accesses.
-    void setWave(MMEWave* wave) { __atomic_store_n(&mMMEWave, wave, __ATOMIC_RELEASE); }
+    void setWave(MMEWave* wave) { MMEStoreReleasePointer(&mMMEWave, wave); }
     void setTopology(MMETopology* topology) { mMMETopology = topology; }
-    MMEWave* wave() const { return __atomic_load_n(&mMMEWave, __ATOMIC_ACQUIRE); }
+    MMEWave* wave() const { return MMELoadAcquirePointer(&mMMEWave); }
     MMETopology* topology() const { return mMMETopology; }
 
     // The link record shared with the USB driver.
@@ -112,10 +112,8 @@ public:
     bool isStarted() const { return mbStarted; }
     // Flags shared by the USB driver's threads, the timer DPC and the stream
     // threads: single loads and stores, no lock.
-    bool isWaveRunning() const { return __atomic_load_n(&mbWaveRunning, __ATOMIC_ACQUIRE); }
-    bool isAttached() const {
-        return __atomic_load_n(&m_cMMEAdapterInfo.mbAttached, __ATOMIC_ACQUIRE) != 0;
-    }
+    bool isWaveRunning() const { return MMELoadAcquireOf(&mbWaveRunning) != 0; }
+    bool isAttached() const { return MMELoadAcquireOf(&m_cMMEAdapterInfo.mbAttached) != 0; }
     PIRP callIrp() const { return m_pCallIrp; }
     MMETimer* attachTimer() const { return mpAttachTimer; }
 
@@ -145,7 +143,7 @@ private:
     PIRP m_pCallIrp;
     volatile LONG mCallsInProgress;
     MMETimer* mpAttachTimer;
-    bool mbWaveRunning;
+    volatile LONG mbWaveRunning;
     MMEAdapterInfo m_cMMEAdapterInfo;
 
     // Set by MMENotify_PreventFurtherDriverCalls; cleared by the one who

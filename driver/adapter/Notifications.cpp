@@ -19,11 +19,11 @@ void MMEAdapter::onNotify(ULONG code, ULONGLONG value) {
     switch (code) {
     case MMENotify_OnMMEAttached:
         TraceLine("...MME Attached");
-        __atomic_store_n(&m_cMMEAdapterInfo.mbAttached, (UCHAR)1, __ATOMIC_RELEASE);
+        MMEStoreReleaseOf(&m_cMMEAdapterInfo.mbAttached, (UCHAR)1);
         break;
     case MMENotify_OnMMEDetached:
         TraceLine("...MME Detached");
-        __atomic_store_n(&m_cMMEAdapterInfo.mbAttached, (UCHAR)0, __ATOMIC_RELEASE);
+        MMEStoreReleaseOf(&m_cMMEAdapterInfo.mbAttached, (UCHAR)0);
         break;
     case MMENotify_PreventFurtherDriverCalls:
         TraceLine("MMENotify_PreventFurtherDriverCalls");
@@ -83,7 +83,7 @@ void MMEAdapter::setWaveRunning(bool bWaveRunning) {
     FunctionTrace ft("MMEAdapter::setWaveRunning(bool bWaveRunning)", this);
     ft.num("bWaveRunning is ", bWaveRunning ? 1 : 0);
 
-    bool previous = __atomic_exchange_n(&mbWaveRunning, bWaveRunning, __ATOMIC_ACQ_REL);
+    bool previous = InterlockedExchange(&mbWaveRunning, bWaveRunning ? 1 : 0) != 0;
     bool changed = previous != bWaveRunning;
     if (!changed)
         ft.text("no change");

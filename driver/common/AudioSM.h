@@ -25,16 +25,6 @@ typedef void (*AudioSMCopy)(LONG* destination, const LONG* source, ULONG count);
 void copySamples(LONG* destination, const LONG* source, ULONG count);
 void zeroSamples(LONG* destination, const LONG* source, ULONG count);
 
-inline ULONG MMELoadAcquire(const volatile ULONG* p) {
-    return __atomic_load_n(p, __ATOMIC_ACQUIRE);
-}
-inline void MMEStoreRelease(volatile ULONG* p, ULONG v) {
-    __atomic_store_n(p, v, __ATOMIC_RELEASE);
-}
-inline ULONGLONG MMELoadAcquire64(const volatile ULONGLONG* p) {
-    return __atomic_load_n(p, __ATOMIC_ACQUIRE);
-}
-
 struct AudioSM {
     LONG mSamples[nMaxSamples];
     ULONG mChannelsPerFrame;

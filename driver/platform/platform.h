@@ -12,4 +12,5 @@
 #include "host/portcls.h"
 #endif
 
+#include "compiler.h"
 #include "layout.h"

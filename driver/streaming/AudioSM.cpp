@@ -20,8 +20,8 @@ struct RingShape {
 // The USB driver may rewrite the header while we run; read each field once.
 RingShape shapeOf(const AudioSM& ring) {
     RingShape s;
-    s.channels = __atomic_load_n(&ring.mChannelsPerFrame, __ATOMIC_RELAXED);
-    s.maxFrames = __atomic_load_n(&ring.mMaxFrames, __ATOMIC_RELAXED);
+    s.channels = MMELoadOnce(&ring.mChannelsPerFrame);
+    s.maxFrames = MMELoadOnce(&ring.mMaxFrames);
     s.usable = s.channels >= 1 && s.maxFrames >= 1 &&
                (ULONGLONG)s.channels * (ULONGLONG)s.maxFrames <= (ULONGLONG)nMaxSamples;
     return s;
@@ -78,7 +78,7 @@ bool AudioSM::shape(ULONG* channels, ULONG* maxFrames) const {
 }
 
 const AudioSMClock& AudioSM::currentClock() const {
-    return __atomic_load_n(&mClockSelect, __ATOMIC_ACQUIRE) != 0 ? mClockA : mClockB;
+    return MMELoadAcquire(&mClockSelect) != 0 ? mClockA : mClockB;
 }
 
 ULONG AudioSM::framesAvailable(ULONG readPos) const {
@@ -120,7 +120,7 @@ void AudioSM::writeFrames(const LONG* source, ULONG frames, ULONG writeOffset,
     if (source && frames > s.maxFrames)
         return;
     MMEStoreRelease(&mWriteOffset, writeOffset);
-    ULONG writePos = __atomic_load_n(&mWritePos, __ATOMIC_RELAXED); // we are the writer
+    ULONG writePos = MMELoadOnce(&mWritePos); // we are the writer
     if (source && frames != 0)
         fillRing(*this, s, (writePos + writeOffset) % s.maxFrames, source, frames);
     MMEStoreRelease(&mWritePos, writePos + frames);
@@ -131,7 +131,7 @@ void AudioSM::writeSilence(ULONG frames, ULONG writeOffset, ULONG expectedChanne
     if (refused(s, expectedChannels))
         return;
     MMEStoreRelease(&mWriteOffset, writeOffset);
-    ULONG writePos = __atomic_load_n(&mWritePos, __ATOMIC_RELAXED);
+    ULONG writePos = MMELoadOnce(&mWritePos);
     if (frames != 0) {
         // A silence longer than the ring silences all of it.
         ULONG fill = frames <= s.maxFrames ? frames : s.maxFrames;

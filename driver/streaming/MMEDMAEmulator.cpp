@@ -3,7 +3,9 @@
 //
 // Buffers: the cyclic buffer holds 4096 frames of the stream's format, the
 // scratch buffer 2048 frames of ring samples of the configured channel
-// count. Both are replaced only when their size changes.
+// count. Both are replaced only when their size changes. The transfer moves
+// each period in one pass between ring and cyclic buffer; the scratch
+// buffer's capacity still bounds the periods it accepts.
 //
 // Locking: mTransferLock (a spin lock, so the transfer may run at dispatch
 // level) is held by onInput/onOutput for one whole period, and by every
@@ -411,20 +413,23 @@ bool MMEDMAEmulator::ringAccepted(const AudioSM* ring, ULONG* channels, ULONG* m
         mbRingRefused = true;
         TraceLine(mbCapture ? "MMEDMAEmulator::onInput capture ring header invalid ch/frames"
                             : "MMEDMAEmulator::onOutput render ring header invalid ch/frames",
-                  (LONG)__atomic_load_n(&ring->mChannelsPerFrame, __ATOMIC_RELAXED),
-                  (LONG)__atomic_load_n(&ring->mMaxFrames, __ATOMIC_RELAXED));
+                  (LONG)MMELoadOnce(&ring->mChannelsPerFrame),
+                  (LONG)MMELoadOnce(&ring->mMaxFrames));
     }
     return false;
 }
 
 // A period must fit the ring, the scratch buffer (with the render offset of
-// firstRingChannel samples) and the ring's channels; one that does not is
-// handled as an overrun. Traced once when such periods begin.
+// firstRingChannel samples) and, from its first ring channel on, the ring's
+// channels; one that does not is handled as an overrun. A stream with more
+// channels than the ring fits: it moves its positions and no samples.
+// Traced once when misfits begin.
 bool MMEDMAEmulator::periodFits(ULONG frames, ULONG ringChannels, ULONG ringFrames,
                                 ULONG firstRingChannel) {
     const ULONGLONG scratchSamples = mpUSBBuffer ? mUSBBufferBytes / 4 : 0;
     const bool fits = frames <= ringFrames &&
-                      (ULONGLONG)firstRingChannel + mWDMChannels <= ringChannels &&
+                      (mWDMChannels > ringChannels ||
+                       (ULONGLONG)firstRingChannel + mWDMChannels <= ringChannels) &&
                       (ULONGLONG)frames * ringChannels + firstRingChannel <= scratchSamples;
     if (fits) {
         mbPeriodRefused = false;
@@ -439,21 +444,49 @@ bool MMEDMAEmulator::periodFits(ULONG frames, ULONG ringChannels, ULONG ringFram
     return false;
 }
 
-// A period that runs past the cyclic buffer's end: the frames before the end
-// (smp1) and from its start (smp2). An offset off the frame grid converts the
-// whole period at the start instead. Caller holds the transfer lock.
-void MMEDMAEmulator::splitAtBufferEnd(ULONG lenMME, ULONG frames, const char* offGridText,
-                                      ULONG* smp1, ULONG* smp2) const {
+// The period's place in the cyclic buffer: one piece, or two when it runs
+// past the end (smp1 frames before it, smp2 from the start). An offset off
+// the frame grid puts the whole period at the start instead. Caller holds
+// the transfer lock and has checked lenMME <= mWDMBufferBytes.
+ULONG MMEDMAEmulator::cyclicPieces(ULONG lenMME, ULONG frames, const char* offGridText,
+                                   CyclicPiece pieces[2]) const {
+    if ((ULONGLONG)mTransferOffset + lenMME <= mWDMBufferBytes) {
+        pieces[0] = CyclicPiece{mpWDMBuffer + mTransferOffset, frames};
+        return 1;
+    }
     const ULONG first = mWDMBufferBytes - mTransferOffset;
     const ULONG second = lenMME - first;
-    *smp1 = first / mWDMBytesPerSample / mWDMChannels;
-    *smp2 = second / mWDMBytesPerSample / mWDMChannels;
-    if (*smp1 + *smp2 != frames) {
-        TraceLine(offGridText, (LONG)*smp1, (LONG)*smp2, (LONG)frames);
-        *smp1 = 0;
-        *smp2 = frames;
+    ULONG smp1 = first / mWDMBytesPerSample / mWDMChannels;
+    ULONG smp2 = second / mWDMBytesPerSample / mWDMChannels;
+    if (smp1 + smp2 != frames) {
+        TraceLine(offGridText, (LONG)smp1, (LONG)smp2, (LONG)frames);
+        smp1 = 0;
+        smp2 = frames;
     }
+    pieces[0] = CyclicPiece{mpWDMBuffer + mTransferOffset, smp1};
+    pieces[1] = CyclicPiece{mpWDMBuffer, smp2};
+    return 2;
 }
+
+namespace {
+
+// Calls run(samples, frames, before) for the frames from ring position
+// `position` on, in at most two runs (the second from index 0 when the
+// frames reach the ring's end); before counts the frames of the first run.
+// frames <= maxFrames.
+template <typename Run>
+void eachRingRun(LONG* samples, ULONG channels, ULONG maxFrames, ULONG position, ULONG frames,
+                 Run run) {
+    const ULONG index = position % maxFrames;
+    const ULONG room = maxFrames - index;
+    const ULONG first = frames <= room ? frames : room;
+    if (first)
+        run(samples + (SIZE_T)index * channels, first, 0);
+    if (frames > first)
+        run(samples, frames - first, first);
+}
+
+} // namespace
 
 // USB driver's period callback, up to dispatch level: no allocation, no wait.
 bool MMEDMAEmulator::onInput(AudioSM* captureRing, AudioSM* renderRing, ULONG frames) {
@@ -463,19 +496,19 @@ bool MMEDMAEmulator::onInput(AudioSM* captureRing, AudioSM* renderRing, ULONG fr
     return transferInput(captureRing, renderRing, frames);
 }
 
+// The kept channels go straight from the capture ring into the cyclic
+// buffer: at most two ring runs times two cyclic pieces, no staging.
 bool MMEDMAEmulator::transferInput(AudioSM* captureRing, AudioSM* renderRing, ULONG frames) {
     ULONG ringChannels, ringFrames;
     if (!ringAccepted(captureRing, &ringChannels, &ringFrames))
         return false;
 
-    ULONG readPos = MMELoadAcquire(&renderRing->mMMEReadPos);
-    auto skip = [&]() {
-        captureRing->readFrames(readPos, nullptr, frames, nullptr, ringChannels);
-        MMEStoreRelease(&renderRing->mMMEReadPos, readPos);
-    };
+    const ULONG readPos = MMELoadAcquire(&renderRing->mMMEReadPos);
+    // The frames are consumed whatever happens to them.
+    auto consume = [&]() { MMEStoreRelease(&renderRing->mMMEReadPos, readPos + frames); };
 
     if (!mpStream || mWDMChannels == 0) {
-        skip();
+        consume();
         return false;
     }
     const ULONGLONG lenMME64 = (ULONGLONG)frames * mWDMBytesPerSample * mWDMChannels;
@@ -483,42 +516,42 @@ bool MMEDMAEmulator::transferInput(AudioSM* captureRing, AudioSM* renderRing, UL
     if (lenMME64 > mWDMBufferBytes) {
         TraceLine("MMEDMAEmulator::onInput - lenMME > mWDMBufferBytes", (LONG)lenMME,
                   (LONG)mWDMBufferBytes);
-        skip();
+        consume();
         return true;
     }
     if (lenMME != 0) {
         if (!periodFits(frames, ringChannels, ringFrames, 0)) {
-            skip();
+            consume();
             return true;
         }
-        const ULONG before = readPos;
-        if (MMELoadAcquire64(&captureRing->mExclInputs) != 0) {
+        const bool exclusive = MMELoadAcquire64(&captureRing->mExclInputs) != 0;
+        if (exclusive)
             DbgPrint("ExclInputs lenMME:%d mWDMBufferBytes:%d\n", (LONG)lenMME,
                      (LONG)mWDMBufferBytes);
-            captureRing->readFrames(readPos, mpUSBBuffer, frames, zeroSamples, ringChannels);
-        } else {
-            captureRing->readFrames(readPos, mpUSBBuffer, frames, copySamples, ringChannels);
+        // A stream wider than the ring receives nothing.
+        if (mWDMChannels <= ringChannels) {
+            CyclicPiece pieces[2];
+            const ULONG count = cyclicPieces(
+                lenMME, frames, "MMEDMAEmulator::onInput (smp1+smp2) != mBufferSizeUSB", pieces);
+            const ULONG frameBytes = mWDMBytesPerSample * mWDMChannels;
+            // Pairs with the writer's release of mWritePos: its samples are visible.
+            (void)MMELoadAcquire(&captureRing->mWritePos);
+            ULONG done = 0;
+            for (ULONG p = 0; p < count; ++p) {
+                UCHAR* to = pieces[p].at;
+                if (exclusive) {
+                    memset(to, 0, (SIZE_T)pieces[p].frames * frameBytes);
+                } else {
+                    eachRingRun(captureRing->mSamples, ringChannels, ringFrames, readPos + done,
+                                pieces[p].frames, [&](LONG* at, ULONG n, ULONG before) {
+                                    ringToPcm(n, at, ringChannels, to + (SIZE_T)before * frameBytes,
+                                              mWDMChannels, mWDMBits);
+                                });
+                }
+                done += pieces[p].frames;
+            }
         }
-        if (readPos != before + frames) {
-            // The header changed under us: nothing was fetched.
-            skip();
-            return true;
-        }
-        MMEStoreRelease(&renderRing->mMMEReadPos, readPos);
-
-        UCHAR* cyclic = mpWDMBuffer;
-        if (mTransferOffset + lenMME64 <= mWDMBufferBytes) {
-            convertInput(frames, mpUSBBuffer, ringChannels, cyclic + mTransferOffset, mWDMChannels,
-                         mWDMBits);
-        } else {
-            ULONG smp1, smp2;
-            splitAtBufferEnd(lenMME, frames,
-                             "MMEDMAEmulator::onInput (smp1+smp2) != mBufferSizeUSB", &smp1, &smp2);
-            convertInput(smp1, mpUSBBuffer, ringChannels, cyclic + mTransferOffset, mWDMChannels,
-                         mWDMBits);
-            convertInput(smp2, mpUSBBuffer + (SIZE_T)smp1 * ringChannels, ringChannels, cyclic,
-                         mWDMChannels, mWDMBits);
-        }
+        consume();
     }
     advance(lenMME);
     return true;
@@ -532,6 +565,8 @@ bool MMEDMAEmulator::onOutput(AudioSM* renderRing, ULONG frames, ULONG writeOffs
     return transferOutput(renderRing, frames, writeOffset);
 }
 
+// The stream's PCM goes straight into the render ring in the ring's format,
+// silence of the other ring channels included: one pass, no staging.
 bool MMEDMAEmulator::transferOutput(AudioSM* renderRing, ULONG frames, ULONG writeOffset) {
     ULONG ringChannels, ringFrames;
     if (!ringAccepted(renderRing, &ringChannels, &ringFrames))
@@ -555,28 +590,31 @@ bool MMEDMAEmulator::transferOutput(AudioSM* renderRing, ULONG frames, ULONG wri
             renderRing->writeSilence(frames, writeOffset, ringChannels);
             return true;
         }
-        // Ring channels below the first one in the first frame are not
-        // written by the conversion; the rest of every frame is padded.
-        LONG* scratch = mpUSBBuffer;
-        for (ULONG i = 0; i < firstRing; ++i)
-            scratch[i] = 0;
-        LONG* destination = scratch + firstRing;
-        const UCHAR* cyclic = mpWDMBuffer;
-        if (mTransferOffset + lenMME64 <= mWDMBufferBytes) {
-            convertOutput(frames, cyclic + mTransferOffset, mWDMChannels, mWDMBits, destination,
-                          ringChannels);
+        if (mWDMChannels > ringChannels) {
+            // Nothing of a stream wider than the ring can be sent; the
+            // period goes out as silence rather than as stale samples.
+            renderRing->writeSilence(frames, writeOffset, ringChannels);
         } else {
-            ULONG smp1, smp2;
-            splitAtBufferEnd(lenMME, frames,
-                             "MMEDMAEmulator::onOutput (smp1+smp2) != mBufferSizeUSB", &smp1,
-                             &smp2);
-            convertOutput(smp1, cyclic + mTransferOffset, mWDMChannels, mWDMBits, destination,
-                          ringChannels);
-            convertOutput(smp2, cyclic, mWDMChannels, mWDMBits,
-                          destination + (SIZE_T)smp1 * ringChannels, ringChannels);
+            CyclicPiece pieces[2];
+            const ULONG count = cyclicPieces(
+                lenMME, frames, "MMEDMAEmulator::onOutput (smp1+smp2) != mBufferSizeUSB", pieces);
+            const ULONG frameBytes = mWDMBytesPerSample * mWDMChannels;
+            // Writer's order: the offset, then the samples, then the position.
+            MMEStoreRelease(&renderRing->mWriteOffset, writeOffset);
+            const ULONG writePos = MMELoadOnce(&renderRing->mWritePos);
+            ULONG done = 0;
+            for (ULONG p = 0; p < count; ++p) {
+                const UCHAR* from = pieces[p].at;
+                eachRingRun(renderRing->mSamples, ringChannels, ringFrames,
+                            writePos + writeOffset + done, pieces[p].frames,
+                            [&](LONG* at, ULONG n, ULONG before) {
+                                pcmToRing(n, from + (SIZE_T)before * frameBytes, mWDMChannels,
+                                          mWDMBits, at, ringChannels, firstRing);
+                            });
+                done += pieces[p].frames;
+            }
+            MMEStoreRelease(&renderRing->mWritePos, writePos + frames);
         }
-        shiftRight8(scratch, ringChannels * frames);
-        renderRing->writeFrames(scratch, frames, writeOffset, ringChannels);
     }
     advance(lenMME);
     return true;

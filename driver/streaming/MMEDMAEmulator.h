@@ -1,7 +1,9 @@
 // MMEDMAEmulator: the emulated DMA channel handed to the wave port, one per
 // direction. Owns the cyclic buffer the port sees and a scratch buffer of
-// ring frames; the period transfer (onInput/onOutput) moves one period
-// between the shared rings and the cyclic buffer and advances the position.
+// ring frames (sized as before, though the period transfer no longer stages
+// through it); the period transfer (onInput/onOutput) moves one period
+// between the shared rings and the cyclic buffer in one pass and advances
+// the position.
 #pragma once
 
 #include "../common/AudioSM.h"
@@ -66,6 +68,7 @@ public:
     ULONG usbBufferBytes() const { return mUSBBufferBytes; }
     ULONG wdmBufferBytes() const { return mWDMBufferBytes; }
     void setFirstRingChannel(ULONG channel) { mFirstRingChannel = channel; }
+    ULONG firstRingChannel() const { return mFirstRingChannel; }
 
 private:
     // All of these run with mTransferLock held.
@@ -75,8 +78,12 @@ private:
     bool ringAccepted(const AudioSM* ring, ULONG* channels, ULONG* maxFrames);
     bool periodFits(ULONG frames, ULONG ringChannels, ULONG ringFrames, ULONG firstRingChannel);
     bool inCyclicBuffer(const void* start, ULONG bytes) const;
-    void splitAtBufferEnd(ULONG lenMME, ULONG frames, const char* offGridText, ULONG* smp1,
-                          ULONG* smp2) const;
+    struct CyclicPiece {
+        UCHAR* at;
+        ULONG frames;
+    };
+    ULONG cyclicPieces(ULONG lenMME, ULONG frames, const char* offGridText,
+                       CyclicPiece pieces[2]) const;
     void copyInside(PVOID Destination, const void* Source, ULONG ByteCount, const void* cyclicSide,
                     const char* outsideText);
 

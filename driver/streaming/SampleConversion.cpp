@@ -1,44 +1,63 @@
 // Conversion kernels (contract in SampleConversion.h).
 //
-// The hot loops work on GCC/Clang vector types of 16 bytes (SSE2, which
-// kernel code on x64 may use without saving state) and on 64-bit words for
-// the 24-bit packing, with a scalar tail. Element loads and stores go
-// through __builtin_memcpy: no alignment is assumed, no type punning is
-// undefined, and the kernel build (-fno-builtin) still gets single moves
-// instead of calls. Zeroing is written as explicit stores so the compiler
-// does not turn it into a memset call per frame.
+// The hot loops use the SSE2 intrinsics (16-byte registers, which kernel
+// code on x64 may use without saving state) and, for the 24-bit packing,
+// SSSE3 byte shuffles chosen at run time, with 64-bit word code for
+// processors without them and a scalar tail. Every load and store goes
+// through an unaligned intrinsic: no alignment is assumed and nothing is
+// type-punned, and the kernel build (-fno-builtin) gets single moves instead
+// of memcpy calls. Zeroing is written as explicit stores so the compiler does
+// not turn it into a memset call per frame.
 #include "SampleConversion.h"
 
-static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "PCM and rings are little-endian");
+#include <emmintrin.h>
+#include <tmmintrin.h>
 
 namespace {
 
-typedef int v4si __attribute__((vector_size(16)));
-typedef short v8hi __attribute__((vector_size(16)));
-
-template <typename T> inline T load(const void* p) {
-    T v;
-    __builtin_memcpy(&v, p, sizeof(T));
-    return v;
+inline __m128i load128(const void* p) {
+    return _mm_loadu_si128(static_cast<const __m128i*>(p));
 }
-
-template <typename T> inline void store(void* p, T v) {
-    __builtin_memcpy(p, &v, sizeof(T));
+inline void store128(void* p, __m128i v) {
+    _mm_storeu_si128(static_cast<__m128i*>(p), v);
+}
+inline __m128i load64x(const void* p) {
+    return _mm_loadl_epi64(static_cast<const __m128i*>(p));
+}
+inline void store64x(void* p, __m128i v) {
+    _mm_storel_epi64(static_cast<__m128i*>(p), v);
+}
+inline ULONGLONG load64(const void* p) {
+    return (ULONGLONG)_mm_cvtsi128_si64(load64x(p));
+}
+inline ULONG load32(const void* p) {
+    return (ULONG)_mm_cvtsi128_si32(_mm_loadu_si32(p));
+}
+inline void store16(void* p, ULONG v) {
+    UCHAR* b = static_cast<UCHAR*>(p);
+    b[0] = (UCHAR)v;
+    b[1] = (UCHAR)(v >> 8);
+}
+inline void store24(void* p, ULONG v) {
+    UCHAR* b = static_cast<UCHAR*>(p);
+    b[0] = (UCHAR)v;
+    b[1] = (UCHAR)(v >> 8);
+    b[2] = (UCHAR)(v >> 16);
 }
 
 // n zero samples at p.
 inline void zeroFill(LONG* p, SIZE_T n) {
-    const v4si zero = {0, 0, 0, 0};
+    const __m128i zero = _mm_setzero_si128();
     for (; n >= 8; n -= 8, p += 8) {
-        store(p, zero);
-        store(p + 4, zero);
+        store128(p, zero);
+        store128(p + 4, zero);
     }
     if (n & 4) {
-        store(p, zero);
+        store128(p, zero);
         p += 4;
     }
     if (n & 2) {
-        store(p, (ULONGLONG)0);
+        store64x(p, zero);
         p += 2;
     }
     if (n & 1)
@@ -52,180 +71,338 @@ inline bool countsFit(ULONG frames, ULONG channels) {
     return (ULONGLONG)frames * channels <= kMaxSamples;
 }
 
-inline bool overlap(const void* a, SIZE_T aBytes, const void* b, SIZE_T bBytes) {
-    ULONG_PTR x = (ULONG_PTR)a, y = (ULONG_PTR)b;
-    return x < y + bBytes && y < x + aBytes;
-}
-
 // One WDM sample at p in the working format.
 inline LONG from16(const UCHAR* p) {
-    return (LONG)((ULONG)load<USHORT>(p) << 16);
+    return (LONG)(((ULONG)p[1] << 24) | ((ULONG)p[0] << 16));
 }
 inline LONG from24(const UCHAR* p) {
     return (LONG)(((ULONG)p[2] << 24) | ((ULONG)p[1] << 16) | ((ULONG)p[0] << 8));
 }
-
-// Two WDM samples of Bytes each at p, in the working format, as one word.
-template <ULONG Bytes> inline ULONGLONG pairAt(const UCHAR* p) {
-    if (Bytes == 2) {
-        ULONG w = load<ULONG>(p);
-        return ((ULONGLONG)(w & 0xFFFF0000u) << 32) | (ULONG)(w << 16);
-    }
-    if (Bytes == 3) {
-        ULONG lo = load<ULONG>(p);
-        ULONG hi = load<USHORT>(p + 4);
-        ULONG first = lo << 8;
-        ULONG second = ((lo >> 24) << 8) | (hi << 16);
-        return ((ULONGLONG)second << 32) | first;
-    }
-    return load<ULONGLONG>(p);
+inline LONG fromWdm(const UCHAR* p, ULONG bytes) {
+    return bytes == 2 ? from16(p) : bytes == 3 ? from24(p) : (LONG)load32(p);
 }
-
-typedef ULONGLONG v2du __attribute__((vector_size(16)));
-
-// One ring frame of Fixed samples (0: `stride`, known at run time only) whose
-// first two are `pair` and the rest zero. From four samples on, the first
-// 16-byte store carries the pair and two zeros.
-template <ULONG Fixed> inline void pairFrame(LONG* out, ULONGLONG pair, SIZE_T stride) {
-    const SIZE_T n = Fixed ? Fixed : stride;
-    if (n >= 4) {
-        v2du head = {pair, 0};
-        store(out, head);
-        zeroFill(out + 4, n - 4);
-    } else {
-        store(out, pair);
-        if (n == 3)
-            out[2] = 0;
-    }
+// The render ring's format of a working-format sample.
+inline LONG toRenderRing(LONG working) {
+    return working >> 8;
 }
-
-// A stereo stream into ring frames of `stride` (>= 3) samples. The common
-// ring widths get loops of their own so the zeros are a fixed run of stores.
-template <ULONG Bytes, ULONG Fixed>
-void widenPairsAs(ULONG frames, const UCHAR* __restrict in, LONG* __restrict out, SIZE_T stride) {
-    SIZE_T f = 0;
-    if (Bytes == 3) {
-        // Another frame follows, so the 8-byte load (2 bytes past this
-        // pair) stays inside the source.
-        for (; f + 1 < frames; ++f, in += 6, out += stride) {
-            ULONGLONG w = load<ULONGLONG>(in);
-            ULONGLONG pair = ((ULONGLONG)((ULONG)(w >> 16) & 0xFFFFFF00u) << 32) | (ULONG)(w << 8);
-            pairFrame<Fixed>(out, pair, stride);
-        }
-    }
-    for (; f < frames; ++f, in += 2 * Bytes, out += stride)
-        pairFrame<Fixed>(out, pairAt<Bytes>(in), stride);
-}
-
-template <ULONG Bytes>
-void widenPairs(ULONG frames, const UCHAR* __restrict in, LONG* __restrict out, ULONG stride) {
-    if (stride == 8)
-        widenPairsAs<Bytes, 8>(frames, in, out, 8);
-    else if (stride == 32)
-        widenPairsAs<Bytes, 32>(frames, in, out, 32);
-    else
-        widenPairsAs<Bytes, 0>(frames, in, out, stride);
-}
-
-// Stream PCM straight into ring frames of `stride` samples whose channels
-// from `keep` on are zero: convertOutput for separate buffers, in one pass.
-void widenInto(ULONG frames, const UCHAR* __restrict in, ULONG keep, ULONG bytesPerSample,
-               LONG* __restrict out, ULONG stride) {
-    if (keep == 2) {
-        if (bytesPerSample == 2)
-            widenPairs<2>(frames, in, out, stride);
-        else if (bytesPerSample == 3)
-            widenPairs<3>(frames, in, out, stride);
-        else
-            widenPairs<4>(frames, in, out, stride);
-        return;
-    }
-    const SIZE_T frameBytes = (SIZE_T)keep * bytesPerSample;
-    const SIZE_T pad = stride - keep;
-    for (SIZE_T f = 0; f < frames; ++f, in += frameBytes, out += stride) {
-        const UCHAR* s = in;
-        for (ULONG j = 0; j < keep; ++j, s += bytesPerSample)
-            out[j] = bytesPerSample == 2   ? from16(s)
-                     : bytesPerSample == 3 ? from24(s)
-                                           : load<LONG>(s);
-        zeroFill(out + keep, pad);
-    }
-}
-
-// ---- 24-bit packing with SSSE3 byte shuffles ----
-// Chosen at run time: SSSE3 is not part of the x64 baseline. The shuffles
-// use XMM registers only, like the SSE2 code.
-#if defined(__x86_64__)
-#define MME_SSSE3_PATH 1
-typedef char v16qi __attribute__((vector_size(16)));
 
 // -1: not asked yet; 0: baseline only; 1: SSSE3.
 volatile LONG gSsse3 = -1;
 volatile LONG gBaselineOnly = 0;
 
-bool cpuHasSsse3() {
-    ULONG a, b, c, d;
-    __asm__ volatile("cpuid" : "=a"(a), "=b"(b), "=c"(c), "=d"(d) : "a"(1), "c"(0));
-    (void)a;
-    (void)b;
-    (void)d;
-    return (c >> 9) & 1;
-}
-
 bool useSsse3() {
-    if (__atomic_load_n(&gBaselineOnly, __ATOMIC_RELAXED))
+    if (MMELoadOnce(&gBaselineOnly))
         return false;
-    LONG known = __atomic_load_n(&gSsse3, __ATOMIC_RELAXED);
+    LONG known = MMELoadOnce(&gSsse3);
     if (known < 0) {
-        known = cpuHasSsse3() ? 1 : 0;
-        __atomic_store_n(&gSsse3, known, __ATOMIC_RELAXED);
+        known = MMECpuHasSsse3() ? 1 : 0;
+        MMEStoreOnce(&gSsse3, known);
     }
     return known == 1;
 }
 
-// Packs whole groups of four samples while at least four more follow (each
-// 16-byte store writes 4 bytes that the next group overwrites); returns the
-// samples done.
-__attribute__((target("ssse3"))) ULONG pack24Ssse3(UCHAR* out, const LONG* in, ULONG count) {
-    const v16qi pick = {1, 2, 3, 5, 6, 7, 9, 10, 11, 13, 14, 15, -128, -128, -128, -128};
+// ---- 24-bit packing with SSSE3 byte shuffles ----
+
+// Bytes 1..3 of each of four samples, in 12 bytes.
+MME_SSSE3_FUNCTION inline __m128i pick24(__m128i v) {
+    return _mm_shuffle_epi8(
+        v, _mm_setr_epi8(1, 2, 3, 5, 6, 7, 9, 10, 11, 13, 14, 15, -128, -128, -128, -128));
+}
+// Four packed 3-byte samples from bytes `at`.. of v, as working-format samples.
+MME_SSSE3_FUNCTION inline __m128i place24(__m128i v) {
+    return _mm_shuffle_epi8(
+        v, _mm_setr_epi8(-128, 0, 1, 2, -128, 3, 4, 5, -128, 6, 7, 8, -128, 9, 10, 11));
+}
+MME_SSSE3_FUNCTION inline __m128i place24From4(__m128i v) {
+    return _mm_shuffle_epi8(
+        v, _mm_setr_epi8(-128, 4, 5, 6, -128, 7, 8, 9, -128, 10, 11, 12, -128, 13, 14, 15));
+}
+// Eight samples (two registers) as 24 bytes at out, nothing written past them.
+MME_SSSE3_FUNCTION inline void pack24x8(UCHAR* out, __m128i a, __m128i b) {
+    __m128i pa = pick24(a), pb = pick24(b);
+    store128(out, _mm_or_si128(pa, _mm_slli_si128(pb, 12)));
+    store64x(out + 16, _mm_srli_si128(pb, 4));
+}
+// Eight samples from 24 bytes at in, nothing read past them.
+MME_SSSE3_FUNCTION inline void unpack24x8(const UCHAR* in, __m128i* a, __m128i* b) {
+    *a = place24(load128(in));
+    *b = place24From4(load128(in + 8));
+}
+
+// Sixteen samples as 48 bytes at out: each shuffle puts its bytes where
+// one of the three stores wants them.
+MME_SSSE3_FUNCTION inline void pack24x16(UCHAR* out, const LONG* in) {
+    const signed char z = -128;
+    __m128i a = load128(in), b = load128(in + 4), c = load128(in + 8), d = load128(in + 12);
+    __m128i b0 = _mm_setr_epi8(z, z, z, z, z, z, z, z, z, z, z, z, 1, 2, 3, 5);
+    __m128i b1 = _mm_setr_epi8(6, 7, 9, 10, 11, 13, 14, 15, z, z, z, z, z, z, z, z);
+    __m128i c1 = _mm_setr_epi8(z, z, z, z, z, z, z, z, 1, 2, 3, 5, 6, 7, 9, 10);
+    __m128i c2 = _mm_setr_epi8(11, 13, 14, 15, z, z, z, z, z, z, z, z, z, z, z, z);
+    __m128i d2 = _mm_setr_epi8(z, z, z, z, 1, 2, 3, 5, 6, 7, 9, 10, 11, 13, 14, 15);
+    store128(out, _mm_or_si128(pick24(a), _mm_shuffle_epi8(b, b0)));
+    store128(out + 16, _mm_or_si128(_mm_shuffle_epi8(b, b1), _mm_shuffle_epi8(c, c1)));
+    store128(out + 32, _mm_or_si128(_mm_shuffle_epi8(c, c2), _mm_shuffle_epi8(d, d2)));
+}
+
+MME_SSSE3_FUNCTION ULONG pack24Ssse3(UCHAR* out, const LONG* in, ULONG count) {
     ULONG i = 0;
-    for (; i + 20 <= count; i += 16) {
-        v16qi a = load<v16qi>(in + i);
-        v16qi b = load<v16qi>(in + i + 4);
-        v16qi c = load<v16qi>(in + i + 8);
-        v16qi d = load<v16qi>(in + i + 12);
-        UCHAR* at = out + 3 * (SIZE_T)i;
-        store(at, __builtin_ia32_pshufb128(a, pick));
-        store(at + 12, __builtin_ia32_pshufb128(b, pick));
-        store(at + 24, __builtin_ia32_pshufb128(c, pick));
-        store(at + 36, __builtin_ia32_pshufb128(d, pick));
-    }
-    for (; i + 8 <= count; i += 4)
-        store(out + 3 * (SIZE_T)i, __builtin_ia32_pshufb128(load<v16qi>(in + i), pick));
+    for (; i + 16 <= count; i += 16)
+        pack24x16(out + 3 * (SIZE_T)i, in + i);
+    for (; i + 8 <= count; i += 8)
+        pack24x8(out + 3 * (SIZE_T)i, load128(in + i), load128(in + i + 4));
     return i;
+}
+
+// shift: 0 for the working format, 8 for the render ring's.
+template <int Shift>
+MME_SSSE3_FUNCTION ULONG unpack24Ssse3(LONG* out, const UCHAR* in, ULONG count) {
+    ULONG i = 0;
+    for (; i + 16 <= count; i += 16) {
+        __m128i a, b, c, d;
+        unpack24x8(in + 3 * (SIZE_T)i, &a, &b);
+        unpack24x8(in + 3 * (SIZE_T)i + 24, &c, &d);
+        if (Shift) {
+            a = _mm_srai_epi32(a, Shift);
+            b = _mm_srai_epi32(b, Shift);
+            c = _mm_srai_epi32(c, Shift);
+            d = _mm_srai_epi32(d, Shift);
+        }
+        store128(out + i, a);
+        store128(out + i + 4, b);
+        store128(out + i + 8, c);
+        store128(out + i + 12, d);
+    }
+    for (; i + 8 <= count; i += 8) {
+        __m128i a, b;
+        unpack24x8(in + 3 * (SIZE_T)i, &a, &b);
+        if (Shift) {
+            a = _mm_srai_epi32(a, Shift);
+            b = _mm_srai_epi32(b, Shift);
+        }
+        store128(out + i, a);
+        store128(out + i + 4, b);
+    }
+    return i;
+}
+
+// ---- 24-bit packing on the x64 baseline (SSE2 only) ----
+
+// Bytes 1..3 of each of four samples, packed into the low 12 bytes.
+inline __m128i pick24Sse2(__m128i v) {
+    const __m128i low32 = _mm_set_epi32(0, -1, 0, -1);
+    const __m128i low6 = _mm_set_epi32(0, 0, 0xFFFF, -1);
+    const __m128i next6 = _mm_set_epi32(0, -1, (int)0xFFFF0000u, 0);
+    __m128i x = _mm_srli_epi32(v, 8);
+    // Each 64-bit half: its second sample moved down next to its first.
+    __m128i pairs =
+        _mm_or_si128(_mm_and_si128(x, low32), _mm_srli_epi64(_mm_andnot_si128(low32, x), 8));
+    return _mm_or_si128(_mm_and_si128(pairs, low6), _mm_and_si128(_mm_srli_si128(pairs, 2), next6));
+}
+
+// Sixteen samples as 48 bytes at out, in three stores.
+inline void pack24x16Sse2(UCHAR* out, const LONG* in) {
+    __m128i a = pick24Sse2(load128(in)), b = pick24Sse2(load128(in + 4));
+    __m128i c = pick24Sse2(load128(in + 8)), d = pick24Sse2(load128(in + 12));
+    store128(out, _mm_or_si128(a, _mm_slli_si128(b, 12)));
+    store128(out + 16, _mm_or_si128(_mm_srli_si128(b, 4), _mm_slli_si128(c, 8)));
+    store128(out + 32, _mm_or_si128(_mm_srli_si128(c, 8), _mm_slli_si128(d, 4)));
+}
+
+// Four 3-byte samples from the low 12 bytes of v, as working-format samples.
+// Each 64-bit half takes two samples (bytes 0..5 and 6..11); a 32-bit shift
+// places the first of each pair, a 64-bit shift the second.
+inline __m128i place24Sse2(__m128i v) {
+    const __m128i first = _mm_set_epi32(0, -1, 0, -1);
+    const __m128i second = _mm_set_epi32((int)0xFFFFFF00u, 0, (int)0xFFFFFF00u, 0);
+    __m128i pairs = _mm_unpacklo_epi64(v, _mm_srli_si128(v, 6));
+    return _mm_or_si128(_mm_and_si128(_mm_slli_epi32(pairs, 8), first),
+                        _mm_and_si128(_mm_slli_epi64(pairs, 16), second));
 }
 
 // Unpacks groups of four samples while the 16-byte load stays inside the
 // source (two more samples follow); returns the samples done.
-__attribute__((target("ssse3"))) ULONG unpack24Ssse3(LONG* out, const UCHAR* in, ULONG count) {
-    const v16qi place = {-128, 0, 1, 2, -128, 3, 4, 5, -128, 6, 7, 8, -128, 9, 10, 11};
+template <int Shift> ULONG unpack24Sse2(LONG* out, const UCHAR* in, ULONG count) {
     ULONG i = 0;
-    for (; i + 18 <= count; i += 16) {
-        const UCHAR* at = in + 3 * (SIZE_T)i;
-        v16qi a = load<v16qi>(at);
-        v16qi b = load<v16qi>(at + 12);
-        v16qi c = load<v16qi>(at + 24);
-        v16qi d = load<v16qi>(at + 36);
-        store(out + i, __builtin_ia32_pshufb128(a, place));
-        store(out + i + 4, __builtin_ia32_pshufb128(b, place));
-        store(out + i + 8, __builtin_ia32_pshufb128(c, place));
-        store(out + i + 12, __builtin_ia32_pshufb128(d, place));
+    for (; i + 6 <= count; i += 4) {
+        __m128i v = place24Sse2(load128(in + 3 * (SIZE_T)i));
+        store128(out + i, Shift ? _mm_srai_epi32(v, Shift) : v);
     }
-    for (; i + 6 <= count; i += 4)
-        store(out + i, __builtin_ia32_pshufb128(load<v16qi>(in + 3 * (SIZE_T)i), place));
     return i;
 }
-#endif
+
+// ---- Single-pass kernels of the period path ----
+
+// Two working-format samples of one ring frame, as [x0 x1 0 0].
+inline __m128i ringPair(const LONG* frame) {
+    return load64x(frame);
+}
+
+// Capture: the first two channels of frames ring frames of `stride` samples.
+template <ULONG Bytes> void keepPairs(ULONG frames, const LONG* in, SIZE_T stride, UCHAR* out) {
+    ULONG f = 0;
+    if (Bytes == 2) {
+        for (; f + 4 <= frames; f += 4, in += 4 * stride, out += 16) {
+            __m128i a = _mm_unpacklo_epi64(ringPair(in), ringPair(in + stride));
+            __m128i b = _mm_unpacklo_epi64(ringPair(in + 2 * stride), ringPair(in + 3 * stride));
+            store128(out, _mm_packs_epi32(_mm_srai_epi32(a, 16), _mm_srai_epi32(b, 16)));
+        }
+    } else if (Bytes == 4) {
+        for (; f + 2 <= frames; f += 2, in += 2 * stride, out += 16)
+            store128(out, _mm_unpacklo_epi64(ringPair(in), ringPair(in + stride)));
+    } else {
+        for (; f + 4 <= frames; f += 4, in += 4 * stride, out += 24) {
+            __m128i a = pick24Sse2(_mm_unpacklo_epi64(ringPair(in), ringPair(in + stride)));
+            __m128i b = pick24Sse2(
+                _mm_unpacklo_epi64(ringPair(in + 2 * stride), ringPair(in + 3 * stride)));
+            store128(out, _mm_or_si128(a, _mm_slli_si128(b, 12)));
+            store64x(out + 16, _mm_srli_si128(b, 4));
+        }
+    }
+    for (; f < frames; ++f, in += stride, out += 2 * Bytes) {
+        if (Bytes == 2) {
+            store16(out, (ULONG)in[0] >> 16);
+            store16(out + 2, (ULONG)in[1] >> 16);
+        } else if (Bytes == 3) {
+            store24(out, (ULONG)in[0] >> 8);
+            store24(out + 3, (ULONG)in[1] >> 8);
+        } else {
+            store64x(out, ringPair(in));
+        }
+    }
+}
+
+MME_SSSE3_FUNCTION ULONG keepPairs24Ssse3(ULONG frames, const LONG* in, SIZE_T stride, UCHAR* out) {
+    ULONG f = 0;
+    for (; f + 4 <= frames; f += 4, in += 4 * stride, out += 24) {
+        __m128i a = _mm_unpacklo_epi64(ringPair(in), ringPair(in + stride));
+        __m128i b = _mm_unpacklo_epi64(ringPair(in + 2 * stride), ringPair(in + 3 * stride));
+        pack24x8(out, a, b);
+    }
+    return f;
+}
+
+// Render: stereo frames into ring frames of Fixed samples (0: `stride`,
+// known at run time only) whose channels from 2 on are zero. `head` is
+// [s0 s1 0 0] in the render ring's format.
+template <ULONG Fixed> inline void pairFrame(LONG* out, __m128i head, SIZE_T stride) {
+    const SIZE_T n = Fixed ? Fixed : stride;
+    if (n >= 4) {
+        store128(out, head);
+        zeroFill(out + 4, n - 4);
+    } else {
+        store64x(out, head);
+        if (n == 3)
+            out[2] = 0;
+    }
+}
+
+template <ULONG Fixed>
+MME_SSSE3_FUNCTION ULONG widenPairs24Ssse3(ULONG frames, const UCHAR* in, LONG* out,
+                                           SIZE_T stride) {
+    const SIZE_T step = Fixed ? Fixed : stride;
+    ULONG f = 0;
+    for (; f + 4 <= frames; f += 4, in += 24, out += 4 * step) {
+        __m128i a, b;
+        unpack24x8(in, &a, &b);
+        a = _mm_srai_epi32(a, 8);
+        b = _mm_srai_epi32(b, 8);
+        pairFrame<Fixed>(out, _mm_move_epi64(a), stride);
+        pairFrame<Fixed>(out + step, _mm_srli_si128(a, 8), stride);
+        pairFrame<Fixed>(out + 2 * step, _mm_move_epi64(b), stride);
+        pairFrame<Fixed>(out + 3 * step, _mm_srli_si128(b, 8), stride);
+    }
+    return f;
+}
+
+template <ULONG Bytes, ULONG Fixed>
+void widenPairsAs(ULONG frames, const UCHAR* in, LONG* out, SIZE_T stride, bool ssse3) {
+    ULONG f = 0;
+    const SIZE_T step = Fixed ? Fixed : stride;
+    if (Bytes == 2) {
+        const __m128i zero = _mm_setzero_si128();
+        for (; f + 4 <= frames; f += 4, in += 16, out += 4 * step) {
+            __m128i x = load128(in);
+            __m128i lo = _mm_srai_epi32(_mm_unpacklo_epi16(zero, x), 8);
+            __m128i hi = _mm_srai_epi32(_mm_unpackhi_epi16(zero, x), 8);
+            pairFrame<Fixed>(out, _mm_move_epi64(lo), stride);
+            pairFrame<Fixed>(out + step, _mm_srli_si128(lo, 8), stride);
+            pairFrame<Fixed>(out + 2 * step, _mm_move_epi64(hi), stride);
+            pairFrame<Fixed>(out + 3 * step, _mm_srli_si128(hi, 8), stride);
+        }
+    } else if (Bytes == 4) {
+        for (; f + 2 <= frames; f += 2, in += 16, out += 2 * step) {
+            __m128i x = _mm_srai_epi32(load128(in), 8);
+            pairFrame<Fixed>(out, _mm_move_epi64(x), stride);
+            pairFrame<Fixed>(out + step, _mm_srli_si128(x, 8), stride);
+        }
+    } else if (ssse3) {
+        f = widenPairs24Ssse3<Fixed>(frames, in, out, stride);
+        in += 6 * (SIZE_T)f;
+        out += f * step;
+    } else {
+        // Another frame follows, so the 8-byte load (2 bytes past this
+        // pair) stays inside the source.
+        for (; f + 1 < frames; ++f, in += 6, out += step) {
+            ULONGLONG w = load64(in);
+            ULONGLONG pair = ((ULONGLONG)((ULONG)(w >> 16) & 0xFFFFFF00u) << 32) | (ULONG)(w << 8);
+            pairFrame<Fixed>(out, _mm_srai_epi32(_mm_cvtsi64_si128((LONGLONG)pair), 8), stride);
+        }
+    }
+    for (; f < frames; ++f, in += 2 * Bytes, out += step) {
+        LONG s0 = toRenderRing(fromWdm(in, Bytes)), s1 = toRenderRing(fromWdm(in + Bytes, Bytes));
+        pairFrame<Fixed>(out, _mm_setr_epi32(s0, s1, 0, 0), stride);
+    }
+}
+
+template <ULONG Bytes>
+void widenPairs(ULONG frames, const UCHAR* in, LONG* out, ULONG stride, bool ssse3) {
+    if (stride == 8)
+        widenPairsAs<Bytes, 8>(frames, in, out, 8, ssse3);
+    else if (stride == 32)
+        widenPairsAs<Bytes, 32>(frames, in, out, 32, ssse3);
+    else
+        widenPairsAs<Bytes, 0>(frames, in, out, stride, ssse3);
+}
+
+// Render, as many ring channels as the stream has: count samples in a row.
+void renderRun(ULONG count, const UCHAR* in, ULONG bytes, LONG* out) {
+    ULONG i = 0;
+    if (bytes == 2) {
+        const __m128i zero = _mm_setzero_si128();
+        for (; i + 16 <= count; i += 16) {
+            __m128i x = load128(in + 2 * (SIZE_T)i);
+            __m128i y = load128(in + 2 * (SIZE_T)i + 16);
+            store128(out + i, _mm_srai_epi32(_mm_unpacklo_epi16(zero, x), 8));
+            store128(out + i + 4, _mm_srai_epi32(_mm_unpackhi_epi16(zero, x), 8));
+            store128(out + i + 8, _mm_srai_epi32(_mm_unpacklo_epi16(zero, y), 8));
+            store128(out + i + 12, _mm_srai_epi32(_mm_unpackhi_epi16(zero, y), 8));
+        }
+    } else if (bytes == 4) {
+        for (; i + 16 <= count; i += 16) {
+            const UCHAR* at = in + 4 * (SIZE_T)i;
+            store128(out + i, _mm_srai_epi32(load128(at), 8));
+            store128(out + i + 4, _mm_srai_epi32(load128(at + 16), 8));
+            store128(out + i + 8, _mm_srai_epi32(load128(at + 32), 8));
+            store128(out + i + 12, _mm_srai_epi32(load128(at + 48), 8));
+        }
+    } else {
+        if (useSsse3())
+            i = unpack24Ssse3<8>(out, in, count);
+        i += unpack24Sse2<8>(out + i, in + 3 * (SIZE_T)i, count - i);
+    }
+    for (; i < count; ++i)
+        out[i] = toRenderRing(fromWdm(in + bytes * (SIZE_T)i, bytes));
+}
+
+// Capture, as many stream channels as the ring has: count samples in a row.
+void captureRun(ULONG count, const LONG* in, ULONG bytes, UCHAR* out) {
+    if (bytes == 2)
+        int32ToPcm16(out, in, count);
+    else if (bytes == 3)
+        int32ToPcm24(out, in, count);
+    else
+        memcpy(out, in, (SIZE_T)count * 4);
+}
 
 } // namespace
 
@@ -234,52 +411,24 @@ void shiftRight8(LONG* samples, ULONG count) {
         return;
     ULONG i = 0;
     for (; i + 8 <= count; i += 8) {
-        v4si a = load<v4si>(samples + i);
-        v4si b = load<v4si>(samples + i + 4);
-        store(samples + i, a >> 8);
-        store(samples + i + 4, b >> 8);
+        store128(samples + i, _mm_srai_epi32(load128(samples + i), 8));
+        store128(samples + i + 4, _mm_srai_epi32(load128(samples + i + 4), 8));
     }
     for (; i < count; ++i)
         samples[i] >>= 8;
 }
 
 void dropExtraChannels(LONG* buffer, ULONG frames, ULONG keep, ULONG drop) {
-    if (!buffer || frames == 0 || drop == 0)
+    if (!buffer || frames == 0 || drop == 0 || keep == 0)
         return;
     const SIZE_T stride = (SIZE_T)keep + drop;
-    // Destinations never pass their sources (dst <= src), and each frame is
-    // loaded before it is stored, so front-to-back is safe in place.
-    switch (keep) {
-    case 0:
-        return;
-    case 1:
-        for (SIZE_T f = 1; f < frames; ++f)
-            buffer[f] = buffer[f * stride];
-        return;
-    case 2:
-        for (SIZE_T f = 1; f < frames; ++f)
-            store(buffer + 2 * f, load<ULONGLONG>(buffer + f * stride));
-        return;
-    case 4:
-        for (SIZE_T f = 1; f < frames; ++f)
-            store(buffer + 4 * f, load<v4si>(buffer + f * stride));
-        return;
-    case 8:
-        for (SIZE_T f = 1; f < frames; ++f) {
-            v4si a = load<v4si>(buffer + f * stride);
-            v4si b = load<v4si>(buffer + f * stride + 4);
-            store(buffer + 8 * f, a);
-            store(buffer + 8 * f + 4, b);
-        }
-        return;
-    default:
-        for (SIZE_T f = 1; f < frames; ++f) {
-            LONG* to = buffer + f * keep;
-            const LONG* from = buffer + f * stride;
-            for (SIZE_T j = 0; j < keep; ++j)
-                to[j] = from[j];
-        }
-        return;
+    // Destinations never pass their sources (dst <= src), and each sample
+    // is loaded before it is stored, so front-to-back is safe in place.
+    for (SIZE_T f = 1; f < frames; ++f) {
+        LONG* to = buffer + f * keep;
+        const LONG* from = buffer + f * stride;
+        for (SIZE_T j = 0; j < keep; ++j)
+            to[j] = from[j];
     }
 }
 
@@ -288,141 +437,81 @@ void padExtraChannels(LONG* buffer, ULONG frames, ULONG keep, ULONG pad) {
         return;
     const SIZE_T stride = (SIZE_T)keep + pad;
     // Back to front: a frame's new place never lies below its old one, and
-    // its zeros lie above every sample still to be moved. Each frame is
-    // loaded before it is stored.
-    switch (keep) {
-    case 0:
-        for (SIZE_T f = frames; f-- > 0;)
-            zeroFill(buffer + f * stride, pad);
-        return;
-    case 1:
-        for (SIZE_T f = frames; f-- > 0;) {
-            LONG v = buffer[f];
-            buffer[f * stride] = v;
-            zeroFill(buffer + f * stride + 1, pad);
-        }
-        return;
-    case 2:
-        // A frame's zeros only cover samples of frames already moved.
-        if (stride == 8) {
-            for (SIZE_T f = frames; f-- > 0;)
-                pairFrame<8>(buffer + 8 * f, load<ULONGLONG>(buffer + 2 * f), 8);
-        } else {
-            for (SIZE_T f = frames; f-- > 0;)
-                pairFrame<0>(buffer + f * stride, load<ULONGLONG>(buffer + 2 * f), stride);
-        }
-        return;
-    default:
-        for (SIZE_T f = frames; f-- > 0;) {
-            LONG* to = buffer + f * stride;
-            const LONG* from = buffer + f * keep;
-            for (SIZE_T j = keep; j-- > 0;)
-                to[j] = from[j];
-            zeroFill(to + keep, pad);
-        }
-        return;
+    // its zeros lie above every sample still to be moved.
+    for (SIZE_T f = frames; f-- > 0;) {
+        LONG* to = buffer + f * stride;
+        const LONG* from = buffer + f * keep;
+        for (SIZE_T j = keep; j-- > 0;)
+            to[j] = from[j];
+        zeroFill(to + keep, pad);
     }
 }
 
 void int32ToPcm16(void* destination, const LONG* source, ULONG count) {
     if (!destination || !source || count == 0)
         return;
-    UCHAR* __restrict out = static_cast<UCHAR*>(destination);
-    const LONG* __restrict in = source;
+    UCHAR* out = static_cast<UCHAR*>(destination);
     ULONG i = 0;
+    // After the arithmetic shift every value fits 16 bits: the saturating
+    // pack only narrows.
+    for (; i + 16 <= count; i += 16) {
+        __m128i a = _mm_srai_epi32(load128(source + i), 16);
+        __m128i b = _mm_srai_epi32(load128(source + i + 4), 16);
+        __m128i c = _mm_srai_epi32(load128(source + i + 8), 16);
+        __m128i d = _mm_srai_epi32(load128(source + i + 12), 16);
+        store128(out + 2 * (SIZE_T)i, _mm_packs_epi32(a, b));
+        store128(out + 2 * (SIZE_T)i + 16, _mm_packs_epi32(c, d));
+    }
     for (; i + 8 <= count; i += 8) {
-        v4si a = load<v4si>(in + i);
-        v4si b = load<v4si>(in + i + 4);
-#if defined(__SSE2__)
-        // After the arithmetic shift every value fits 16 bits: the
-        // saturating pack only narrows.
-        v8hi high = __builtin_ia32_packssdw128(a >> 16, b >> 16);
-#else
-        // The odd 16-bit halves are bits 16..31 of each sample.
-        v8hi high = __builtin_shufflevector((v8hi)a, (v8hi)b, 1, 3, 5, 7, 9, 11, 13, 15);
-#endif
-        store(out + 2 * (SIZE_T)i, high);
+        __m128i a = _mm_srai_epi32(load128(source + i), 16);
+        __m128i b = _mm_srai_epi32(load128(source + i + 4), 16);
+        store128(out + 2 * (SIZE_T)i, _mm_packs_epi32(a, b));
     }
     for (; i < count; ++i)
-        store(out + 2 * (SIZE_T)i, (SHORT)(in[i] >> 16));
+        store16(out + 2 * (SIZE_T)i, (ULONG)source[i] >> 16);
 }
 
 void int32ToPcm24(void* destination, const LONG* source, ULONG count) {
     if (!destination || !source || count == 0)
         return;
-    UCHAR* __restrict out = static_cast<UCHAR*>(destination);
-    const LONG* __restrict in = source;
+    UCHAR* out = static_cast<UCHAR*>(destination);
     ULONG i = 0;
-#ifdef MME_SSSE3_PATH
     if (useSsse3())
-        i = pack24Ssse3(out, in, count);
-#endif
-    // Eight samples make three 64-bit words. Each pair of samples x (two
-    // samples in one word) packs to 48 bits: bits 8..31 and 40..63.
-    for (; i + 8 <= count; i += 8) {
-        ULONGLONG p[4];
-        for (int k = 0; k < 4; ++k) {
-            ULONGLONG x = load<ULONGLONG>(in + i + 2 * k);
-            p[k] = ((x >> 8) & 0xFFFFFFull) | ((x >> 16) & 0xFFFFFF000000ull);
-        }
-        UCHAR* at = out + 3 * (SIZE_T)i;
-        store(at, p[0] | (p[1] << 48));
-        store(at + 8, (p[1] >> 16) | (p[2] << 32));
-        store(at + 16, (p[2] >> 32) | (p[3] << 16));
-    }
-    for (; i < count; ++i) {
-        ULONG x = (ULONG)in[i];
-        UCHAR* at = out + 3 * (SIZE_T)i;
-        at[0] = (UCHAR)(x >> 8);
-        at[1] = (UCHAR)(x >> 16);
-        at[2] = (UCHAR)(x >> 24);
-    }
+        i = pack24Ssse3(out, source, count);
+    for (; i + 16 <= count; i += 16)
+        pack24x16Sse2(out + 3 * (SIZE_T)i, source + i);
+    for (; i < count; ++i)
+        store24(out + 3 * (SIZE_T)i, (ULONG)source[i] >> 8);
 }
 
 void pcm16ToInt32(LONG* destination, const void* source, ULONG byteCount) {
     if (!destination || !source)
         return;
     const ULONG count = byteCount / 2;
-    const UCHAR* __restrict in = static_cast<const UCHAR*>(source);
-    LONG* __restrict out = destination;
-    const v8hi zero = {0, 0, 0, 0, 0, 0, 0, 0};
+    const UCHAR* in = static_cast<const UCHAR*>(source);
+    const __m128i zero = _mm_setzero_si128();
     ULONG i = 0;
     for (; i + 8 <= count; i += 8) {
         // Interleaving zeros below each sample is the 16-bit left shift.
-        v8hi x = load<v8hi>(in + 2 * (SIZE_T)i);
-        store(out + i, __builtin_shufflevector(zero, x, 0, 8, 1, 9, 2, 10, 3, 11));
-        store(out + i + 4, __builtin_shufflevector(zero, x, 4, 12, 5, 13, 6, 14, 7, 15));
+        __m128i x = load128(in + 2 * (SIZE_T)i);
+        store128(destination + i, _mm_unpacklo_epi16(zero, x));
+        store128(destination + i + 4, _mm_unpackhi_epi16(zero, x));
     }
     for (; i < count; ++i)
-        out[i] = from16(in + 2 * (SIZE_T)i);
+        destination[i] = from16(in + 2 * (SIZE_T)i);
 }
 
 void pcm24ToInt32(LONG* destination, const void* source, ULONG byteCount) {
     if (!destination || !source)
         return;
     const ULONG count = byteCount / 3;
-    const UCHAR* __restrict in = static_cast<const UCHAR*>(source);
-    LONG* __restrict out = destination;
+    const UCHAR* in = static_cast<const UCHAR*>(source);
     ULONG i = 0;
-#ifdef MME_SSSE3_PATH
     if (useSsse3())
-        i = unpack24Ssse3(out, in, count);
-#endif
-    // Four samples are 12 bytes, read as the words at bytes 0..7 and 4..11:
-    // nothing past the group's last byte is touched.
-    for (; i + 4 <= count; i += 4) {
-        const UCHAR* at = in + 3 * (SIZE_T)i;
-        ULONGLONG w0 = load<ULONGLONG>(at);
-        ULONGLONG w1 = load<ULONGLONG>(at + 4);
-        ULONG s0 = (ULONG)(w0 << 8);
-        ULONG s1 = (ULONG)(w0 >> 16) & 0xFFFFFF00u;
-        ULONG s2 = (ULONG)(w1 >> 8) & 0xFFFFFF00u;
-        ULONG s3 = (ULONG)(w1 >> 32) & 0xFFFFFF00u;
-        store(out + i, ((ULONGLONG)s1 << 32) | s0);
-        store(out + i + 2, ((ULONGLONG)s3 << 32) | s2);
-    }
+        i = unpack24Ssse3<0>(destination, in, count);
+    i += unpack24Sse2<0>(destination + i, in + 3 * (SIZE_T)i, count - i);
     for (; i < count; ++i)
-        out[i] = from24(in + 3 * (SIZE_T)i);
+        destination[i] = from24(in + 3 * (SIZE_T)i);
 }
 
 void convertInput(ULONG frames, LONG* source, ULONG ringChannels, void* destination,
@@ -455,15 +544,6 @@ void convertOutput(ULONG frames, const void* source, ULONG wdmChannels, ULONG wd
         ringChannels < wdmChannels || !countsFit(frames, ringChannels))
         return;
     const ULONG samples = frames * wdmChannels;
-    const bool known = wdmBits == 16 || wdmBits == 24 || wdmBits == 32;
-    if (known && ringChannels > wdmChannels &&
-        !overlap(source, (SIZE_T)samples * (wdmBits / 8), destination,
-                 (SIZE_T)frames * ringChannels * 4)) {
-        // Separate buffers: convert and widen in one pass.
-        widenInto(frames, static_cast<const UCHAR*>(source), wdmChannels, wdmBits / 8, destination,
-                  ringChannels);
-        return;
-    }
     switch (wdmBits) {
     case 16:
         pcm16ToInt32(destination, source, samples * 2);
@@ -482,10 +562,65 @@ void convertOutput(ULONG frames, const void* source, ULONG wdmChannels, ULONG wd
         padExtraChannels(destination, frames, wdmChannels, ringChannels - wdmChannels);
 }
 
+void ringToPcm(ULONG frames, const LONG* ring, ULONG ringChannels, void* pcm, ULONG wdmChannels,
+               ULONG wdmBits) {
+    if (!ring || !pcm || wdmChannels == 0 || frames == 0 || ringChannels < wdmChannels ||
+        !countsFit(frames, ringChannels) || (wdmBits != 16 && wdmBits != 24 && wdmBits != 32))
+        return;
+    const ULONG bytes = wdmBits / 8;
+    UCHAR* out = static_cast<UCHAR*>(pcm);
+    if (ringChannels == wdmChannels) {
+        captureRun(frames * wdmChannels, ring, bytes, out);
+        return;
+    }
+    if (wdmChannels == 2) {
+        if (bytes == 2) {
+            keepPairs<2>(frames, ring, ringChannels, out);
+        } else if (bytes == 4) {
+            keepPairs<4>(frames, ring, ringChannels, out);
+        } else {
+            const ULONG done = useSsse3() ? keepPairs24Ssse3(frames, ring, ringChannels, out) : 0;
+            keepPairs<3>(frames - done, ring + (SIZE_T)done * ringChannels, ringChannels,
+                         out + 6 * (SIZE_T)done);
+        }
+        return;
+    }
+    const SIZE_T frameBytes = (SIZE_T)wdmChannels * bytes;
+    for (ULONG f = 0; f < frames; ++f, ring += ringChannels, out += frameBytes)
+        captureRun(wdmChannels, ring, bytes, out);
+}
+
+void pcmToRing(ULONG frames, const void* pcm, ULONG wdmChannels, ULONG wdmBits, LONG* ring,
+               ULONG ringChannels, ULONG firstChannel) {
+    if (!pcm || !ring || wdmChannels == 0 || frames == 0 ||
+        (ULONGLONG)firstChannel + wdmChannels > ringChannels || !countsFit(frames, ringChannels) ||
+        (wdmBits != 16 && wdmBits != 24 && wdmBits != 32))
+        return;
+    const ULONG bytes = wdmBits / 8;
+    const UCHAR* in = static_cast<const UCHAR*>(pcm);
+    if (firstChannel == 0 && ringChannels == wdmChannels) {
+        renderRun(frames * wdmChannels, in, bytes, ring);
+        return;
+    }
+    if (firstChannel == 0 && wdmChannels == 2) {
+        const bool ssse3 = bytes == 3 && useSsse3();
+        if (bytes == 2)
+            widenPairs<2>(frames, in, ring, ringChannels, false);
+        else if (bytes == 3)
+            widenPairs<3>(frames, in, ring, ringChannels, ssse3);
+        else
+            widenPairs<4>(frames, in, ring, ringChannels, false);
+        return;
+    }
+    const SIZE_T frameBytes = (SIZE_T)wdmChannels * bytes;
+    const ULONG after = ringChannels - firstChannel - wdmChannels;
+    for (ULONG f = 0; f < frames; ++f, in += frameBytes, ring += ringChannels) {
+        zeroFill(ring, firstChannel);
+        renderRun(wdmChannels, in, bytes, ring + firstChannel);
+        zeroFill(ring + firstChannel + wdmChannels, after);
+    }
+}
+
 void setConversionBaselineOnly(bool on) {
-#ifdef MME_SSSE3_PATH
-    __atomic_store_n(&gBaselineOnly, on ? 1 : 0, __ATOMIC_RELAXED);
-#else
-    (void)on;
-#endif
+    MMEStoreOnce(&gBaselineOnly, (LONG)(on ? 1 : 0));
 }

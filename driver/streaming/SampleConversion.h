@@ -32,6 +32,25 @@ void convertInput(ULONG frames, LONG* source, ULONG ringChannels, void* destinat
 void convertOutput(ULONG frames, const void* source, ULONG wdmChannels, ULONG wdmBits,
                    LONG* destination, ULONG ringChannels);
 
+// The period path's single passes, between ring frames (in place in a ring)
+// and stream PCM, with no buffer in between:
+//
+// Capture: frames ring frames of ringChannels working-format samples ->
+// frames x wdmChannels samples of wdmBits; ring channels from wdmChannels
+// on are skipped. Leaves the ring alone.
+void ringToPcm(ULONG frames, const LONG* ring, ULONG ringChannels, void* pcm, ULONG wdmChannels,
+               ULONG wdmBits);
+// Render: frames x wdmChannels samples of wdmBits -> frames ring frames of
+// ringChannels samples in the render ring's format (convertOutput followed
+// by shiftRight8); ring channel firstChannel + j carries stream channel j,
+// every other ring channel is 0.
+//
+// Both do nothing unless both buffers exist, the counts are nonzero, the
+// stream fits the ring (firstChannel + wdmChannels <= ringChannels) and
+// wdmBits is 16, 24 or 32.
+void pcmToRing(ULONG frames, const void* pcm, ULONG wdmChannels, ULONG wdmBits, LONG* ring,
+               ULONG ringChannels, ULONG firstChannel);
+
 // In place: each of count samples shifted right arithmetically by 8.
 void shiftRight8(LONG* samples, ULONG count);
 

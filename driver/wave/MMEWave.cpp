@@ -63,7 +63,7 @@ void MMEWave::openStreams(bool* captureOpen, bool* renderOpen) {
 
 void MMEWave::enterFormatChange() {
     PKTHREAD self = KeGetCurrentThread();
-    if (__atomic_load_n(&mFormatChangeOwner, __ATOMIC_RELAXED) == self) {
+    if (MMELoadOnce(&mFormatChangeOwner) == self) {
         ++mFormatChangeDepth;
         return;
     }
@@ -71,14 +71,14 @@ void MMEWave::enterFormatChange() {
     interval.QuadPart = -10000; // 1 ms, relative
     while (InterlockedCompareExchange(&mFormatChangeBusy, 1, 0) != 0)
         KeDelayExecutionThread(KernelMode, FALSE, &interval);
-    __atomic_store_n(&mFormatChangeOwner, self, __ATOMIC_RELAXED);
+    MMEStoreOnce(&mFormatChangeOwner, self);
     mFormatChangeDepth = 1;
 }
 
 void MMEWave::leaveFormatChange() {
     if (--mFormatChangeDepth != 0)
         return;
-    __atomic_store_n(&mFormatChangeOwner, (PKTHREAD) nullptr, __ATOMIC_RELAXED);
+    MMEStoreOnce(&mFormatChangeOwner, (PKTHREAD) nullptr);
     InterlockedExchange(&mFormatChangeBusy, 0);
 }
 

@@ -360,6 +360,7 @@ NTSTATUS WaveFilter::open(ULONG pinId, const std::vector<UCHAR>& format,
     if (!NT_SUCCESS(status))
         return status;
     s->mPin = pin;
+    s->mObserver = options.observer;
     *stream = std::move(s);
     return STATUS_SUCCESS;
 }
@@ -401,6 +402,8 @@ NTSTATUS KsStream::setState(KSSTATE target) {
         if (!NT_SUCCESS(status))
             return status;
         current = next;
+        if (mObserver)
+            mObserver->stateChanged(mCapture, current);
         if (current == KSSTATE_STOP && !mCapture && mQueue)
             mQueue->clear(); // KS cancels what a stopped render pin had queued
     }
@@ -454,8 +457,12 @@ bool KsStream::removed() const {
 }
 
 void KsStream::close() {
-    if (mPin)
-        mPin->close(false);
+    if (!mPin)
+        return;
+    const bool wasStopped = mPin->closed() || mPin->state() == KSSTATE_STOP;
+    mPin->close(false);
+    if (mObserver && !wasStopped)
+        mObserver->stateChanged(mCapture, KSSTATE_STOP);
 }
 
 } // namespace hostpc

@@ -57,6 +57,25 @@ public:
     virtual void commit(ULONG bytes) = 0;
 };
 
+// Watches a pin for a timeline of the run. serviced() runs in the service
+// routine (dispatch level, the pin's spin lock held): it must not allocate,
+// wait or call back into the pin. stateChanged() runs on the client's
+// thread after each KS state step the driver took, and once with STOP when
+// the client closes a pin that was not stopped.
+class ServiceObserver {
+public:
+    struct Service {
+        bool capture = false;
+        ULONG position = 0; // bytes into the cyclic buffer, as GetPosition said
+        ULONG copied = 0;   // client bytes copied in (render) or out (capture)
+        bool glitch = false;
+        bool overrun = false;
+    };
+    virtual ~ServiceObserver() = default;
+    virtual void serviced(const Service& service) = 0;
+    virtual void stateChanged(bool capture, KSSTATE state) = 0;
+};
+
 // Fixed-capacity byte ring, one producer and one consumer, no lock. It is
 // the source of a render pin and the sink of a capture pin.
 class ByteQueue : public RenderSource, public CaptureSink {
@@ -100,6 +119,8 @@ struct StreamOptions {
     // must outlive the stream's close(). write()/read() then refuse.
     RenderSource* source = nullptr;
     CaptureSink* sink = nullptr;
+    // Null: none; must outlive the stream's close().
+    ServiceObserver* observer = nullptr;
 };
 
 struct StreamCounters {
@@ -169,6 +190,7 @@ private:
 
     detail::WavePin* mPin = nullptr;
     std::unique_ptr<ByteQueue> mQueue;
+    ServiceObserver* mObserver = nullptr;
     bool mCapture = false;
     ULONG mPinId = 0;
     std::vector<UCHAR> mFormat;

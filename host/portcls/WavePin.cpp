@@ -137,6 +137,7 @@ NTSTATUS WavePin::create(PUNKNOWN wavePort, ULONG pinId, bool capture,
     pin->AddRef();
     pin->mSource = source;
     pin->mSink = sink;
+    pin->mObserver = options.observer;
     pin->mLeadFrames = options.leadFrames;
 
     // The port hands the miniport its own copy of the format, as PortCls does.
@@ -362,11 +363,21 @@ STDMETHODIMP_(void) WavePin::RequestService() {
         return;
     }
     ++mCounters.services;
+    const StreamCounters before = mCounters;
     account(position);
     if (mCapture)
         copyCapture(position);
     else
         fillRender();
+    if (mObserver) {
+        ServiceObserver::Service seen;
+        seen.capture = mCapture;
+        seen.position = position;
+        seen.copied = ULONG(mCounters.framesCopied - before.framesCopied);
+        seen.glitch = mCounters.glitches != before.glitches;
+        seen.overrun = mCounters.overruns != before.overruns;
+        mObserver->serviced(seen);
+    }
 }
 
 // ---- States ----

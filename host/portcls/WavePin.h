@@ -84,6 +84,7 @@ private:
     bool mJoined = false;
     RenderSource* mSource = nullptr;
     CaptureSink* mSink = nullptr;
+    ServiceObserver* mObserver = nullptr;
     ULONG mFraming = 0;
     ULONG mIntervalMs = 0;
     ULONG mCreatedBufferBytes = 0;

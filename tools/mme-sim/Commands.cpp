@@ -2,6 +2,7 @@
 #include "Commands.h"
 
 #include "Progress.h"
+#include "Report.h"
 #include "WavFiles.h"
 
 #include "host/kernel/HostKernel.h"
@@ -17,6 +18,7 @@ namespace mmesim {
 namespace {
 
 constexpr size_t kChunkFrames = 4096;
+constexpr double kMaxSeconds = 1000000; // eleven and a half days
 constexpr uint32_t kWriteAhead = usbsim::kDriverWriteAheadFrames;
 
 // Gives up when audio stops moving: in virtual time after a number of
@@ -80,8 +82,10 @@ private:
 double secondsOr(double seconds, double fallback) {
     if (seconds == 0)
         return fallback;
-    if (!(seconds > 0) || seconds > 3600)
-        throw SimError("--seconds " + std::to_string(seconds) + ": use more than 0, at most 3600",
+    // Memory does not grow with the run; the bound only keeps frame counts sane.
+    if (!(seconds > 0) || seconds > kMaxSeconds)
+        throw SimError("--seconds " + std::to_string(seconds) + ": use more than 0, at most " +
+                           std::to_string(int(kMaxSeconds)),
                        kExitUsage);
     return seconds;
 }
@@ -165,20 +169,23 @@ Format negotiated(Sim& sim, bool announce) {
 
 struct LoopbackResult {
     Comparison comparison;
-    size_t frames = 0;
-    size_t latency = 0;
-    size_t measured = 0; // first frame with sound, as captured
+    uint64_t frames = 0;
+    uint64_t latency = 0;
+    uint64_t measured = 0; // first frame with sound, as captured
     uint64_t renderPeriods = 0, capturePeriods = 0;
     uint64_t glitches = 0, overruns = 0;
 };
 
-LoopbackResult loopback(Sim& sim, const Format& format, double seconds) {
+// Plays the test signal through render while capture records the device's
+// loopback; what comes back is checked as it arrives and nothing is kept, so
+// memory does not depend on the length of the run.
+LoopbackResult loopback(Sim& sim, const Format& format, double seconds,
+                        const CommandOptions& options) {
     LoopbackResult result;
     sim.model().setLoopback(kLoopbackFrames);
-    result.frames = size_t(seconds * format.rate + 0.5);
+    result.frames = uint64_t(seconds * format.rate + 0.5);
     result.latency = kWriteAhead + kLoopbackFrames;
     const size_t align = format.blockAlign();
-    const std::vector<uint8_t> signal = testSignal(format, result.frames);
 
     // Capture starts first and alone, so that it may bring the hardware to
     // its rate; render then opens at that rate. No period runs in between,
@@ -186,30 +193,57 @@ LoopbackResult loopback(Sim& sim, const Format& format, double seconds) {
     auto capture = sim.open(true, format);
     sim.run(*capture);
     auto render = sim.open(false, format);
-    size_t written = render->write(signal.data(), result.frames);
-    if (written == result.frames)
+
+    TestSignal signal(format);
+    LoopbackCheck check(format, result.frames, result.latency);
+    std::vector<uint8_t> pending(kChunkFrames * align);
+    size_t pendingFrames = 0, pendingUsed = 0;
+    uint64_t generated = 0;
+    // Queues what fits; the rest of the chunk waits for the next period.
+    auto feed = [&] {
+        while (true) {
+            if (pendingUsed == pendingFrames) {
+                if (generated == result.frames)
+                    break;
+                pendingFrames = size_t(std::min<uint64_t>(kChunkFrames, result.frames - generated));
+                signal.fill(pending.data(), pendingFrames);
+                generated += pendingFrames;
+                pendingUsed = 0;
+            }
+            const size_t n =
+                render->write(pending.data() + pendingUsed * align, pendingFrames - pendingUsed);
+            pendingUsed += n;
+            if (n == 0)
+                return;
+        }
         render->endOfStream();
+    };
+    feed();
     sim.run(*render);
 
-    const size_t wanted = result.frames + result.latency;
-    std::vector<uint8_t> captured;
-    captured.reserve(wanted * align);
+    const uint64_t wanted = check.wanted();
     std::vector<uint8_t> chunk(kChunkFrames * align);
+    // A stalled client: from and to this many periods of the run.
+    const double periodsPerSecond = double(format.rate) / sim.model().periodFrames();
+    const uint64_t stallFrom = uint64_t(options.stallAt * periodsPerSecond);
+    const uint64_t stallTo = uint64_t((options.stallAt + options.stallSeconds) * periodsPerSecond);
+    const uint64_t stallFrames = (stallTo - stallFrom) * sim.model().periodFrames();
     Progress progress("loopback", wanted, format.rate);
-    Watchdog watchdog(sim, wanted, format.rate, "capture");
+    Watchdog watchdog(sim, wanted + stallFrames, format.rate, "capture");
     sim.begin();
-    while (captured.size() / align < wanted) {
+    while (check.seen() < wanted) {
         sim.step();
-        if (written < result.frames) {
-            written += render->write(signal.data() + written * align, result.frames - written);
-            if (written == result.frames)
-                render->endOfStream();
+        const uint64_t period = sim.periodsRun();
+        if (period >= stallFrom && period < stallTo) {
+            watchdog.tick(check.seen(), wanted);
+            continue;
         }
+        feed();
         size_t n;
         while ((n = capture->read(chunk.data(), kChunkFrames)) > 0)
-            captured.insert(captured.end(), chunk.begin(), chunk.begin() + n * align);
-        progress.update(captured.size() / align);
-        watchdog.tick(captured.size() / align, wanted);
+            check.take(chunk.data(), n);
+        progress.update(check.seen());
+        watchdog.tick(check.seen(), wanted);
     }
     sim.end();
     progress.finish();
@@ -220,9 +254,8 @@ LoopbackResult loopback(Sim& sim, const Format& format, double seconds) {
     result.overruns = capture->counters().overruns;
     render->close();
     capture->close();
-    captured.resize(wanted * align);
-    result.comparison = compareLoopback(format, signal, captured, result.latency);
-    result.measured = firstSoundFrame(format, captured);
+    result.comparison = check.result();
+    result.measured = check.firstSound();
     return result;
 }
 
@@ -234,12 +267,13 @@ bool printLoopback(const Format& format, const LoopbackResult& r) {
                 r.renderPeriods, r.capturePeriods);
     std::printf("  glitches       %" PRIu64 " render, %" PRIu64 " capture overruns\n", r.glitches,
                 r.overruns);
-    std::printf("  latency        %zu frames = %.2f ms at %u Hz (%u render write-ahead + %u "
+    std::printf("  latency        %" PRIu64
+                " frames = %.2f ms at %u Hz (%u render write-ahead + %u "
                 "loopback), measured %s\n",
                 r.latency, 1000.0 * double(r.latency) / format.rate, unsigned(format.rate),
                 unsigned(kWriteAhead), unsigned(kLoopbackFrames),
-                r.measured == size_t(-1) ? "no sound at all"
-                                         : (std::to_string(r.measured) + " frames").c_str());
+                r.measured == uint64_t(-1) ? "no sound at all"
+                                           : (std::to_string(r.measured) + " frames").c_str());
     if (exact)
         std::printf("  result         PASS: bit-exact, %zu samples as the conversion rules "
                     "promise\n",
@@ -252,6 +286,77 @@ bool printLoopback(const Format& format, const LoopbackResult& r) {
         std::printf("  result         FAIL: %s\n",
                     c.complete ? "glitches or overruns on the way" : "capture came back short");
     return exact;
+}
+
+// ---- Soak figures and the report ----
+
+void printSoak(Sim& sim, const Format& format) {
+    const SoakFigures f = sim.timeline().figures();
+    auto us = [&](uint32_t frames) { return 1e6 * double(frames) / format.rate; };
+    std::printf("  position       largest deviation of an update from the period clock: render "
+                "%u, capture %u frames (%.1f, %.1f us)\n",
+                f.largestDeviation[1], f.largestDeviation[0], us(f.largestDeviation[1]),
+                us(f.largestDeviation[0]));
+    const std::optional<uint64_t> late = sim.periodsServicedLate();
+    std::printf("  serviced late  %s\n",
+                late ? (std::to_string(*late) + " periods").c_str()
+                     : "n/a (the port services inside the period callback)");
+}
+
+// What the report says besides the timeline; taken before the device goes.
+ReportInput reportInput(Sim& sim, const std::string& command, const Format& format) {
+    ReportInput in;
+    in.command = command;
+    in.device = sim.profile().name;
+    in.format = format;
+    in.periodFrames = sim.model().periodFrames();
+    in.rate = sim.hardware().fr;
+    in.summary.push_back({"command", command});
+    in.summary.push_back({"device", sim.profile().name});
+    if (format.rate)
+        in.summary.push_back({"format", format.text()});
+    return in;
+}
+
+std::string secondsText(double seconds) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f s", seconds);
+    return text;
+}
+
+// Completes the summary with the run's figures and writes the report when
+// one was asked for.
+void finishReport(Sim& sim, ReportInput& in) {
+    if (sim.options().reportPath.empty())
+        return;
+    in.figures = sim.timeline().figures();
+    in.servicedLate = sim.periodsServicedLate();
+    const SoakFigures& f = in.figures;
+    const uint32_t rate = in.format.rate ? in.format.rate : (in.rate ? in.rate : 48000);
+    std::vector<std::pair<std::string, std::string>> figures = {
+        {"periods", std::to_string(f.periods)},
+        {"audio", std::to_string(f.periods * in.periodFrames) + " frames of " +
+                      std::to_string(in.periodFrames) + " a period (" +
+                      secondsText(double(f.periods * in.periodFrames) / rate) + ")"},
+        {"glitches",
+         std::to_string(f.glitches) +
+             (f.glitches ? " (first in period " + std::to_string(f.firstGlitchPeriod) + ")" : "")},
+        {"overruns",
+         std::to_string(f.overruns) +
+             (f.overruns ? " (first in period " + std::to_string(f.firstOverrunPeriod) + ")" : "")},
+        {"jitter", "largest position deviation from the period clock: render " +
+                       std::to_string(f.largestDeviation[1]) + ", capture " +
+                       std::to_string(f.largestDeviation[0]) + " frames"},
+        {"serviced late", in.servicedLate ? std::to_string(*in.servicedLate) + " periods" : "n/a"},
+    };
+    // The figures go after the identity rows and before what the command added.
+    in.summary.insert(in.summary.begin() +
+                          std::min<size_t>(in.summary.size(), in.format.rate ? 3 : 2),
+                      figures.begin(), figures.end());
+    writeReport(sim.options().reportPath, in, sim.timeline());
+    std::printf("  report         %s: %zu of %" PRIu64 " periods kept, %zu events\n",
+                sim.options().reportPath.c_str(), sim.timeline().sample().size(), f.periods,
+                sim.timeline().events().size());
 }
 
 // Runs a stream to RUN and closes it again; empty when accepted, else why not.
@@ -290,11 +395,38 @@ std::string teardown(Sim& sim) {
 
 } // namespace
 
+void parseStall(const std::string& text, CommandOptions* options) {
+    const size_t colon = text.find(':');
+    double at = -1, seconds = -1;
+    try {
+        size_t used = 0;
+        if (colon != std::string::npos) {
+            at = std::stod(text.substr(0, colon), &used);
+            if (used != colon)
+                at = -1;
+            const std::string rest = text.substr(colon + 1);
+            seconds = std::stod(rest, &used);
+            if (used != rest.size())
+                seconds = -1;
+        }
+    } catch (const std::exception&) {
+        at = -1;
+    }
+    if (!(at >= 0) || !(seconds > 0) || at > kMaxSeconds || seconds > kMaxSeconds)
+        throw SimError("--stall \"" + text + "\": use AT:SECONDS, e.g. 0.5:1.5", kExitUsage);
+    options->stallAt = at;
+    options->stallSeconds = seconds;
+}
+
 int runFormats(const CommandOptions& options) {
     Sim sim(options.sim);
     printFormats(sim);
-    if (options.format.empty())
+    ReportInput report = reportInput(sim, "formats", Format{0, 0, 0});
+    if (options.format.empty()) {
+        report.result = "done";
+        finishReport(sim, report);
         return kExitOk;
+    }
     Format format;
     try {
         format = parseFormat(options.format, false);
@@ -308,7 +440,11 @@ int runFormats(const CommandOptions& options) {
         refused = refused || !why.empty();
         std::printf("  %-8s %s\n", capture ? "capture" : "render",
                     why.empty() ? "accepted" : why.c_str());
+        report.summary.push_back({std::string(capture ? "capture " : "render ") + format.triple(),
+                                  why.empty() ? "accepted" : why});
     }
+    report.result = refused ? "refused" : "accepted";
+    finishReport(sim, report);
     std::fflush(stdout);
     if (refused)
         throw SimError("the driver refuses " + format.triple() + " (see above)");
@@ -317,7 +453,8 @@ int runFormats(const CommandOptions& options) {
 
 // Loopback at the asked (or negotiated) format, checked and reported; the
 // exit code says whether it was bit-exact and the teardown clean.
-int loopbackAndReport(Sim& sim, const CommandOptions& options, double seconds) {
+int loopbackAndReport(Sim& sim, const CommandOptions& options, double seconds,
+                      const char* command) {
     Format format;
     if (options.format.empty()) {
         format = negotiated(sim, true);
@@ -332,15 +469,36 @@ int loopbackAndReport(Sim& sim, const CommandOptions& options, double seconds) {
                 "plays %u frames later\n",
                 format.text().c_str(), seconds, unsigned(kLoopbackFrames));
     std::fflush(stdout);
-    LoopbackResult r = loopback(sim, format, seconds);
+    LoopbackResult r = loopback(sim, format, seconds, options);
     const bool exact = printLoopback(format, r);
+    printSoak(sim, format);
+    ReportInput report = reportInput(sim, command, format);
     const bool clean = teardown(sim).empty();
+
+    report.latencyFrames =
+        r.measured == uint64_t(-1) ? std::nullopt : std::optional<uint64_t>(r.measured);
+    report.result = exact ? "PASS" : "FAIL";
+    char latency[128];
+    std::snprintf(latency, sizeof latency, "%" PRIu64 " frames = %.2f ms (measured %s)", r.latency,
+                  1000.0 * double(r.latency) / format.rate,
+                  r.measured == uint64_t(-1) ? "no sound" : std::to_string(r.measured).c_str());
+    report.summary.push_back({"latency", latency});
+    const Comparison& c = r.comparison;
+    std::string result = "PASS: bit-exact";
+    if (!exact)
+        result = c.mismatches ? "FAIL: " + std::to_string(c.mismatches) + " of " +
+                                    std::to_string(c.samples) + " samples differ, first at frame " +
+                                    std::to_string(c.firstFrame)
+                 : c.complete ? "FAIL: glitches or overruns on the way"
+                              : "FAIL: capture came back short";
+    report.summary.push_back({"result", result + (clean ? "" : "; teardown NOT CLEAN")});
+    finishReport(sim, report);
     return exact && clean ? kExitOk : kExitMismatch;
 }
 
 int runLoopback(const CommandOptions& options) {
     Sim sim(options.sim);
-    return loopbackAndReport(sim, options, secondsOr(options.seconds, 2));
+    return loopbackAndReport(sim, options, secondsOr(options.seconds, 2), "loopback");
 }
 
 int runDemo(const CommandOptions& options) {
@@ -350,7 +508,7 @@ int runDemo(const CommandOptions& options) {
                 sim.realtime() ? "real" : "virtual");
     printFormats(sim);
     std::printf("\n");
-    return loopbackAndReport(sim, options, seconds);
+    return loopbackAndReport(sim, options, seconds, "demo");
 }
 
 int runPlay(const CommandOptions& options) {
@@ -450,7 +608,13 @@ int runPlay(const CommandOptions& options) {
         std::printf("  device output  %s: %u channels, 24-bit, %u Hz, %" PRIu64
                     " frames from the stream's first frame\n",
                     options.out.c_str(), unsigned(hw.outCH), unsigned(hw.fr), total);
-    return teardown(sim).empty() ? kExitOk : kExitMismatch;
+    printSoak(sim, format);
+    ReportInput report = reportInput(sim, "play", format);
+    report.summary.push_back({"played", std::to_string(played) + " frames of " + options.file});
+    const bool clean = teardown(sim).empty();
+    report.result = clean ? "done" : "teardown NOT CLEAN";
+    finishReport(sim, report);
+    return clean ? kExitOk : kExitMismatch;
 }
 
 int runRecord(const CommandOptions& options) {
@@ -527,7 +691,14 @@ int runRecord(const CommandOptions& options) {
     std::printf("Summary\n");
     std::printf("  recorded       %" PRIu64 " frames into %s\n", recorded, options.file.c_str());
     std::printf("  overruns       %" PRIu64 "\n", counters.overruns);
-    return teardown(sim).empty() ? kExitOk : kExitMismatch;
+    printSoak(sim, format);
+    ReportInput report = reportInput(sim, "record", format);
+    report.summary.push_back({"recorded", std::to_string(recorded) + " frames into " +
+                                              options.file + " from " + input->describe()});
+    const bool clean = teardown(sim).empty();
+    report.result = clean ? "done" : "teardown NOT CLEAN";
+    finishReport(sim, report);
+    return clean ? kExitOk : kExitMismatch;
 }
 
 } // namespace mmesim

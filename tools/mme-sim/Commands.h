@@ -26,7 +26,13 @@ struct CommandOptions {
     std::string out;       // play: device output WAV
     std::string input;     // record: device input WAV
     std::string generator; // record: device input generator
+    // loopback and demo: the client neither writes nor reads for
+    // stallSeconds from stallAt on (seconds of the run); 0: never.
+    double stallAt = 0, stallSeconds = 0;
 };
+
+// Parses "AT:SECONDS" for --stall; throws SimError (usage) when malformed.
+void parseStall(const std::string& text, CommandOptions* options);
 
 int runDemo(const CommandOptions& options);
 int runLoopback(const CommandOptions& options);

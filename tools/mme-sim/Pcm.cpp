@@ -1,7 +1,9 @@
 // PCM packing, test signal and the loopback rule of mme-sim.
 #include "Pcm.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <stdexcept>
 
 namespace mmesim {
@@ -96,61 +98,149 @@ int32_t loopbackExpected(int32_t s, unsigned bits) {
     }
 }
 
-std::vector<uint8_t> testSignal(const Format& format, size_t frames) {
-    const unsigned bytes = format.bits / 8;
-    std::vector<uint8_t> out(frames * format.blockAlign());
+namespace {
+constexpr size_t kChunkFrames = 4096;
+}
+
+TestSignal::TestSignal(const Format& format) : mFormat(format), mAlign(format.blockAlign()) {
+    if (format.rate == 0 || format.rate > kMaxRate)
+        throw std::invalid_argument("the test signal needs a rate of 1.." +
+                                    std::to_string(kMaxRate) + " Hz");
     const double full = std::ldexp(1.0, format.bits - 1) - 1.0;
     const double twoPi = 6.283185307179586476925286766559;
+    mTable.resize(format.rate);
+    mExpected.resize(format.rate);
+    bool identical = true;
+    for (uint32_t k = 0; k < format.rate; ++k) {
+        const double v = std::round(0.5 * full * std::cos(twoPi * double(k) / format.rate));
+        mTable[k] = int32_t(int64_t(v));
+        mExpected[k] = loopbackExpected(mTable[k], format.bits);
+        identical = identical && mExpected[k] == mTable[k];
+    }
     for (unsigned c = 0; c < format.channels; ++c) {
-        const double step = twoPi * (997.0 + 498.0 * c) / format.rate;
-        for (size_t f = 0; f < frames; ++f) {
-            const double v = std::round(0.5 * full * std::cos(step * double(f)));
-            packSample(&out[f * format.blockAlign() + c * bytes], format.bits, int32_t(int64_t(v)));
-        }
+        mStep.push_back(uint32_t((997u + 498u * c) % format.rate));
+        mPhase.push_back(0);
     }
-    return out;
+    const size_t secondBytes = size_t(format.rate) * mAlign;
+    if (secondBytes > kMaxSecondBytes) {
+        mChunk.resize(kChunkFrames * mAlign);
+        return;
+    }
+    mSecond.resize(secondBytes);
+    produce(mSecond.data(), format.rate, mTable);
+    if (!identical) {
+        std::fill(mPhase.begin(), mPhase.end(), 0);
+        mSecondExpected.resize(secondBytes);
+        produce(mSecondExpected.data(), format.rate, mExpected);
+    }
+    mTable.clear();
+    mTable.shrink_to_fit();
+    mExpected.clear();
+    mExpected.shrink_to_fit();
 }
 
-Comparison compareLoopback(const Format& format, const std::vector<uint8_t>& rendered,
-                           const std::vector<uint8_t>& captured, size_t latency) {
-    Comparison r;
-    const unsigned bytes = format.bits / 8;
-    const size_t align = format.blockAlign();
-    const size_t renderFrames = rendered.size() / align;
-    const size_t captureFrames = captured.size() / align;
-    const size_t total = latency + renderFrames;
-    r.complete = captureFrames >= total;
-    for (size_t f = 0; f < std::min(total, captureFrames); ++f) {
-        for (unsigned c = 0; c < format.channels; ++c) {
-            const int32_t got = unpackSample(&captured[f * align + c * bytes], format.bits);
-            const int32_t want =
-                f < latency
-                    ? 0
-                    : loopbackExpected(
-                          unpackSample(&rendered[(f - latency) * align + c * bytes], format.bits),
-                          format.bits);
-            ++r.samples;
-            if (got != want) {
-                if (r.mismatches == 0) {
-                    r.firstFrame = f;
-                    r.firstChannel = c;
-                    r.expected = want;
-                    r.got = got;
-                }
-                ++r.mismatches;
+void TestSignal::produce(uint8_t* out, size_t frames, const std::vector<int32_t>& table) {
+    const unsigned bytes = mFormat.bits / 8;
+    const uint32_t rate = mFormat.rate;
+    for (unsigned c = 0; c < mFormat.channels; ++c) {
+        uint32_t k = mPhase[c];
+        const uint32_t step = mStep[c];
+        uint8_t* p = out + c * bytes;
+        for (size_t f = 0; f < frames; ++f, p += mAlign) {
+            packSample(p, mFormat.bits, table[k]);
+            k += step;
+            if (k >= rate)
+                k -= rate;
+        }
+        mPhase[c] = k;
+    }
+}
+
+void TestSignal::fill(uint8_t* out, size_t frames) {
+    if (mSecond.empty()) {
+        produce(out, frames, mTable);
+        return;
+    }
+    while (frames > 0) {
+        const size_t n = std::min(frames, size_t(mFormat.rate) - mAt);
+        std::memcpy(out, mSecond.data() + mAt * mAlign, n * mAlign);
+        out += n * mAlign;
+        frames -= n;
+        mAt = (mAt + n) % mFormat.rate;
+    }
+}
+
+const uint8_t* TestSignal::expected(size_t* frames) {
+    if (mSecond.empty()) {
+        *frames = std::min(*frames, kChunkFrames);
+        produce(mChunk.data(), *frames, mExpected);
+        return mChunk.data();
+    }
+    *frames = std::min(*frames, size_t(mFormat.rate) - mAt);
+    const std::vector<uint8_t>& second = mSecondExpected.empty() ? mSecond : mSecondExpected;
+    const uint8_t* where = second.data() + mAt * mAlign;
+    mAt = (mAt + *frames) % mFormat.rate;
+    return where;
+}
+
+LoopbackCheck::LoopbackCheck(const Format& format, uint64_t frames, uint64_t latency)
+    : mFormat(format), mFrames(frames), mLatency(latency), mSignal(format),
+      mSilence(kChunkFrames * format.blockAlign()) {}
+
+void LoopbackCheck::take(const uint8_t* captured, size_t frames) {
+    const size_t align = mFormat.blockAlign();
+    const uint64_t total = wanted();
+    if (mSeen >= total)
+        return;
+    frames = size_t(std::min<uint64_t>(frames, total - mSeen));
+    if (mFirstSound == uint64_t(-1))
+        for (size_t i = 0; i < frames * align; ++i)
+            if (captured[i] != 0) {
+                mFirstSound = mSeen + i / align;
+                break;
             }
+    while (frames > 0) {
+        size_t n = frames;
+        const uint8_t* want;
+        if (mSeen < mLatency) {
+            n = size_t(std::min<uint64_t>({n, mLatency - mSeen, kChunkFrames}));
+            want = mSilence.data();
+        } else {
+            want = mSignal.expected(&n);
         }
+        compare(captured, want, n, mSeen);
+        captured += n * align;
+        frames -= n;
+        mSeen += n;
     }
-    return r;
 }
 
-size_t firstSoundFrame(const Format& format, const std::vector<uint8_t>& pcm) {
-    const size_t align = format.blockAlign();
-    for (size_t f = 0; f < pcm.size() / align; ++f)
-        for (size_t b = 0; b < align; ++b)
-            if (pcm[f * align + b] != 0)
-                return f;
-    return size_t(-1);
+void LoopbackCheck::compare(const uint8_t* got, const uint8_t* want, size_t frames,
+                            uint64_t first) {
+    const unsigned bytes = mFormat.bits / 8;
+    const size_t align = mFormat.blockAlign();
+    mResult.samples += frames * mFormat.channels;
+    if (std::memcmp(got, want, frames * align) == 0)
+        return;
+    for (size_t f = 0; f < frames; ++f)
+        for (unsigned c = 0; c < mFormat.channels; ++c) {
+            const size_t at = f * align + c * bytes;
+            if (std::memcmp(got + at, want + at, bytes) == 0)
+                continue;
+            if (mResult.mismatches == 0) {
+                mResult.firstFrame = size_t(first + f);
+                mResult.firstChannel = c;
+                mResult.expected = unpackSample(want + at, mFormat.bits);
+                mResult.got = unpackSample(got + at, mFormat.bits);
+            }
+            ++mResult.mismatches;
+        }
+}
+
+Comparison LoopbackCheck::result() const {
+    Comparison r = mResult;
+    r.complete = mSeen >= wanted();
+    return r;
 }
 
 } // namespace mmesim

@@ -31,9 +31,41 @@ void packSample(uint8_t* p, unsigned bits, int32_t value);
 // back as s; 24-bit comes back unchanged; 32-bit loses its low 8 bits.
 int32_t loopbackExpected(int32_t s, unsigned bits);
 
-// Cosines at half scale, 997 Hz on the first channel and 498 Hz higher on
-// each next one, quantised to the stream's width; never zero at frame 0.
-std::vector<uint8_t> testSignal(const Format& format, size_t frames);
+// The test signal, produced frame after frame in constant memory: cosines
+// at half scale, 997 Hz on the first channel and 498 Hz higher on each next
+// one, quantised to the stream's width; never zero at frame 0. Every channel
+// runs a whole number of cycles in a second, so one second of packed frames,
+// computed once, repeats exactly: frames cost a copy, not a libm call. For
+// formats where that second would be too large, frame n of channel c is
+// entry (n x Hz_c mod rate) of a one-cycle table instead. Two generators of
+// one format agree bit for bit.
+class TestSignal {
+public:
+    // Throws std::invalid_argument for a rate above kMaxRate.
+    explicit TestSignal(const Format& format);
+    static constexpr uint32_t kMaxRate = 768000;
+    static constexpr size_t kMaxSecondBytes = size_t(16) << 20;
+    // The next `frames` frames, packed in the stream's format.
+    void fill(uint8_t* out, size_t frames);
+    // The next frames as they must come back through the loopback: up to
+    // `*frames` of them, contiguous at the pointer; *frames says how many.
+    // Valid until the next call.
+    const uint8_t* expected(size_t* frames);
+
+private:
+    void produce(uint8_t* out, size_t frames, const std::vector<int32_t>& table);
+
+    Format mFormat;
+    size_t mAlign;
+    std::vector<int32_t> mTable;          // one cycle at 1 Hz, rate entries
+    std::vector<int32_t> mExpected;       // mTable through loopbackExpected
+    std::vector<uint32_t> mPhase;         // per channel: table index of the next frame
+    std::vector<uint32_t> mStep;          // per channel: Hz mod rate
+    std::vector<uint8_t> mSecond;         // one second of packed frames; empty: too large
+    std::vector<uint8_t> mSecondExpected; // the same through the loopback; empty: identical
+    size_t mAt = 0;                       // next frame within the second
+    std::vector<uint8_t> mChunk;          // expected frames when there is no second
+};
 
 struct Comparison {
     size_t samples = 0; // compared
@@ -43,11 +75,31 @@ struct Comparison {
     int32_t expected = 0, got = 0;
     bool complete = false; // enough capture frames to compare all of them
 };
-// Capture must hold `latency` frames of silence, then the render signal
-// converted by the rules.
-Comparison compareLoopback(const Format& format, const std::vector<uint8_t>& rendered,
-                           const std::vector<uint8_t>& captured, size_t latency);
-// First frame index with a nonzero sample; npos when all silent.
-size_t firstSoundFrame(const Format& format, const std::vector<uint8_t>& pcm);
+
+// Checks capture as it comes back: `latency` frames of silence, then
+// `frames` frames of the test signal converted by the rules. Keeps nothing
+// of what it saw, so a run of any length checks in constant memory.
+class LoopbackCheck {
+public:
+    LoopbackCheck(const Format& format, uint64_t frames, uint64_t latency);
+    // Takes the next captured frames; those beyond the end are ignored.
+    void take(const uint8_t* captured, size_t frames);
+    uint64_t wanted() const { return mLatency + mFrames; }
+    uint64_t seen() const { return mSeen; }
+    Comparison result() const;
+    // First frame with a nonzero sample; npos when all silent so far.
+    uint64_t firstSound() const { return mFirstSound; }
+
+private:
+    void compare(const uint8_t* got, const uint8_t* want, size_t frames, uint64_t first);
+
+    Format mFormat;
+    uint64_t mFrames, mLatency;
+    TestSignal mSignal;
+    std::vector<uint8_t> mSilence; // one chunk
+    uint64_t mSeen = 0;
+    uint64_t mFirstSound = uint64_t(-1);
+    Comparison mResult;
+};
 
 } // namespace mmesim

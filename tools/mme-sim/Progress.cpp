@@ -33,7 +33,9 @@ void Progress::update(uint64_t frames) {
         std::fflush(stdout);
         return;
     }
-    const int whole = int(frames / mRate);
+    // A line a second, or a line a hundredth of the job for longer ones.
+    const uint64_t every = std::max<uint64_t>(mRate, mTotal / 100 / mRate * mRate);
+    const int whole = int(frames / every);
     if (whole == mLastShown || whole == 0)
         return;
     mLastShown = whole;

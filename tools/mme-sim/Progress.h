@@ -1,6 +1,6 @@
 // Progress of mme-sim: a bar redrawn in place when stdout is a terminal,
-// one plain line per second of audio otherwise; nothing for jobs of a
-// second or less.
+// one plain line per second of audio otherwise (per hundredth of the job
+// beyond 100 s); nothing for jobs of a second or less.
 #pragma once
 
 #include <cstdint>

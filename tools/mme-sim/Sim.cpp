@@ -2,9 +2,12 @@
 // wave filter, trace tap and clock.
 #include "Sim.h"
 
+#include "driver/adapter/MMEAdapter.h"
+#include "driver/streaming/MMEDMAEmulator.h"
 #include "host/kernel/HostKernel.h"
 
 #include <chrono>
+#include <cstdio>
 #include <iostream>
 #include <thread>
 
@@ -30,6 +33,27 @@ std::string withoutPrefix(const std::string& line) {
     }
     size_t start = text.find_first_not_of(' ');
     return start == std::string::npos ? std::string() : text.substr(start);
+}
+
+// The driver's DMA channels as a debugger would read them: through the
+// adapter that the link record names. Period thread, after the exchange.
+bool probeDma(void* context, uint32_t position[2], uint32_t offset[2], uint32_t blockAlign[2],
+              uint32_t bufferBytes[2]) {
+    const usbsim::UsbDriverModel* model = static_cast<const usbsim::UsbDriverModel*>(context);
+    MMEAdapterInfo* link = model->link();
+    const MMEAdapter* adapter = link ? static_cast<const MMEAdapter*>(link->mpContext) : nullptr;
+    if (!adapter)
+        return false;
+    const MMEDMAEmulator* channels[2] = {adapter->getCaptureDMAChannel(),
+                                         adapter->getRenderDMAChannel()};
+    for (int d = 0; d < 2; ++d) {
+        const MMEDMAEmulator* c = channels[d];
+        position[d] = c ? c->position() : 0;
+        offset[d] = c ? c->transferOffset() : 0;
+        blockAlign[d] = c ? c->wdmChannels() * ((c->wdmBits() + 7) / 8) : 0;
+        bufferBytes[d] = c ? c->wdmBufferBytes() : 0;
+    }
+    return true;
 }
 
 } // namespace
@@ -60,11 +84,18 @@ void TraceTap::take(const std::string& text) {
     size_t end;
     while ((end = mPartial.find('\n')) != std::string::npos) {
         mRecent.push_back(mPartial.substr(0, end));
+        if (mLineHook)
+            mLineHook(mRecent.back());
         mPartial.erase(0, end + 1);
         ++mTotal;
         if (mRecent.size() > kRecentLines)
             mRecent.pop_front();
     }
+}
+
+void TraceTap::setLineHook(std::function<void(const std::string&)> hook) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mLineHook = std::move(hook);
 }
 
 size_t TraceTap::mark() const {
@@ -87,7 +118,19 @@ std::string TraceTap::reasonSince(size_t mark) const {
 }
 
 Sim::Sim(const SimOptions& options) : mOptions(options) {
+    if (!options.reportPath.empty()) {
+        // Known at once, not after an hour's run.
+        const std::string part = options.reportPath + ".part";
+        std::ofstream probe(part, std::ios::out | std::ios::app);
+        if (!probe)
+            throw SimError(options.reportPath + ": cannot write the report");
+        probe.close();
+        std::remove(part.c_str());
+    }
+    mTimeline.reset(new Timeline(!options.reportPath.empty()));
     mTrace.reset(new TraceTap(options.tracePath, options.verbose));
+    Timeline* timeline = mTimeline.get();
+    mTrace->setLineHook([timeline](const std::string& line) { timeline->traceLine(line); });
     hostk::useVirtualTime(!options.realtime);
 
     usbsim::DeviceProfile profile = usbsim::DeviceProfile::builtInDefault();
@@ -103,6 +146,7 @@ Sim::Sim(const SimOptions& options) : mOptions(options) {
     } catch (const std::exception& e) {
         throw SimError(std::string("bad profile: ") + e.what());
     }
+    mModel->setObserver(timeline);
     mLoader.reset(options.driverPath.empty() ? new hostpc::DriverLoader()
                                              : new hostpc::DriverLoader(options.driverPath));
     if (!mLoader->imageError().empty())
@@ -110,6 +154,9 @@ Sim::Sim(const SimOptions& options) : mOptions(options) {
     mDriverDescription = mLoader->runsImage()
                              ? "Windows image " + mLoader->imagePath() + " (its own code, loaded)"
                              : std::string("host build linked into mme-sim");
+    // The DMA probe reads the linked driver's objects; an image's are its own.
+    if (!mLoader->runsImage())
+        timeline->setDmaProbe(&probeDma, mModel.get());
     if (!NT_SUCCESS(mLoader->entryStatus()))
         throw SimError("DriverEntry failed: " + hostpc::statusName(mLoader->entryStatus()));
     NTSTATUS status = mLoader->addDevice(mModel->pdo());
@@ -147,12 +194,19 @@ std::unique_ptr<hostpc::KsStream> Sim::open(bool capture, const Format& format,
     mModel->clearCalls();
     const size_t mark = mTrace->mark();
     std::unique_ptr<hostpc::KsStream> stream;
+    hostpc::StreamOptions watched = options;
+    if (!watched.observer)
+        watched.observer = mTimeline.get();
     NTSTATUS status = mFilter->open(capture ? hostpc::kWaveCapturePin : hostpc::kWaveRenderPin,
                                     hostpc::pcmFormat(format.rate, format.channels, format.bits),
-                                    options, &stream);
-    if (!NT_SUCCESS(status))
+                                    watched, &stream);
+    if (!NT_SUCCESS(status)) {
+        const std::string why = refusal(status, mark);
+        mTimeline->event("refusal", std::string(capture ? "capture" : "render") + " " +
+                                        format.triple() + " refused: " + why);
         throw SimError(std::string("the driver refused ") + (capture ? "capture" : "render") +
-                       " at " + format.triple() + ": " + refusal(status, mark));
+                       " at " + format.triple() + ": " + why);
+    }
     return stream;
 }
 
@@ -202,6 +256,7 @@ std::string Sim::shutdown() {
     end();
     mFilter.reset();
     mLoader.reset(); // removes the device
+    mModel->setObserver(nullptr);
     mModel.reset();
     std::string problems = hostk::checkClean();
     mTrace.reset();

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "Pcm.h"
+#include "Timeline.h"
 
 #include "host/portcls/HostPortCls.h"
 #include "host/portcls/KsClient.h"
@@ -14,6 +15,7 @@
 
 #include <deque>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -37,6 +39,7 @@ struct SimOptions {
     std::string tracePath;   // driver trace to this file
     bool verbose = false;    // driver trace to stderr
     bool realtime = false;
+    std::string reportPath; // timeline report to this HTML file
     std::string driverPath; // a Windows image (.sys) to run instead of the linked driver
 };
 
@@ -49,6 +52,8 @@ public:
     // The driver's own words for a refusal among the lines since `mark`:
     // the last line that says why; empty when none does.
     std::string reasonSince(size_t mark) const;
+    // Each complete line, as it comes (with the tap's lock held).
+    void setLineHook(std::function<void(const std::string&)> hook);
 
 private:
     void take(const std::string& text);
@@ -58,6 +63,7 @@ private:
     bool mStderr;
     std::string mPartial;
     std::deque<std::string> mRecent;
+    std::function<void(const std::string&)> mLineHook;
     size_t mTotal = 0;
 };
 
@@ -91,6 +97,14 @@ public:
     void end();
     uint64_t periodsRun() { return mModel->periodsRun(); }
 
+    // What the run did, period by period; outlives shutdown().
+    Timeline& timeline() { return *mTimeline; }
+    const SimOptions& options() const { return mOptions; }
+    // Periods in which the port serviced its pins late. The host port
+    // services inside the period callback, so there is no such count yet
+    // (none); a port that services concurrently reports it here.
+    std::optional<uint64_t> periodsServicedLate() const { return std::nullopt; }
+
     // Removes the device and the model; what the host kernel reports left
     // over (empty when clean).
     std::string shutdown();
@@ -100,6 +114,7 @@ public:
 private:
     std::string mDriverDescription;
     SimOptions mOptions;
+    std::unique_ptr<Timeline> mTimeline;
     std::unique_ptr<TraceTap> mTrace;
     std::unique_ptr<usbsim::UsbDriverModel> mModel;
     std::unique_ptr<hostpc::DriverLoader> mLoader;

@@ -56,6 +56,14 @@ int main(int argc, char** argv) {
     app.add_flag("--realtime", o.sim.realtime, "pace the device by its sample clock");
     app.add_option("--seconds", o.seconds, "length of the demo, loopback or recording")
         ->type_name("N");
+    app.add_option("--report", o.sim.reportPath,
+                   "write a timeline of what the driver did to FILE (self-contained HTML)")
+        ->type_name("FILE.html");
+    std::string stall;
+    app.add_option("--stall", stall,
+                   "demo and loopback: the client writes and reads nothing for SECONDS from AT "
+                   "(a late client, to see its glitches)")
+        ->type_name("AT:SECONDS");
 
     CLI::App* play = app.add_subcommand("play", "play a WAV file through the render pin");
     play->add_option("FILE", o.file, "16-, 24- or 32-bit PCM WAV")->required();
@@ -86,6 +94,8 @@ int main(int argc, char** argv) {
     }
 
     try {
+        if (!stall.empty())
+            mmesim::parseStall(stall, &o);
         if (play->parsed())
             return mmesim::runPlay(o);
         if (record->parsed())

@@ -1,0 +1,17 @@
+# Puts the mme snippet into ~/.asoundrc (cmake -DSNIPPET=FILE -P this), in
+# place of an earlier copy between its markers; the rest of the file stays.
+set(target "$ENV{HOME}/.asoundrc")
+file(READ "${SNIPPET}" snippet)
+set(kept "")
+if(EXISTS "${target}")
+    file(READ "${target}" kept)
+    if(NOT EXISTS "${target}.before-mme")
+        file(WRITE "${target}.before-mme" "${kept}")
+    endif()
+    string(REGEX REPLACE "# >>> mme:[^\n]*\n.*# <<< mme\n?" "" kept "${kept}")
+    if(NOT kept STREQUAL "" AND NOT kept MATCHES "\n$")
+        string(APPEND kept "\n")
+    endif()
+endif()
+file(WRITE "${target}" "${kept}${snippet}")
+message(STATUS "pcm.mme is in ${target}: try aplay -D mme song.wav")

@@ -1,0 +1,340 @@
+// The device behind an open PCM: trace tap, model USB driver, driver, clock
+// and the window onto the device's output.
+#include "MmeDevice.h"
+
+#include "host/kernel/HostKernel.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace mmealsa {
+
+namespace {
+
+constexpr size_t kRecentLines = 400;
+
+// The process's device, shared by its PCMs of the same parameters (a
+// program that plays and records at once, on one device).
+std::mutex gDeviceLock;
+std::weak_ptr<Device> gDevice;
+
+// What the driver says when it refuses something, by the words it uses.
+const char* const kReasonWords[] = {
+    "ERROR",          "DISABLED",      "not allowed",     "mismach",           "prevented",
+    "second capture", "second render", "(less channels)", "invalid paramter",  "No DMA",
+    "!pPinDesc",      "refused",       "failed",          "already allocated",
+};
+
+std::string withoutPrefix(const std::string& line) {
+    std::string text = line;
+    if (text.compare(0, 6, "MME: (") == 0) {
+        const size_t close = text.find(") ");
+        if (close != std::string::npos)
+            text = text.substr(close + 2);
+    }
+    const size_t start = text.find_first_not_of(' ');
+    return start == std::string::npos ? std::string() : text.substr(start);
+}
+
+uint32_t loadRing(const ULONG& field) {
+    return __atomic_load_n(&field, __ATOMIC_ACQUIRE);
+}
+
+// Passes on what the device plays from the render stream's first frame on.
+// The stream's first frame went into the render ring at the ring's write
+// position less what the stream has moved since, plus the driver's write
+// offset; each period hands over the ring frames that end at the device's
+// read position. Runs in the model's period, with its period lock held.
+class StreamWindow : public usbsim::OutputBackend {
+public:
+    StreamWindow(std::shared_ptr<usbsim::OutputBackend> inner, usbsim::UsbDriverModel& model,
+                 std::function<uint64_t()> streamFrames)
+        : mInner(std::move(inner)), mModel(model), mStreamFrames(std::move(streamFrames)) {}
+    void configure(uint32_t rate, uint32_t channels) override { mInner->configure(rate, channels); }
+    void write(const int32_t* source, uint32_t frames, uint32_t channels) override {
+        if (!mLocated) {
+            const uint64_t moved = mStreamFrames();
+            if (moved == 0 || !mModel.mmeAttached())
+                return;
+            const AudioSM& ring = mModel.renderRing();
+            const uint32_t first =
+                loadRing(ring.mWritePos) - uint32_t(moved) + loadRing(ring.mWriteOffset);
+            const uint32_t handed = mModel.renderReadPos() - frames;
+            const int32_t skip = int32_t(first - handed);
+            mSkip = skip > 0 ? uint32_t(skip) : 0;
+            mLocated = true;
+        }
+        if (mSkip >= frames) {
+            mSkip -= frames;
+            return;
+        }
+        mInner->write(source + size_t(mSkip) * channels, frames - mSkip, channels);
+        mSkip = 0;
+    }
+    std::string describe() const override { return mInner->describe(); }
+
+private:
+    std::shared_ptr<usbsim::OutputBackend> mInner;
+    usbsim::UsbDriverModel& mModel;
+    std::function<uint64_t()> mStreamFrames;
+    bool mLocated = false;
+    uint32_t mSkip = 0;
+};
+
+// The device's output: always into the loopback when there is one, into the
+// output backend's window once a render stream has begun.
+class OutputRouter : public usbsim::OutputBackend {
+public:
+    explicit OutputRouter(std::shared_ptr<usbsim::LoopbackBackend> loop) : mLoop(std::move(loop)) {}
+    void configure(uint32_t rate, uint32_t channels) override {
+        if (mLoop)
+            mLoop->configure(rate, channels);
+    }
+    void write(const int32_t* source, uint32_t frames, uint32_t channels) override {
+        if (mLoop)
+            mLoop->write(source, frames, channels);
+        if (StreamWindow* window = mWindow.load(std::memory_order_acquire))
+            window->write(source, frames, channels);
+    }
+    std::string describe() const override { return "router"; }
+    // Client thread; the window's backend is configured already.
+    void begin(std::unique_ptr<StreamWindow> window) {
+        mOwned = std::move(window);
+        mWindow.store(mOwned.get(), std::memory_order_release);
+    }
+
+private:
+    std::shared_ptr<usbsim::LoopbackBackend> mLoop;
+    std::unique_ptr<StreamWindow> mOwned;
+    std::atomic<StreamWindow*> mWindow{nullptr};
+};
+
+} // namespace
+
+std::shared_ptr<Device> Device::acquire(const DeviceParams& params) {
+    std::lock_guard<std::mutex> lock(gDeviceLock);
+    std::shared_ptr<Device> device = gDevice.lock();
+    if (device) {
+        const DeviceParams& p = device->params();
+        if (p.profile != params.profile || p.input != params.input || p.output != params.output ||
+            p.driver != params.driver || p.trace != params.trace)
+            throw DeviceError("this process has the device open already, with other parameters");
+        return device;
+    }
+    device.reset(new Device(params));
+    gDevice = device;
+    return device;
+}
+
+std::string Device::release(std::shared_ptr<Device>& device) {
+    std::lock_guard<std::mutex> lock(gDeviceLock);
+    std::string problems;
+    if (device && device.use_count() == 1)
+        problems = device->shutdown();
+    device.reset();
+    return problems;
+}
+
+TraceTap::TraceTap(const std::string& path) {
+    if (!path.empty()) {
+        mFile.open(path, std::ios::out | std::ios::trunc);
+        if (!mFile)
+            throw DeviceError(path + ": cannot write the trace file");
+    }
+    hostk::setSinkCallback([this](const std::string& text) { take(text); });
+}
+
+TraceTap::~TraceTap() {
+    hostk::setSinkNull();
+    std::lock_guard<std::mutex> lock(mLock);
+    if (!mPartial.empty() && mFile)
+        mFile << mPartial << '\n';
+}
+
+void TraceTap::take(const std::string& text) {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (mFile)
+        mFile << text;
+    mPartial += text;
+    size_t end;
+    while ((end = mPartial.find('\n')) != std::string::npos) {
+        mRecent.push_back(mPartial.substr(0, end));
+        mPartial.erase(0, end + 1);
+        ++mTotal;
+        if (mRecent.size() > kRecentLines)
+            mRecent.pop_front();
+    }
+}
+
+size_t TraceTap::mark() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mTotal;
+}
+
+std::string TraceTap::reasonSince(size_t mark) const {
+    std::lock_guard<std::mutex> lock(mLock);
+    const size_t oldest = mTotal - mRecent.size();
+    for (size_t i = mTotal; i > std::max(mark, oldest); --i) {
+        const std::string& line = mRecent[i - 1 - oldest];
+        if (line.find("DMA init on failure") != std::string::npos)
+            continue;
+        for (const char* word : kReasonWords)
+            if (line.find(word) != std::string::npos)
+                return withoutPrefix(line);
+    }
+    return std::string();
+}
+
+Device::Device(const DeviceParams& params) : mParams(params) {
+    if (params.driver != "linked")
+        throw DeviceError("driver \"" + params.driver +
+                          "\": this build runs the linked-in driver only (driver \"linked\"); "
+                          "it cannot load a .sys image");
+    std::shared_ptr<usbsim::InputBackend> input;
+    std::shared_ptr<usbsim::LoopbackBackend> loop;
+    try {
+        if (params.input.compare(0, 8, "loopback") == 0) {
+            // "loopback[:FRAMES]": what the device plays, FRAMES (512) later.
+            const std::string frames = params.input.size() > 9 ? params.input.substr(9) : "512";
+            if (params.input.size() > 8 && params.input[8] != ':')
+                throw std::invalid_argument("input \"" + params.input +
+                                            "\": use loopback[:FRAMES]");
+            loop = std::make_shared<usbsim::LoopbackBackend>(uint32_t(std::stoul(frames)));
+            input = loop;
+        } else {
+            input = usbsim::makeInput(params.input);
+        }
+        mOutput = usbsim::makeOutput(params.output);
+    } catch (const std::exception& e) {
+        throw DeviceError(std::string("input ") + params.input + ", output " + params.output +
+                          ": " + e.what());
+    }
+    usbsim::DeviceProfile profile = usbsim::DeviceProfile::builtInDefault();
+    if (!params.profile.empty()) {
+        try {
+            profile = usbsim::DeviceProfile::fromJsonFile(params.profile);
+        } catch (const std::exception& e) {
+            throw DeviceError("bad profile " + params.profile + ": " + e.what());
+        }
+    }
+    try {
+        mTrace.reset(new TraceTap(params.trace));
+        hostk::useVirtualTime(false);
+        mModel.reset(new usbsim::UsbDriverModel(std::move(profile)));
+        if (loop && loop->latencyFrames() < mModel->periodFrames())
+            throw DeviceError("loopback of " + std::to_string(loop->latencyFrames()) +
+                              " frames: below the device's period");
+        mModel->setInput(input);
+        mRouter = std::make_shared<OutputRouter>(loop);
+        mModel->setOutput(mRouter);
+        mLoader.reset(new hostpc::DriverLoader());
+        if (!NT_SUCCESS(mLoader->entryStatus()))
+            throw DeviceError("DriverEntry failed: " + hostpc::statusName(mLoader->entryStatus()));
+        NTSTATUS status = mLoader->addDevice(mModel->pdo());
+        if (NT_SUCCESS(status))
+            status = mLoader->startDevice(mModel->pdo());
+        if (!NT_SUCCESS(status))
+            throw DeviceError("the driver did not start: " + hostpc::statusName(status));
+        PDEVICE_OBJECT fdo = mLoader->fdo(mModel->pdo());
+        mFilter.reset(new hostpc::WaveFilter(fdo ? hostpc::subdevice(fdo, u"Wave") : nullptr));
+        if (!mFilter->valid())
+            throw DeviceError("the driver registered no wave filter");
+        mModel->startRealTime();
+    } catch (const DeviceError&) {
+        shutdown();
+        throw;
+    } catch (const std::exception& e) {
+        shutdown();
+        throw DeviceError(e.what());
+    }
+}
+
+Device::~Device() {
+    shutdown();
+}
+
+std::string Device::refusal(NTSTATUS status, size_t mark) const {
+    std::string text = hostpc::statusName(status);
+    const std::string why = mTrace->reasonSince(mark);
+    if (!why.empty())
+        text += ": \"" + why + "\"";
+    std::string usb;
+    for (const auto& call : mModel->calls())
+        if (call.code == USBCall_ChangeConfig && !NT_SUCCESS(call.answer) && !call.note.empty())
+            usb = call.note;
+    if (!usb.empty())
+        text += " (USB driver: " + usb + ")";
+    return text;
+}
+
+void Device::beginOutput(std::function<uint64_t()> streamFrames) {
+    if (mOutputBegun || !mOutput)
+        return;
+    mOutputBegun = true;
+    // Configured once the stream runs, so the file takes the rate the
+    // hardware runs at for it.
+    mOutput->configure(mModel->settings().current.fr, mModel->renderRing().mChannelsPerFrame);
+    static_cast<OutputRouter*>(mRouter.get())
+        ->begin(std::make_unique<StreamWindow>(mOutput, *mModel, std::move(streamFrames)));
+}
+
+uint32_t Device::renderRingEnd() const {
+    const AudioSM& ring = mModel->renderRing();
+    return loadRing(ring.mWritePos) + loadRing(ring.mWriteOffset);
+}
+
+bool Device::renderRingPlayed(uint32_t target) const {
+    return int32_t(mModel->renderReadPos() - target) >= 0;
+}
+
+uint32_t Device::renderRingAhead() const {
+    if (!mModel->mmeAttached())
+        return 0;
+    const int32_t ahead = int32_t(renderRingEnd() - mModel->renderReadPos());
+    return ahead > 0 ? uint32_t(ahead) : 0;
+}
+
+void Device::waitForClock() {
+    const uint32_t rate = mModel->settings().current.fr ? mModel->settings().current.fr : 48000;
+    // Real time moves rate x 10 ms in 10 ms; allow a period more for
+    // jitter, and two such spans in a row, since a busy machine can hold
+    // the clock back for one.
+    const uint64_t realTime = rate / 100 + mModel->periodFrames();
+    int calm = 0;
+    for (int tries = 0; tries < 1000 && calm < 2; ++tries) {
+        const uint64_t before = mModel->framesRun();
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        calm = mModel->framesRun() - before <= realTime ? calm + 1 : 0;
+    }
+}
+
+std::string Device::shutdown() {
+    std::string problems;
+    if (mModel) {
+        mModel->stopRealTime();
+        mModel->setOutput(nullptr);
+        try {
+            if (mOutput && mOutputBegun)
+                mOutput->finish();
+        } catch (const std::exception& e) {
+            problems = e.what();
+        }
+    }
+    mFilter.reset();
+    mLoader.reset(); // removes the device
+    const bool had = mModel != nullptr;
+    mModel.reset();
+    mOutput.reset();
+    mRouter.reset();
+    if (had) {
+        const std::string left = hostk::checkClean();
+        if (!left.empty())
+            problems += (problems.empty() ? "" : "; ") + left;
+    }
+    mTrace.reset();
+    return problems;
+}
+
+} // namespace mmealsa

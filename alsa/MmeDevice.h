@@ -1,0 +1,118 @@
+// The device behind one open PCM of the ALSA plugin: the driver loaded on the
+// host port-class library above the model USB driver, its period clock in
+// real time (paced by the sample clock), the wave filter as a KS client sees
+// it, and the driver's trace (to a file when asked, always kept in memory so
+// that a refusal can be explained in the driver's own words).
+//
+// One device per process at a time (the host kernel's debug output and clock
+// are process-wide), shared by the process's PCMs of the same parameters, so
+// that a program can play and record on it at once.
+#pragma once
+
+#include "host/portcls/HostPortCls.h"
+#include "host/portcls/KsClient.h"
+#include "usbsim/Backends.h"
+#include "usbsim/UsbDriverModel.h"
+
+#include <deque>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+
+namespace mmealsa {
+
+class DeviceError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// The parameters of pcm.mme in the ALSA configuration.
+struct DeviceParams {
+    std::string profile;           // device profile JSON; empty: the built-in default
+    std::string input = "silence"; // what the device hears: usbsim::makeInput's words, or
+                                   // loopback[:FRAMES] (what it plays, FRAMES later)
+    std::string output = "null";   // where what it plays goes (usbsim::makeOutput's words)
+    std::string driver = "linked"; // "linked", or a .sys image
+    std::string trace;             // the driver's trace into this file; empty: none
+    std::string summary;           // a summary of the stream at close; empty: none
+};
+
+// Keeps the driver's recent trace lines and copies them to the trace file.
+class TraceTap {
+public:
+    explicit TraceTap(const std::string& path); // throws DeviceError
+    ~TraceTap();
+    size_t mark() const;
+    // The driver's words for a refusal among the lines since `mark`; empty
+    // when no line says why.
+    std::string reasonSince(size_t mark) const;
+
+private:
+    void take(const std::string& text);
+
+    mutable std::mutex mLock;
+    std::ofstream mFile;
+    std::string mPartial;
+    std::deque<std::string> mRecent;
+    size_t mTotal = 0;
+};
+
+class Device {
+public:
+    // The process's device for these parameters: the one open already, or a
+    // new one (loads the driver, adds and starts the device, starts the
+    // clock). Throws DeviceError.
+    static std::shared_ptr<Device> acquire(const DeviceParams& params);
+    // Drops a user; the last one shuts the device down and gets what the
+    // host kernel reported left over (empty when clean).
+    static std::string release(std::shared_ptr<Device>& device);
+
+    explicit Device(const DeviceParams& params); // throws DeviceError
+    ~Device();
+    Device(const Device&) = delete;
+    Device& operator=(const Device&) = delete;
+
+    const DeviceParams& params() const { return mParams; }
+    usbsim::UsbDriverModel& model() { return *mModel; }
+    hostpc::WaveFilter& filter() { return *mFilter; }
+
+    size_t traceMark() const { return mTrace->mark(); }
+    // "STATUS_X: \"the driver's line\" (USB driver: why)".
+    std::string refusal(NTSTATUS status, size_t mark) const;
+
+    // Render: from now on the device's output goes to the output backend,
+    // starting with the stream's first frame. streamFrames() gives the
+    // frames the stream has moved into the render ring since it started.
+    void beginOutput(std::function<uint64_t()> streamFrames);
+    // Render: the device has played everything moved into the render ring
+    // so far.
+    bool renderRingPlayed(uint32_t target) const;
+    uint32_t renderRingEnd() const; // where the driver has written up to
+    // Render: frames in the render ring not yet played.
+    uint32_t renderRingAhead() const;
+
+    // A process that was stopped (SIGSTOP) froze the device's clock with it;
+    // thawed, the clock runs the periods it missed back to back. Waits until
+    // it is back to real time, so the program sees what a device outside
+    // the process would have done meanwhile.
+    void waitForClock();
+
+    // Stops the clock, closes the output, removes the device; what the host
+    // kernel reports left over (empty when clean). Idempotent.
+    std::string shutdown();
+
+private:
+    DeviceParams mParams;
+    std::unique_ptr<TraceTap> mTrace;
+    std::unique_ptr<usbsim::UsbDriverModel> mModel;
+    std::unique_ptr<hostpc::DriverLoader> mLoader;
+    std::unique_ptr<hostpc::WaveFilter> mFilter;
+    std::shared_ptr<usbsim::OutputBackend> mOutput;
+    std::shared_ptr<usbsim::OutputBackend> mRouter;
+    bool mOutputBegun = false;
+};
+
+} // namespace mmealsa
