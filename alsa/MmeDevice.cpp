@@ -238,7 +238,7 @@ Device::Device(const DeviceParams& params) : mParams(params) {
         if (!NT_SUCCESS(status))
             throw DeviceError("the driver did not start: " + hostpc::statusName(status));
         PDEVICE_OBJECT fdo = mLoader->fdo(mModel->pdo());
-        mFilter.reset(new hostpc::WaveFilter(fdo ? hostpc::subdevice(fdo, L"Wave") : nullptr));
+        mFilter.reset(new hostpc::WaveFilter(fdo ? hostpc::subdevice(fdo, u"Wave") : nullptr));
         if (!mFilter->valid())
             throw DeviceError("the driver registered no wave filter");
         mModel->startRealTime();

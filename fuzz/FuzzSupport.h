@@ -144,7 +144,7 @@ public:
         if (loader.startDevice(usb.pdo()) != STATUS_SUCCESS)
             throw std::runtime_error("the driver did not start");
         PDEVICE_OBJECT fdo = loader.fdo(usb.pdo());
-        PUNKNOWN port = fdo ? hostpc::subdevice(fdo, L"Wave") : nullptr;
+        PUNKNOWN port = fdo ? hostpc::subdevice(fdo, u"Wave") : nullptr;
         PUNKNOWN miniport = port ? hostpc::portState(port).miniport : nullptr;
         if (!miniport)
             throw std::runtime_error("no wave miniport");

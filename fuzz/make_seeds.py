@@ -198,9 +198,78 @@ def profile():
     write("profile", "fractional_rate", b'{"hardware": {"fr": 44100.5}}')
 
 
+# ---- pe_image ----
+
+def u64(*v):
+    return struct.pack("<%dQ" % len(v), *v)
+
+
+def pe(imports=((b"ntoskrnl.exe", [b"DbgPrint"]),), machine=0x8664, subsystem=1,
+       relocs=((10, 0x1008),), ordinal=False):
+    """A minimal native x64 image: .text (ret and one absolute address),
+    .idata (the given imports) and .reloc, laid out as ld lays out a .sys."""
+    idata = bytearray(0x200)
+    descriptors, data_at = 0, 20 * (len(imports) + 1)
+    for dll, names in imports:
+        lookup = data_at
+        slots = lookup + 8 * (len(names) + 1)
+        name_at = slots + 8 * (len(names) + 1)
+        idata[name_at:name_at + len(dll) + 1] = dll + b"\0"
+        at = name_at + len(dll) + 2
+        for i, name in enumerate(names):
+            thunk = (1 << 63 | 7) if ordinal else 0x2000 + at
+            idata[lookup + 8 * i:lookup + 8 * i + 8] = u64(thunk)
+            idata[slots + 8 * i:slots + 8 * i + 8] = u64(thunk)
+            idata[at + 2:at + 3 + len(name)] = name + b"\0"
+            at += 4 + len(name)
+        idata[descriptors:descriptors + 20] = u32(0x2000 + lookup, 0, 0, 0x2000 + name_at,
+                                                  0x2000 + slots)
+        descriptors += 20
+        data_at = (at + 7) & ~7
+    page = relocs[0][1] & ~0xfff
+    entries = [t << 12 | (rva - page) for t, rva in relocs]
+    entries += [0] * (len(entries) % 2)
+    reloc = u32(page, 8 + 2 * len(entries)) + u16(*entries)
+    text = u8(0xc3) + bytes(7) + u64(0x140001000)
+    sections = [(b".text", 0x1000, len(text), 0x200, 0x60000020, text),
+                (b".idata", 0x2000, 0x200, 0x400, 0xC0000040, bytes(idata)),
+                (b".reloc", 0x3000, len(reloc), 0x600, 0x42000040, reloc)]
+    directories = [(0, 0)] * 16
+    directories[1] = (0x2000, 20 * (len(imports) + 1))
+    directories[5] = (0x3000, len(reloc))
+    optional = (u16(0x20b) + u8(2, 40) + u32(0x200, 0x400, 0, 0x1000, 0x1000) +
+                u64(0x140000000) + u32(0x1000, 0x200) + u16(6, 0, 0, 0, 6, 0) +
+                u32(0, 0x4000, 0x200, 0) + u16(subsystem, 0x160) +
+                u64(0x100000, 0x1000, 0x100000, 0x1000) + u32(0, 16) +
+                b"".join(u32(*d) for d in directories))
+    headers = (b"MZ" + bytes(0x3a) + u32(0x40) + b"PE\0\0" +
+               u16(machine, len(sections)) + u32(0, 0, 0) + u16(len(optional), 0x22) + optional)
+    for name, va, vsize, raw, flags, _ in sections:
+        headers += name.ljust(8, b"\0") + u32(vsize, va, 0x200, raw, 0, 0) + u16(0, 0) + u32(flags)
+    image = bytearray(headers.ljust(0x200, b"\0"))
+    for _, _, _, raw, _, data in sections:
+        image += data.ljust(0x200, b"\0")
+    return bytes(image)
+
+
+def pe_image():
+    write("pe_image", "minimal_driver", pe())
+    write("pe_image", "two_dlls", pe(((b"ntoskrnl.exe", [b"ExAllocatePoolWithTag",
+                                                           b"ExFreePoolWithTag"]),
+                                       (b"portcls.sys", [b"PcNewPort"]))))
+    write("pe_image", "import_the_host_lacks", pe(((b"HAL.dll", [b"KeStallExecutionProcessor"]),)))
+    write("pe_image", "import_by_ordinal", pe(ordinal=True))
+    write("pe_image", "highlow_relocation", pe(relocs=((3, 0x1008),)))
+    write("pe_image", "relocation_past_the_image", pe(relocs=((10, 0x4ff8),)))
+    write("pe_image", "i386_machine", pe(machine=0x14c))
+    write("pe_image", "console_subsystem", pe(subsystem=3))
+    write("pe_image", "cut_short", pe()[:0x300])
+
+
 if __name__ == "__main__":
     device_format()
     format_validation()
     intersection()
     period_exchange()
     profile()
+    pe_image()

@@ -178,8 +178,8 @@ check_inf() {
         value=$(inf_string "KSNAME_$name")
         if [ "$value" != "$name" ]; then
             fail "INF KSNAME_$name is \"$value\", not \"$name\""
-        elif ! grep -rqF "L\"$name\"" driver --include='*.cpp'; then
-            fail "the driver registers no subdevice named L\"$name\""
+        elif ! grep -rqF "MME_WIDE(\"$name\")" driver --include='*.cpp'; then
+            fail "the driver registers no subdevice named \"$name\""
         else
             ok "INF registers the driver's \"$name\" subdevice"
         fi
@@ -204,7 +204,57 @@ check_layouts() {
     elif ! diff -u --label host "$1" --label windows "$2"; then
         fail "host and Windows layouts differ (lines above)"
     else
-        ok "host and Windows layouts identical ($(wc -l <"$1") entries: sizes, offsets, slots, values, GUIDs)"
+        ok "host and Windows layouts identical ($(wc -l <"$1") entries: sizes, offsets, slots, conventions, values, GUIDs)"
+    fi
+}
+
+# check_method_codegen [HOST_FLAGS...]: the host's g++ with the Windows
+# convention and mingw's g++ must compile interface methods alike, since the
+# image and the host call each other's: which register carries `this`, the
+# arguments and a hidden result pointer, and where an 8-byte union such as
+# LARGE_INTEGER comes back (RAX for both; MSVC would use a hidden pointer,
+# which is why no interface slot returns one). Frame and stack-offset
+# details may differ and are left out of the comparison.
+check_method_codegen() {
+    local dir=$self_test_dir/codegen
+    mkdir -p "$dir"
+    cat >"$dir/probe.cpp" <<'PROBE'
+#if defined(_WIN32) || defined(MME_PROBE_DEFAULT_CONVENTION)
+#define CALLCONV
+#else
+#define CALLCONV __attribute__((ms_abi))
+#endif
+typedef union { struct { unsigned lo; int hi; } u; long long q; } Large;
+struct Big { long long a, b; };
+struct Probe {
+    virtual Large CALLCONV small(int) = 0;
+    virtual Big CALLCONV big(int) = 0;
+    virtual Large* CALLCONV spelled(Large*, int) = 0;
+};
+long long CALLCONV callSmall(Probe* p) { return p->small(7).q; }
+long long CALLCONV callBig(Probe* p) { return p->big(7).b; }
+long long CALLCONV callSpelled(Probe* p) { Large r; return p->spelled(&r, 7)->q; }
+struct Impl : Probe {
+    Large CALLCONV small(int x) override { Large r; r.q = x; return r; }
+    Big CALLCONV big(int x) override { return Big{x, 2 * (long long)x}; }
+    Large* CALLCONV spelled(Large* r, int x) override { r->q = x; return r; }
+};
+Impl gImpl;
+PROBE
+    local flags=(-O2 -S -fno-asynchronous-unwind-tables -fno-exceptions -fno-rtti -fno-devirtualize)
+    instructions() { # the functions' instructions, without frame and stack details
+        awk '/^_Z[A-Za-z0-9_]*:/ { print; f = 1; next } f && /^\t[a-z]/ { print }
+             /\.seh_endproc|\.cfi_endproc|^\t\.size/ { f = 0 }' "$1" |
+            grep -vE '%rsp|%rbp|^\sleave$' | sed 's/\.L[0-9]*/.L/'
+    }
+    if ! g++ "${flags[@]}" "$@" -o "$dir/host.s" "$dir/probe.cpp" ||
+        ! "$TRIPLET-g++" "${flags[@]}" -o "$dir/win.s" "$dir/probe.cpp"; then
+        fail "the method convention probe does not compile"
+    elif ! diff -u --label host <(instructions "$dir/host.s") --label windows \
+        <(instructions "$dir/win.s"); then
+        fail "host and Windows compile interface methods differently (lines above)"
+    else
+        ok "host and Windows compile interface methods alike ($(instructions "$dir/win.s" | grep -c '^_Z') functions)"
     fi
 }
 
@@ -280,6 +330,9 @@ self_test() {
     expect_rejected "a static constructor" "static constructors" \
         check_objects "${objects[@]}" "$dir/ctor.obj"
 
+    expect_rejected "methods without the Windows convention on host" "compile interface methods differently" \
+        check_method_codegen -DMME_PROBE_DEFAULT_CONVENTION
+
     local host=$1 win=$2
     sed 's/^\(KSDATARANGE_AUDIO.MaximumChannels offset\) 64$/\1 68/' "$win" >"$dir/layout"
     expect_rejected "a layout difference" "layouts differ" check_layouts "$host" "$dir/layout"
@@ -332,6 +385,7 @@ main() {
     check_objects "${objects[@]}"
     check_inf "$win_layout"
     check_layouts "$host_layout" "$win_layout"
+    check_method_codegen
 
     if [ "$failures" -eq 0 ]; then
         self_test "$host_layout" "$win_layout"

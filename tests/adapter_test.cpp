@@ -75,10 +75,10 @@ TEST(Adapter, StartInstallsConnectsAndAnnounces) {
     ASSERT_NE(adapter, nullptr);
     PDEVICE_OBJECT fdo = h.fdo();
 
-    EXPECT_EQ(hostpc::subdeviceNames(fdo), (std::vector<std::wstring>{L"Topology", L"Wave"}));
+    EXPECT_EQ(hostpc::subdeviceNames(fdo), (std::vector<std::u16string>{u"Topology", u"Wave"}));
     EXPECT_EQ(hostpc::connections(fdo),
-              (std::vector<hostpc::Connection>{{L"Topology", 1, L"Wave", 1},
-                                               {L"Wave", 3, L"Topology", 0}}));
+              (std::vector<hostpc::Connection>{{u"Topology", 1, u"Wave", 1},
+                                               {u"Wave", 3, u"Topology", 0}}));
     // Each miniport holds the adapter and is known to it; StartDevice's own
     // reference is gone.
     EXPECT_EQ(adapter->wave(), h.wave());
@@ -90,9 +90,9 @@ TEST(Adapter, StartInstallsConnectsAndAnnounces) {
     EXPECT_FALSE(adapter->getRenderDMAChannel()->isCapture());
 
     // Both ports were initialised with the start request.
-    PIRP topologyIrp = hostpc::portState(hostpc::subdevice(fdo, L"Topology")).initIrp;
+    PIRP topologyIrp = hostpc::portState(hostpc::subdevice(fdo, u"Topology")).initIrp;
     EXPECT_NE(topologyIrp, nullptr);
-    EXPECT_EQ(hostpc::portState(hostpc::subdevice(fdo, L"Wave")).initIrp, topologyIrp);
+    EXPECT_EQ(hostpc::portState(hostpc::subdevice(fdo, u"Wave")).initIrp, topologyIrp);
 
     EXPECT_TRUE(adapter->isStarted());
     EXPECT_EQ(h.wave()->sampleRate(), h.model.settings().current.fr);
@@ -150,10 +150,10 @@ TEST(Adapter, FailedTopologyInstallationStillAnnouncesAndTheAdapterGoes) {
 }
 
 TEST(Adapter, FailedWaveRegistrationLeavesTheTopologyHoldingTheAdapter) {
-    hostpc::fail(hostpc::Op::RegisterSubdevice, STATUS_UNSUCCESSFUL, L"Wave");
+    hostpc::fail(hostpc::Op::RegisterSubdevice, STATUS_UNSUCCESSFUL, u"Wave");
     DriverHarness h;
     EXPECT_EQ(h.startStatus, STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(hostpc::subdeviceNames(h.fdo()), (std::vector<std::wstring>{L"Topology"}));
+    EXPECT_EQ(hostpc::subdeviceNames(h.fdo()), (std::vector<std::u16string>{u"Topology"}));
     EXPECT_TRUE(hostpc::connections(h.fdo()).empty());
 
     MMEAdapter* adapter = h.adapter();
@@ -181,7 +181,7 @@ TEST(Adapter, RefusedPhysicalConnectionsDoNotFailTheStart) {
 TEST(Adapter, UnknownSubdeviceKindIsRefusedCleanly) {
     DriverHarness h;
     ASSERT_NE(h.adapter(), nullptr);
-    WCHAR name[] = L"Third";
+    WCHAR name[] = u"Third";
     PUNKNOWN out = nullptr;
     EXPECT_EQ(h.adapter()->InstallSubdevice(7, nullptr, name, CLSID_PortTopology, &out),
               STATUS_INVALID_PARAMETER);

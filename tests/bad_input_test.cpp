@@ -46,7 +46,7 @@ public:
     NTSTATUS start() {
         harness.startStatus = harness.loader.startDevice(model().pdo());
         PDEVICE_OBJECT fdo = harness.fdo();
-        PUNKNOWN port = fdo ? hostpc::subdevice(fdo, L"Wave") : nullptr;
+        PUNKNOWN port = fdo ? hostpc::subdevice(fdo, u"Wave") : nullptr;
         if (port)
             filter = std::make_unique<hostpc::WaveFilter>(port);
         return harness.startStatus;

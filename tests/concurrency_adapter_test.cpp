@@ -36,7 +36,7 @@ struct SlowUsbDevice {
         return device;
     }
 
-    static NTSTATUS dispatch(PDEVICE_OBJECT, PIRP irp) {
+    static NTSTATUS NTAPI dispatch(PDEVICE_OBJECT, PIRP irp) {
         SlowUsbDevice* self = current();
         PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
         if (stack->Parameters.DeviceIoControl.IoControlCode == self->holdCode) {

@@ -34,7 +34,7 @@ protected:
         hostk::setSinkNull(); // thousands of state changes are traced
         ASSERT_EQ(device.startStatus, STATUS_SUCCESS);
         device.loader.setServiceMode(hostpc::ServiceMode::Concurrent);
-        filter = std::make_unique<hostpc::WaveFilter>(hostpc::subdevice(device.fdo(), L"Wave"));
+        filter = std::make_unique<hostpc::WaveFilter>(hostpc::subdevice(device.fdo(), u"Wave"));
     }
     void TearDown() override {
         device.model.stopRealTime();

@@ -201,7 +201,7 @@ TEST(States, StartingWalksUpAndClosingWalksBackThroughEveryState) {
         EXPECT_EQ(statesTraced(), down);
         EXPECT_EQ(render->setState(KSSTATE_RUN), STATUS_INVALID_DEVICE_STATE)
             << "a closed pin takes no more states";
-        EXPECT_EQ(rig.harness.wave()->renderStream(), nullptr);
+        EXPECT_TRUE(rig.directionFree(false));
     }
 }
 

@@ -31,7 +31,9 @@ TEST(PinCreation, NewStreamThenTenMillisecondNotificationsThenItsFraming) {
     EXPECT_EQ(render->bufferBytes(), 4096u * 4) << "BufferSize(): 4096 frames";
     EXPECT_EQ(render->leadFrames(), 2048u) << "40 ms in whole periods";
     EXPECT_EQ(render->state(), KSSTATE_STOP);
-    EXPECT_EQ(rig.harness.wave()->renderStream()->state(), KSSTATE_STOP);
+    if (MMEWave* wave = rig.harness.wave()) {
+        EXPECT_EQ(wave->renderStream()->state(), KSSTATE_STOP);
+    }
 
     render.reset();
     hostpc::StreamOptions options;
@@ -62,10 +64,9 @@ TEST(PinCreation, ThePortRefusesWhatNoPinCanTake) {
     reinterpret_cast<WAVEFORMATEX*>(noFrames.data() + sizeof(KSDATAFORMAT))->nBlockAlign = 0;
     EXPECT_EQ(rig.filter->open(2, noFrames, {}, &stream), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(stream, nullptr);
-    EXPECT_EQ(rig.harness.wave()->renderStream(), nullptr) << "nothing reached NewStream";
-    EXPECT_EQ(rig.harness.wave()->captureStream(), nullptr);
+    EXPECT_EQ(e2e::tracedAt("MMEWave::NewStream"), size_t(-1)) << "nothing reached NewStream";
 
-    hostpc::WaveFilter topology(hostpc::subdevice(rig.harness.fdo(), L"Topology"));
+    hostpc::WaveFilter topology(hostpc::subdevice(rig.harness.fdo(), u"Topology"));
     EXPECT_FALSE(topology.valid());
     EXPECT_EQ(topology.open(0, good, {}, &stream), STATUS_INVALID_PARAMETER);
 }
@@ -102,7 +103,6 @@ TEST(PinCreation, AllocationFailuresAnywhereLeaveNothingBehind) {
         }
         ++failures;
         EXPECT_FALSE(NT_SUCCESS(status)) << "allocation " << nth;
-        EXPECT_EQ(rig.harness.wave()->renderStream(), nullptr) << "allocation " << nth;
         EXPECT_EQ(hostk::poolStats().liveBlocks, blocks) << "allocation " << nth;
         hostk::clearAssertReports();
     }

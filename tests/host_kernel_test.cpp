@@ -18,12 +18,18 @@
 
 namespace {
 
-std::string fmt(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    std::string text = hostk::formatKernel(format, args);
-    va_end(args);
+// What one DbgPrint call sends to the debug output.
+std::string printed(const char* format, uint64_t a = 0, uint64_t b = 0, uint64_t c = 0,
+                    uint64_t d = 0) {
+    std::string text;
+    hostk::setSinkCallback([&](const std::string& t) { text += t; });
+    DbgPrint(format, a, b, c, d);
+    hostk::setSinkCapture();
     return text;
+}
+
+uint64_t slot(const void* p) {
+    return reinterpret_cast<uintptr_t>(p);
 }
 
 // Returns the recorded violations and clears them, for tests that provoke one.
@@ -51,44 +57,86 @@ constexpr ULONG kTag = 0x74736554; // 'Test'
 // ---------------------------------------------------------------------------
 // Formatting as the Windows kernel does
 
-// The forms the driver prints ("%p", "0x%16p", "%d", "0x%08X", "0x%X", "%s")
-// are checked line by line, through DbgPrint, by trace_test.
-TEST(KernelFormat, NumbersAndPointersAsWindowsPrintsThem) {
-    void* p = reinterpret_cast<void*>(uintptr_t(0x561D2C3A9F10));
-    EXPECT_EQ(fmt("[%p]", reinterpret_cast<void*>(UINTPTR_MAX)), "[FFFFFFFFFFFFFFFF]");
-    // A width beyond the 16 digits pads with blanks, never with zeros.
-    EXPECT_EQ(fmt("%20p|", p), "    0000561D2C3A9F10|");
-    EXPECT_EQ(fmt("%-18p|", p), "0000561D2C3A9F10  |");
-
-    EXPECT_EQ(fmt("%u", 4294967295u), "4294967295");
-    EXPECT_EQ(fmt("%08X", 0xC000009Au), "C000009A");
-    EXPECT_EQ(fmt("%X %x", 0xABCDEFu, 0xABCDEFu), "ABCDEF abcdef");
-    EXPECT_EQ(fmt("%5d|%-5d|%05d", 42, 42, -42), "   42|42   |-0042");
-    EXPECT_EQ(fmt("%+d % d", 7, 7), "+7  7");
-    EXPECT_EQ(fmt("%.4d", 7), "0007");
-    EXPECT_EQ(fmt("%#x %#X %#o", 255u, 255u, 8u), "0xff 0XFF 010");
-    EXPECT_EQ(fmt("%*d|%-*d|", 4, 1, 3, 2), "   1|2  |");
-    EXPECT_EQ(fmt("%hd %hhu", 70000, 257), "4464 1");
-
-    // As on Windows, where long is 32 bits wide.
-    EXPECT_EQ(fmt("%lu", 0x100000005ul), "5");
-    EXPECT_EQ(fmt("%I64X", 0x123456789ABCDEF0ull), "123456789ABCDEF0");
-    EXPECT_EQ(fmt("%llu", 18446744073709551615ull), "18446744073709551615");
-    EXPECT_EQ(fmt("%Id", (long long)-5), "-5");
+// DbgPrint is a Windows x64 variadic routine: each argument fills an 8-byte
+// slot whatever the format says, and the format alone decides how much of a
+// slot is read. The cases pass raw slots, as a caller of any type would.
+// Rules: the Microsoft C runtime's "Format specification syntax" (type
+// characters, flags, and the size prefixes h, hh, l, ll, I, I32, I64, w,
+// with long 32 bits wide), the kernel's %Z/%wZ (ANSI_STRING and
+// UNICODE_STRING, from the DbgPrint documentation), and %p as x64 Windows
+// prints it: 16 uppercase hex digits, no prefix. The driver's own forms
+// ("%p", "0x%16p", "%d", "0x%08X", "0x%X", "%s") are also checked line by
+// line in trace_test.
+TEST(KernelFormat, ArgumentsAreReadAndPrintedAsWindowsDoes) {
+    static char abc[] = "abc";
+    static char abcdef[] = "abcdef";
+    static WCHAR wide[] = u"wide";
+    static WCHAR text[] = u"text";
+    static WCHAR accented[] = u"\u00e9t\u00e9";
+    static WCHAR waveBuffer[] = u"Wave!";
+    static UNICODE_STRING wave{8, 10, waveBuffer}; // Length in bytes: "Wave"
+    static struct {
+        USHORT Length, MaximumLength;
+        PCHAR Buffer;
+    } ansi{2, 6, abcdef};
+    const uint64_t pointer = 0x561D2C3A9F10;
+    struct Case {
+        const char* format;
+        uint64_t a, b, c, d;
+        const char* expected;
+    } cases[] = {
+        // long is 32 bits: %ld/%lx/%lu read the low half; the next slot is untouched.
+        {"%ld|%d", 0x1234567800000005, 7, 0, 0, "5|7"},
+        {"%lx %lu", 0xFFFFFFFF00000010, 0x100000005, 0, 0, "10 5"},
+        {"%d %u", 0xFFFFFFFF, 0x1FFFFFFFF, 0, 0, "-1 4294967295"},
+        {"%I32x", 0xAAAAAAAA00000001, 0, 0, 0, "1"},
+        {"%hd %hhu", 70000, 257, 0, 0, "4464 1"},
+        // 64-bit prefixes; I, z and t are pointer-sized, 64 bits on x64.
+        {"%I64x %I64X %I64d", 0x123456789ABCDEF0, 0x123456789ABCDEF0, uint64_t(-5), 0,
+         "123456789abcdef0 123456789ABCDEF0 -5"},
+        {"%llu %lld", UINT64_MAX, uint64_t(-2), 0, 0, "18446744073709551615 -2"},
+        {"%Id %Ix %zu", uint64_t(-5), 0x1122334455667788, 1ull << 40, 0,
+         "-5 1122334455667788 1099511627776"},
+        // %p: all 16 digits, upper case; a width beyond them pads with blanks.
+        {"[%p]", pointer, 0, 0, 0, "[0000561D2C3A9F10]"},
+        {"0x%16p %p", pointer, 0, 0, 0, "0x0000561D2C3A9F10 0000000000000000"},
+        {"%20p|%-18p|", pointer, pointer, 0, 0, "    0000561D2C3A9F10|0000561D2C3A9F10  |"},
+        // Flags, width and precision.
+        {"%08X|%X %x", 0xC000009A, 0xABCDEF, 0xABCDEF, 0, "C000009A|ABCDEF abcdef"},
+        {"%5d|%-5d|%05d", 42, 42, uint64_t(-42), 0, "   42|42   |-0042"},
+        {"%+d % d %.4d", 7, 7, 7, 0, "+7  7 0007"},
+        {"%#x %#X %#o", 255, 255, 8, 0, "0xff 0XFF 010"},
+        {"%*d|%-*d|", 4, 1, 3, 2, "   1|2  |"},
+        // Narrow and wide text: %s narrow, %S/%ws/%ls wide, h forces narrow.
+        {"%s|%8s|%-8s|%.3s", slot(abc), slot(abc), slot(abc), slot(abcdef),
+         "abc|     abc|abc     |abc"},
+        {"%s %ws", 0, 0, 0, 0, "(null) (null)"},
+        {"%ws %S %ls %hS", slot(wide), slot(text), slot(wide), slot(abc), "wide text wide abc"},
+        {"%c%wc%C%hC", 'o', 'k', '!', '?', "ok!?"},
+        {"%ws", slot(accented), 0, 0, 0, "?t?"}, // no ANSI form: '?'
+        {"%wZ|%Z|%wZ", slot(&wave), slot(&ansi), 0, 0, "Wave|ab|(null)"},
+        // Literals, an unknown conversion and %n, which writes nothing.
+        {"100%% a%qb tail%", 0, 0, 0, 0, "100% a%qb tail%"},
+        {"a%nb%d", slot(abc), 3, 0, 0, "ab3"},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(printed(c.format, c.a, c.b, c.c, c.d), c.expected) << c.format;
+    EXPECT_STREQ(abc, "abc") << "%n must not write";
 }
 
-TEST(KernelFormat, CharactersStringsAndLiterals) {
-    EXPECT_EQ(fmt("%c%c", 'o', 'k'), "ok");
-    EXPECT_EQ(fmt("%s|%8s|%-8s|%.3s", "abc", "abc", "abc", "abcdef"), "abc|     abc|abc     |abc");
-    EXPECT_EQ(fmt("%s", (const char*)nullptr), "(null)");
-    EXPECT_EQ(fmt("%ws %S", L"wide", L"text"), "wide text");
-    wchar_t name[] = L"Wave";
-    UNICODE_STRING u{8, 10, name};
-    EXPECT_EQ(fmt("%wZ", &u), "Wave");
-    EXPECT_EQ(fmt("100%%"), "100%");
-    EXPECT_EQ(fmt("a%qb"), "a%qb");
-    EXPECT_EQ(fmt("tail%"), "tail%");
-    EXPECT_EQ(fmt("no conversions\n"), "no conversions\n");
+// The DbgPrint documentation: the Unicode conversions may only be used at
+// PASSIVE_LEVEL.
+TEST(KernelFormat, UnicodeConversionAbovePassiveIsAVerifierFailure) {
+    static WCHAR wide[] = u"w";
+    KIRQL old;
+    KeRaiseIrql(DISPATCH_LEVEL, &old);
+    printed("%s %d\n", slot("narrow"), 1);
+    EXPECT_TRUE(hostk::verifierFailures().empty());
+    printed("%ws\n", slot(wide));
+    KeLowerIrql(old);
+    EXPECT_TRUE(anyContains(takeFailures(), "Unicode conversion above PASSIVE_LEVEL: %ws"));
+    printed("%ws\n", slot(wide));
+    EXPECT_TRUE(hostk::verifierFailures().empty());
 }
 
 // ---------------------------------------------------------------------------
@@ -293,6 +341,9 @@ TEST(KernelSpinLock, AcquireRaisesToDispatchAndReleaseRestores) {
         KeAcquireSpinLockAtDpcLevel(&lock);
         EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
         KeReleaseSpinLockFromDpcLevel(&lock);
+        // The image's form of KeAcquireSpinLock.
+        EXPECT_EQ(KeAcquireSpinLockRaiseToDpc(&lock), DISPATCH_LEVEL);
+        KeReleaseSpinLock(&lock, DISPATCH_LEVEL);
     });
     EXPECT_TRUE(hostk::verifierFailures().empty());
 }
@@ -354,7 +405,7 @@ struct DpcProbe {
     int rearmTimes = 0;
 };
 
-void probeRoutine(PKDPC dpc, PVOID context, PVOID, PVOID) {
+void NTAPI probeRoutine(PKDPC dpc, PVOID context, PVOID, PVOID) {
     auto* probe = static_cast<DpcProbe*>(context);
     probe->irql = KeGetCurrentIrql();
     probe->context = dpc->DeferredContext;
@@ -459,7 +510,7 @@ TEST(KernelTime, VirtualDelaysMoveTheClockAtOnceAndAbsoluteOnesToTheirTime) {
 TEST(KernelTimer, FiresOnlyWhenAdvancedToItsDueTimeAtDispatch) {
     TimerWithDpc t;
     EXPECT_FALSE(KeSetTimer(&t.timer, relative100ns(10000), &t.dpc));
-    EXPECT_TRUE(t.timer.Inserted);
+    EXPECT_TRUE(t.timer.Header.Inserted);
     EXPECT_EQ(hostk::pendingTimers(), 1u);
 
     LARGE_INTEGER interval = relative100ns(20000);
@@ -470,7 +521,7 @@ TEST(KernelTimer, FiresOnlyWhenAdvancedToItsDueTimeAtDispatch) {
     EXPECT_EQ(t.probe.calls, 1);
     EXPECT_EQ(t.probe.irql, DISPATCH_LEVEL);
     EXPECT_EQ(t.probe.context.load(), &t.probe);
-    EXPECT_FALSE(t.timer.Inserted);
+    EXPECT_FALSE(t.timer.Header.Inserted);
     EXPECT_EQ(hostk::pendingTimers(), 0u);
     EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
 
@@ -557,7 +608,7 @@ TEST(KernelTimer, SwitchingClocksKeepsTheRemainingTime) {
     KeSetTimer(&t.timer, relative100ns(600000000), &t.dpc); // 60 s
     hostk::advanceTime(100000000);                          // 10 s pass
     hostk::useVirtualTime(false);
-    int64_t remaining = t.timer.DueTime - hostk::now100ns();
+    int64_t remaining = (int64_t)t.timer.DueTime.QuadPart - hostk::now100ns();
     EXPECT_GT(remaining, 490000000);
     EXPECT_LE(remaining, 500000000);
     hostk::useVirtualTime(true);
@@ -583,7 +634,7 @@ TEST(KernelRealTime, DelaysSleepAndTheTimerThreadRunsDpcsThatFlushWaitsFor) {
     KeInitializeTimer(&timer);
     KeInitializeDpc(
         &dpc,
-        [](PKDPC, PVOID c, PVOID, PVOID) {
+        [](PKDPC, PVOID c, PVOID, PVOID) NTAPI {
             auto* s = static_cast<Shared*>(c);
             s->thread = KeGetCurrentThread();
             s->irql = KeGetCurrentIrql();
@@ -608,10 +659,11 @@ TEST(KernelRealTime, DelaysSleepAndTheTimerThreadRunsDpcsThatFlushWaitsFor) {
 // Device objects and object references
 
 TEST(KernelDevice, CreatedObjectsAreLinkedZeroedAndCounted) {
-    DRIVER_OBJECT driver;
-    hostk::initDriverObject(&driver);
-    EXPECT_EQ(driver.DriverExtension, &driver.Extension);
-    EXPECT_EQ(driver.Extension.DriverObject, &driver);
+    hostk::DriverObjectBlock block;
+    PDRIVER_OBJECT driverObject = hostk::initDriverObject(block);
+    DRIVER_OBJECT& driver = *driverObject;
+    EXPECT_EQ(driver.DriverExtension, &block.extension);
+    EXPECT_EQ(block.extension.DriverObject, &driver);
 
     PDEVICE_OBJECT first = hostk::createDeviceObject(&driver, 2, 64);
     PDEVICE_OBJECT second = hostk::createDeviceObject(&driver, 1, 0);
@@ -667,7 +719,8 @@ TEST(KernelObjects, ReferencesCountAndMisuseIsAViolation) {
 // A lower driver that completes with lowerStatus (or leaves the IRP), and an
 // upper one that forwards to it with a completion routine of its own.
 struct IoFixture : ::testing::Test {
-    DRIVER_OBJECT lowerDriver, upperDriver;
+    hostk::DriverObjectBlock lowerBlock, upperBlock;
+    PDRIVER_OBJECT lowerDriver = nullptr, upperDriver = nullptr;
     PDEVICE_OBJECT lower = nullptr, upper = nullptr;
 
     static inline std::vector<std::string> log; // every dispatch and completion, in order
@@ -678,12 +731,12 @@ struct IoFixture : ::testing::Test {
         log.clear();
         lowerStatus = STATUS_SUCCESS;
         lowerCompletes = true;
-        hostk::initDriverObject(&lowerDriver);
-        hostk::initDriverObject(&upperDriver);
-        lowerDriver.MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = lowerDispatch;
-        upperDriver.MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = upperDispatch;
-        lower = hostk::createDeviceObject(&lowerDriver, 1, sizeof(PDEVICE_OBJECT));
-        upper = hostk::createDeviceObject(&upperDriver, 2, sizeof(PDEVICE_OBJECT));
+        lowerDriver = hostk::initDriverObject(lowerBlock);
+        upperDriver = hostk::initDriverObject(upperBlock);
+        lowerDriver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = lowerDispatch;
+        upperDriver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = upperDispatch;
+        lower = hostk::createDeviceObject(lowerDriver, 1, sizeof(PDEVICE_OBJECT));
+        upper = hostk::createDeviceObject(upperDriver, 2, sizeof(PDEVICE_OBJECT));
         // The upper device forwards to the lower one.
         *static_cast<PDEVICE_OBJECT*>(upper->DeviceExtension) = lower;
     }
@@ -692,7 +745,7 @@ struct IoFixture : ::testing::Test {
         hostk::deleteDeviceObject(lower);
     }
 
-    static NTSTATUS lowerDispatch(PDEVICE_OBJECT device, PIRP irp) {
+    static NTSTATUS NTAPI lowerDispatch(PDEVICE_OBJECT device, PIRP irp) {
         PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
         log.push_back("lower dispatch code " +
                       std::to_string(stack->Parameters.DeviceIoControl.IoControlCode) +
@@ -704,7 +757,7 @@ struct IoFixture : ::testing::Test {
         return lowerStatus;
     }
 
-    static NTSTATUS upperDispatch(PDEVICE_OBJECT device, PIRP irp) {
+    static NTSTATUS NTAPI upperDispatch(PDEVICE_OBJECT device, PIRP irp) {
         log.push_back("upper dispatch");
         PDEVICE_OBJECT next = *static_cast<PDEVICE_OBJECT*>(device->DeviceExtension);
         PIO_STACK_LOCATION mine = IoGetCurrentIrpStackLocation(irp);
@@ -715,14 +768,14 @@ struct IoFixture : ::testing::Test {
         return IoCallDriver(next, irp);
     }
 
-    static NTSTATUS upperCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID context) {
+    static NTSTATUS NTAPI upperCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID context) {
         log.push_back(std::string("upper completion") +
                       (device == context ? " own device" : " wrong device") + " location " +
                       std::to_string(irp->CurrentLocation));
         return STATUS_SUCCESS;
     }
 
-    static NTSTATUS topCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID context) {
+    static NTSTATUS NTAPI topCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID context) {
         log.push_back(std::string("top completion") + (device ? " with device" : " no device") +
                       " status " + std::to_string(irp->IoStatus.Status == STATUS_SUCCESS) +
                       (context ? " context" : ""));
@@ -933,8 +986,8 @@ TEST(KernelConcurrency, CancelThenFlushMeansNoDpcTouchesAFreedObject) {
         object->touched = 0;
         KeInitializeTimer(&object->timer);
         KeInitializeDpc(
-            &object->dpc, [](PKDPC, PVOID c, PVOID, PVOID) { ++static_cast<Object*>(c)->touched; },
-            object);
+            &object->dpc,
+            [](PKDPC, PVOID c, PVOID, PVOID) NTAPI { ++static_cast<Object*>(c)->touched; }, object);
         KeSetTimer(&object->timer, relative100ns(round % 3 == 0 ? 0 : 1000), &object->dpc);
         if (round % 2)
             std::this_thread::sleep_for(std::chrono::microseconds(100));

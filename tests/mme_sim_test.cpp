@@ -4,6 +4,8 @@
 // table and validation, the trace switches, progress on a terminal and off
 // it, and every error: one line on stderr, a non-zero status, nothing
 // half-written left behind.
+#include "host/portcls/HostPortCls.h"
+#include "support/DriverImage.h"
 #include "usbsim/Profile.h"
 
 #include <gtest/gtest.h>
@@ -196,6 +198,10 @@ TEST_F(MmeSim, DemoPrintsTheFormatsAndABitExactLoopback) {
           "  latency        2212 frames = 46.08 ms at 48000 Hz", "measured 2212 frames",
           "  result         PASS: bit-exact", "  teardown       device removed"})
         EXPECT_NE(r.out.find(text), std::string::npos) << text << "\n" << r.out;
+    const std::string driver = hostpc::driverImage().empty()
+                                   ? "  driver         host build linked into mme-sim\n"
+                                   : "  driver         Windows image " + hostpc::driverImage();
+    EXPECT_NE(r.out.find(driver), std::string::npos) << r.out;
     // stdout is a file here: progress as plain lines, no bar, no driver trace.
     EXPECT_NE(r.out.find("loopback: 1.0 of 2.0 s\n"), std::string::npos);
     EXPECT_EQ(r.out.find('\r'), std::string::npos);
@@ -429,6 +435,25 @@ TEST_F(MmeSim, RefusedFormatsCarryTheDriversReasonAndLeaveNoFile) {
         EXPECT_TRUE(name.find("device.wav") == std::string::npos &&
                     name.find("rec.wav") == std::string::npos)
             << "left behind: " << name;
+}
+
+TEST_F(MmeSim, TheDriverOptionRunsTheWindowsImageOrSaysWhyNot) {
+    expectOneLineError(run({"--driver", "missing.sys"}), 1,
+                       "cannot load the driver image missing.sys: cannot open");
+    std::vector<uint8_t> image;
+    if (!imagetest::readDriverImage(&image))
+        GTEST_SKIP() << "no Windows build of the driver";
+    image.resize(image.size() / 2);
+    std::ofstream(path("half.sys"), std::ios::binary)
+        .write(reinterpret_cast<const char*>(image.data()), std::streamsize(image.size()));
+    expectOneLineError(run({"--driver", "half.sys"}), 1, "cannot load the driver image half.sys: ");
+
+    Result r = run({"loopback", "--seconds", "0.5", "--driver", imagetest::driverImagePath()});
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.out.find("  result         PASS: bit-exact"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("  driver         Windows image " + imagetest::driverImagePath()),
+              std::string::npos)
+        << r.out;
 }
 
 TEST_F(MmeSim, BadProfilesAreNamedByTheirField) {

@@ -220,7 +220,7 @@ TEST_F(Exchange, AtMostTwoPassesWhileAPeriodIsAvailable) {
         ULONG available;
         ULONG passes;
     };
-    PUNKNOWN port = hostpc::subdevice(h->fdo(), L"Wave");
+    PUNKNOWN port = hostpc::subdevice(h->fdo(), u"Wave");
     hostpc::WaveFilter filter(port);
     std::unique_ptr<hostpc::KsStream> stream;
     for (bool open : {false, true}) {

@@ -214,7 +214,7 @@ std::vector<std::string> gStartLog;
 PIRP gStartIrp = nullptr;
 PRESOURCELIST gStartResources = reinterpret_cast<PRESOURCELIST>(1);
 
-NTSTATUS recordingStart(PDEVICE_OBJECT, PIRP irp, PRESOURCELIST resources) {
+NTSTATUS NTAPI recordingStart(PDEVICE_OBJECT, PIRP irp, PRESOURCELIST resources) {
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     gStartLog.push_back("start major=" + std::to_string(stack->MajorFunction) +
                         " minor=" + std::to_string(stack->MinorFunction));
@@ -265,7 +265,8 @@ protected:
         return port;
     }
 
-    DRIVER_OBJECT mDriver{};
+    hostk::DriverObjectBlock mDriverBlock;
+    DRIVER_OBJECT& mDriver = *hostk::initDriverObject(mDriverBlock);
     PDEVICE_OBJECT mPdo = nullptr;
     PDEVICE_OBJECT mFdo = nullptr;
     IRP mIrp{};
@@ -287,6 +288,9 @@ TEST_F(PortClsHost, AdapterDriverDeviceBookkeepingAndPnpStart) {
               STATUS_INVALID_DEVICE_STATE);
     EXPECT_EQ(PcAddAdapterDevice(&mDriver, mPdo, nullptr, 2, 0), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(PcInitializeAdapterDriver(&mDriver, nullptr, nullptr), STATUS_INVALID_PARAMETER);
+    DRIVER_OBJECT noExtension{};
+    EXPECT_EQ(PcInitializeAdapterDriver(&noExtension, nullptr, addNothing),
+              STATUS_INVALID_PARAMETER);
 
     // The start request reaches the start routine as a PnP start.
     EXPECT_FALSE(hostpc::isStarted(mFdo));
@@ -369,7 +373,7 @@ TEST_F(PortClsHost, InitBindsTheMiniportThenAsksForItsDescription) {
 
     // Port and miniport hold each other until the children are released,
     // which removal of the device does.
-    WCHAR name[] = L"Wave";
+    WCHAR name[] = u"Wave";
     EXPECT_EQ(PcRegisterSubdevice(mFdo, name, port), STATUS_SUCCESS);
     port->Release();
     EXPECT_EQ(hostpc::liveObjects(), 1u);
@@ -418,14 +422,14 @@ TEST_F(PortClsHost, InitFailuresGiveTheMiniportBack) {
 TEST_F(PortClsHost, RegistrationAndConnectionsAreBookedPerDevice) {
     PPORT topology = initialisedPort(CLSID_PortTopology);
     PPORT wave = initialisedPort(CLSID_PortWaveCyclic);
-    WCHAR topologyName[] = L"Topology";
-    WCHAR waveName[] = L"Wave";
-    WCHAR thirdName[] = L"Third";
+    WCHAR topologyName[] = u"Topology";
+    WCHAR waveName[] = u"Wave";
+    WCHAR thirdName[] = u"Third";
     ASSERT_EQ(PcRegisterSubdevice(mFdo, topologyName, topology), STATUS_SUCCESS);
     ASSERT_EQ(PcRegisterSubdevice(mFdo, waveName, wave), STATUS_SUCCESS);
-    EXPECT_EQ(hostpc::subdeviceNames(mFdo), (std::vector<std::wstring>{L"Topology", L"Wave"}));
-    EXPECT_EQ(hostpc::subdevice(mFdo, L"Wave"), static_cast<PUNKNOWN>(wave));
-    EXPECT_EQ(hostpc::subdevice(mFdo, L"Nothing"), nullptr);
+    EXPECT_EQ(hostpc::subdeviceNames(mFdo), (std::vector<std::u16string>{u"Topology", u"Wave"}));
+    EXPECT_EQ(hostpc::subdevice(mFdo, u"Wave"), static_cast<PUNKNOWN>(wave));
+    EXPECT_EQ(hostpc::subdevice(mFdo, u"Nothing"), nullptr);
 
     // MaxObjects was 2.
     PPORT third = initialisedPort(CLSID_PortTopology);
@@ -450,8 +454,8 @@ TEST_F(PortClsHost, RegistrationAndConnectionsAreBookedPerDevice) {
               STATUS_INVALID_PARAMETER);
     static_cast<IPortEvents*>(waveEvents)->Release();
 
-    std::vector<hostpc::Connection> expected{{L"Topology", 1, L"Wave", 1},
-                                             {L"Wave", 3, L"Topology", 0}};
+    std::vector<hostpc::Connection> expected{{u"Topology", 1, u"Wave", 1},
+                                             {u"Wave", 3, u"Topology", 0}};
     EXPECT_EQ(hostpc::connections(mFdo), expected);
 
     topology->Release();
@@ -465,7 +469,7 @@ TEST_F(PortClsHost, RegistrationAndConnectionsAreBookedPerDevice) {
 }
 
 TEST_F(PortClsHost, RegistrationRefusals) {
-    WCHAR name[] = L"Wave";
+    WCHAR name[] = u"Wave";
     PPORT bare = nullptr;
     ASSERT_EQ(PcNewPort(&bare, CLSID_PortWaveCyclic), STATUS_SUCCESS);
     EXPECT_EQ(PcRegisterSubdevice(mFdo, name, bare), STATUS_INVALID_DEVICE_STATE); // not Init
@@ -541,7 +545,7 @@ TEST_F(PortClsHost, NotifyCallsTheListenerAndServesTheGroupAtOnceOrFromATimer) {
     EXPECT_EQ(a.services, 3);
     EXPECT_EQ(a.refs, 0u);
     // Hand the miniport's hold back: register and remove like a device does.
-    WCHAR name[] = L"Wave";
+    WCHAR name[] = u"Wave";
     EXPECT_EQ(PcRegisterSubdevice(mFdo, name, port), STATUS_SUCCESS);
     port->Release();
 }
@@ -634,7 +638,7 @@ TEST_F(PortClsHost, TheVerifierReportsWhatADriverDoesBehindThePort) {
         wave->mStream->mSize = 4096; // the buffer block's own size, for its free
         stream.reset();
     }
-    WCHAR name[] = L"Wave";
+    WCHAR name[] = u"Wave";
     EXPECT_EQ(PcRegisterSubdevice(mFdo, name, port), STATUS_SUCCESS);
     port->Release();
 }
@@ -652,10 +656,11 @@ TEST_F(PortClsHost, InjectedFailuresAndNullArguments) {
     EXPECT_EQ(PcNewPort(nullptr, CLSID_PortTopology), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(PcNewServiceGroup(nullptr, nullptr), STATUS_INVALID_PARAMETER);
 
-    DRIVER_OBJECT driver{};
+    hostk::DriverObjectBlock driver;
     hostpc::fail(hostpc::Op::InitializeAdapterDriver, STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(PcInitializeAdapterDriver(&driver, nullptr, addNothing), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(driver.DriverExtension, nullptr);
+    EXPECT_EQ(PcInitializeAdapterDriver(hostk::initDriverObject(driver), nullptr, addNothing),
+              STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(driver.extension.AddDevice, nullptr);
     hostpc::fail(hostpc::Op::AddAdapterDevice, STATUS_UNSUCCESSFUL);
     PDEVICE_OBJECT pdo = hostk::createDeviceObject(nullptr, 1, 0);
     EXPECT_EQ(PcAddAdapterDevice(&mDriver, pdo, recordingStart, 3, 0), STATUS_UNSUCCESSFUL);

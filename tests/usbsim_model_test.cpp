@@ -43,18 +43,18 @@ struct FakeDriver {
         record.mpfnExchangeData = &FakeDriver::exchangeEntry;
         record.mInterfaceVersion = MME_INTERFACE_VERSION;
     }
-    static void notifyEntry(PVOID context, ULONG code, ULONGLONG value) {
+    static void NTAPI notifyEntry(PVOID context, ULONG code, ULONGLONG value) {
         auto* self = static_cast<FakeDriver*>(context);
         self->notes.emplace_back(code, value);
         if (self->onNotify)
             self->onNotify(code);
     }
-    static LONG stcEntry(PVOID context, ULONG code, ULONG value) {
+    static LONG NTAPI stcEntry(PVOID context, ULONG code, ULONG value) {
         auto* self = static_cast<FakeDriver*>(context);
         self->questions.emplace_back(code, value);
         return self->stcAnswer;
     }
-    static void exchangeEntry(PVOID context, MMEAdapterInfo* info) {
+    static void NTAPI exchangeEntry(PVOID context, MMEAdapterInfo* info) {
         auto* self = static_cast<FakeDriver*>(context);
         ++self->exchanges;
         if (KeGetCurrentIrql() != DISPATCH_LEVEL)
@@ -80,7 +80,7 @@ struct Sent {
     bool completedBeforeReturn;
 };
 
-NTSTATUS keepIrp(PDEVICE_OBJECT, PIRP, PVOID context) {
+NTSTATUS NTAPI keepIrp(PDEVICE_OBJECT, PIRP, PVOID context) {
     *static_cast<bool*>(context) = true;
     return STATUS_MORE_PROCESSING_REQUIRED;
 }

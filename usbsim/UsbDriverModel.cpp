@@ -60,10 +60,10 @@ UsbDriverModel::UsbDriverModel(DeviceProfile profile)
     mRender.reset(new AudioSM());
     shapeRings(true);
 
-    hostk::initDriverObject(&mDriver);
-    for (auto& fn : mDriver.MajorFunction)
+    PDRIVER_OBJECT driver = hostk::initDriverObject(mDriver);
+    for (auto& fn : driver->MajorFunction)
         fn = &UsbDriverModel::dispatch;
-    mDevice = hostk::createDeviceObject(&mDriver, 1, sizeof(UsbDriverModel*));
+    mDevice = hostk::createDeviceObject(driver, 1, sizeof(UsbDriverModel*));
     if (!mDevice)
         throw std::runtime_error("usbsim: the host kernel created no device object");
     *static_cast<UsbDriverModel**>(mDevice->DeviceExtension) = this;
@@ -79,7 +79,7 @@ UsbDriverModel::~UsbDriverModel() {
 
 // ---- Dispatch ----
 
-NTSTATUS UsbDriverModel::dispatch(PDEVICE_OBJECT device, PIRP irp) {
+NTSTATUS NTAPI UsbDriverModel::dispatch(PDEVICE_OBJECT device, PIRP irp) {
     UsbDriverModel* self = device && device->DeviceExtension
                                ? *static_cast<UsbDriverModel**>(device->DeviceExtension)
                                : nullptr;
@@ -915,6 +915,7 @@ std::string UsbDriverModel::realTimeError() const {
 }
 
 void UsbDriverModel::realTimeLoop() {
+    hostk::enterDriverThread();
     using clock = std::chrono::steady_clock;
     auto anchor = clock::now();
     uint64_t framesSinceAnchor = 0;

@@ -22,6 +22,7 @@
 
 #include "driver/common/AudioSM.h"
 #include "driver/common/MMEAdapterInfo.h"
+#include "host/kernel/HostKernel.h"
 #include "usbsim/Profile.h"
 
 #include <atomic>
@@ -73,7 +74,7 @@ public:
     UsbDriverModel& operator=(const UsbDriverModel&) = delete;
 
     PDEVICE_OBJECT pdo() const { return mDevice; }
-    PDRIVER_OBJECT driverObject() { return &mDriver; }
+    PDRIVER_OBJECT driverObject() { return &mDriver.object; }
     const DeviceProfile& profile() const { return mProfile; }
 
     // ---- Calls seen ----
@@ -188,7 +189,7 @@ public:
     uint32_t renderReadPos() const;
 
 private:
-    static NTSTATUS dispatch(PDEVICE_OBJECT device, PIRP irp);
+    static NTSTATUS NTAPI dispatch(PDEVICE_OBJECT device, PIRP irp);
     NTSTATUS handle(PIRP irp);
     NTSTATUS act(ULONG code, MMEAdapterInfo* record, std::string& note);
     NTSTATUS registerRecord(MMEAdapterInfo* record, std::string& note);
@@ -210,7 +211,7 @@ private:
     uint32_t ringFrames(uint32_t channels, uint32_t period) const;
 
     DeviceProfile mProfile;
-    DRIVER_OBJECT mDriver{};
+    hostk::DriverObjectBlock mDriver{};
     PDEVICE_OBJECT mDevice = nullptr;
 
     // mPeriodLock (periods, ring shape) before mLock (everything else);

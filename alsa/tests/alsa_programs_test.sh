@@ -89,11 +89,12 @@ stall) # stopped for a second: underrun, recovery, glitches for the gap
     clean_close
     buffer=$(awk '$1 == "buffer_size" { print $3 }' log.txt)
     # The longest underrun: the device played silence for the gap less what
-    # was queued (at most the buffer and the port's lead of three periods),
-    # and until aplay, thawed, saw the underrun (quick, unless the machine
-    # is busy); one glitch per 256-frame period of it.
+    # was queued (at most the buffer and the port's lead of about 40 ms in
+    # whole periods), and until aplay, thawed, saw the underrun (quick,
+    # unless the machine is busy); one glitch per 256-frame period of it.
     read -r glitches silence < <(awk '$1 == "xrun" { print $4, $6 }' summary | sort -k2n | tail -1)
-    low=$((gap - buffer - 768 - rate / 20)) high=$((gap + rate / 2))
+    lead=$(((rate / 25 + 511) / 256 * 256))
+    low=$((gap - buffer - lead - rate / 20)) high=$((gap + rate / 2))
     ((silence >= low && silence <= high)) ||
         fail "silence $silence frames for a gap of $gap frames and a buffer of $buffer"
     ((glitches * 256 >= silence && glitches * 256 <= silence + 512)) ||

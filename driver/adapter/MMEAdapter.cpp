@@ -21,8 +21,8 @@ enum : ULONG { SUBDEVICE_TOPOLOGY = 0, SUBDEVICE_WAVE = 1 };
 constexpr ULONG TOPOLOGY_PIN_RENDER_IN = 0;
 constexpr ULONG TOPOLOGY_PIN_CAPTURE_OUT = 1;
 
-WCHAR gTopologyName[] = L"Topology";
-WCHAR gWaveName[] = L"Wave";
+WCHAR gTopologyName[] = MME_WIDE("Topology");
+WCHAR gWaveName[] = MME_WIDE("Wave");
 
 } // namespace
 

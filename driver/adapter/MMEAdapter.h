@@ -41,8 +41,8 @@ public:
     bool cancel();
 
 private:
-    static void timerRoutine(PKDPC Dpc, PVOID DeferredContext, PVOID SystemArgument1,
-                             PVOID SystemArgument2);
+    static void NTAPI timerRoutine(PKDPC Dpc, PVOID DeferredContext, PVOID SystemArgument1,
+                                   PVOID SystemArgument2);
 
     ITimerCallback* mTarget;
     ULONG mTimerId;
@@ -73,9 +73,9 @@ public:
     // True when the USB driver accepted the call. Never waits: a concurrent
     // or nested call fails at once. Passive or dispatch level.
     bool callUSBDriver(ULONG what);
-    static void notifyEntry(PVOID context, ULONG code, ULONGLONG value);
-    static LONG stcEntry(PVOID context, ULONG code, ULONG value);
-    static void exchangeDataEntry(PVOID context, MMEAdapterInfo* info);
+    static void NTAPI notifyEntry(PVOID context, ULONG code, ULONGLONG value);
+    static LONG NTAPI stcEntry(PVOID context, ULONG code, ULONG value);
+    static void NTAPI exchangeDataEntry(PVOID context, MMEAdapterInfo* info);
 
     // ---- Notifications, attach state, timers ----
     void onNotify(ULONG code, ULONGLONG value);

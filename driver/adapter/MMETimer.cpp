@@ -28,8 +28,8 @@ bool MMETimer::cancel() {
 }
 
 // DPC, dispatch level.
-void MMETimer::timerRoutine(PKDPC Dpc, PVOID DeferredContext, PVOID SystemArgument1,
-                            PVOID SystemArgument2) {
+void NTAPI MMETimer::timerRoutine(PKDPC Dpc, PVOID DeferredContext, PVOID SystemArgument1,
+                                  PVOID SystemArgument2) {
     UNREFERENCED_PARAMETER(Dpc);
     UNREFERENCED_PARAMETER(SystemArgument1);
     UNREFERENCED_PARAMETER(SystemArgument2);

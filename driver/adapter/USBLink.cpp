@@ -96,20 +96,20 @@ void MMEAdapter::freeCallIrpIfRequested() {
     }
 }
 
-void MMEAdapter::notifyEntry(PVOID context, ULONG code, ULONGLONG value) {
+void NTAPI MMEAdapter::notifyEntry(PVOID context, ULONG code, ULONGLONG value) {
     if (!context)
         return;
     static_cast<MMEAdapter*>(context)->onNotify(code, value);
 }
 
-LONG MMEAdapter::stcEntry(PVOID context, ULONG code, ULONG value) {
+LONG NTAPI MMEAdapter::stcEntry(PVOID context, ULONG code, ULONG value) {
     if (!context)
         return 0;
     return static_cast<MMEAdapter*>(context)->USBDriverStcCallback(code, value);
 }
 
 // The USB driver's period context: allocates nothing, never waits.
-void MMEAdapter::exchangeDataEntry(PVOID context, MMEAdapterInfo* info) {
+void NTAPI MMEAdapter::exchangeDataEntry(PVOID context, MMEAdapterInfo* info) {
     if (!context || !info || !info->mpSharedMemory)
         return;
     MMEAdapter* adapter = static_cast<MMEAdapter*>(context);

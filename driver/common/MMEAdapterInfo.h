@@ -38,9 +38,11 @@ enum : ULONG {
 
 constexpr ULONG MME_INTERFACE_VERSION = 2095900; // v2.9.59.0
 
-typedef void (*MMENotifyCallback)(PVOID context, ULONG code, ULONGLONG value);
-typedef LONG (*MMEStcCallback)(PVOID context, ULONG code, ULONG value);
-typedef void (*MMEExchangeDataCallback)(PVOID context, MMEAdapterInfo* info);
+// The USB driver calls these in the kernel's convention, as any kernel
+// routine it is given.
+typedef void(NTAPI* MMENotifyCallback)(PVOID context, ULONG code, ULONGLONG value);
+typedef LONG(NTAPI* MMEStcCallback)(PVOID context, ULONG code, ULONG value);
+typedef void(NTAPI* MMEExchangeDataCallback)(PVOID context, MMEAdapterInfo* info);
 
 struct ChannelConfig {
     ULONG fr;     // sample rate, Hz

@@ -84,7 +84,7 @@ void ResetPdoHandOver() {
     InterlockedExchange(&_pdoUseLock, 0);
 }
 
-NTSTATUS StartDevice(PDEVICE_OBJECT DeviceObject, PIRP Irp, PRESOURCELIST ResourceList) {
+NTSTATUS NTAPI StartDevice(PDEVICE_OBJECT DeviceObject, PIRP Irp, PRESOURCELIST ResourceList) {
     UNREFERENCED_PARAMETER(ResourceList);
     FunctionTrace ft("StartDevice [DeviceObject]", DeviceObject);
 

@@ -20,7 +20,7 @@ NTSTATUS AddAdapterDeviceLocked(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT Phys
                                 PCPFNSTARTDEVICE StartRoutine, ULONG MaxObjects,
                                 ULONG DeviceExtensionSize);
 // Passive level; the start routine handed to the port-class library.
-NTSTATUS StartDevice(PDEVICE_OBJECT DeviceObject, PIRP Irp, PRESOURCELIST ResourceList);
+NTSTATUS NTAPI StartDevice(PDEVICE_OBJECT DeviceObject, PIRP Irp, PRESOURCELIST ResourceList);
 
 // The parked physical device object, or null. Releases the use lock only
 // when something was parked, so a start with nothing parked leaves the

@@ -29,8 +29,8 @@ private:
 
 // Node controls, not attached to the constant filter. Driver-wide state,
 // reset by the adapter's constructor.
-NTSTATUS PropertyHandler_Level(PPCPROPERTY_REQUEST PropertyRequest);
-NTSTATUS PropertyHandler_OnOff(PPCPROPERTY_REQUEST PropertyRequest);
-NTSTATUS PropertyHandler_SR_CHANGE(PPCPROPERTY_REQUEST PropertyRequest);
+NTSTATUS NTAPI PropertyHandler_Level(PPCPROPERTY_REQUEST PropertyRequest);
+NTSTATUS NTAPI PropertyHandler_OnOff(PPCPROPERTY_REQUEST PropertyRequest);
+NTSTATUS NTAPI PropertyHandler_SR_CHANGE(PPCPROPERTY_REQUEST PropertyRequest);
 NTSTATUS EventHandler_SR_CHANGE(PPCEVENT_REQUEST EventRequest);
 void resetTopologyControls();

@@ -76,7 +76,7 @@ void resetTopologyControls() {
     gLevelIn = 0;
 }
 
-NTSTATUS PropertyHandler_OnOff(PPCPROPERTY_REQUEST PropertyRequest) {
+NTSTATUS NTAPI PropertyHandler_OnOff(PPCPROPERTY_REQUEST PropertyRequest) {
     FunctionTrace ft("PropertyHandler_OnOff", PropertyRequest);
     if (!PropertyRequest || !hasChannelInstance(PropertyRequest))
         return STATUS_INVALID_PARAMETER;
@@ -106,7 +106,7 @@ NTSTATUS PropertyHandler_OnOff(PPCPROPERTY_REQUEST PropertyRequest) {
     return STATUS_INVALID_PARAMETER;
 }
 
-NTSTATUS PropertyHandler_Level(PPCPROPERTY_REQUEST PropertyRequest) {
+NTSTATUS NTAPI PropertyHandler_Level(PPCPROPERTY_REQUEST PropertyRequest) {
     FunctionTrace ft("PropertyHandler_Level", PropertyRequest);
     if (!PropertyRequest || PropertyRequest->Node == PCFILTER_NODE)
         return STATUS_INVALID_PARAMETER;
@@ -149,7 +149,7 @@ NTSTATUS PropertyHandler_Level(PPCPROPERTY_REQUEST PropertyRequest) {
     return STATUS_INVALID_PARAMETER;
 }
 
-NTSTATUS PropertyHandler_SR_CHANGE(PPCPROPERTY_REQUEST PropertyRequest) {
+NTSTATUS NTAPI PropertyHandler_SR_CHANGE(PPCPROPERTY_REQUEST PropertyRequest) {
     FunctionTrace ft("PropertyHandler_SR_CHANGE", PropertyRequest);
     if (PropertyRequest) {
         ft.num("node/verb", (LONG)PropertyRequest->Node, (LONG)PropertyRequest->Verb);

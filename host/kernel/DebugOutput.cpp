@@ -1,6 +1,11 @@
 // DbgPrint and RtlAssert on Linux: Windows-kernel formatting into a
 // replaceable sink (stderr, file, in-memory capture, callback, nothing), and
 // assertion reports that are recorded and let execution continue.
+//
+// DbgPrint is a Windows x64 variadic function: every argument, whatever its
+// type, sits in its own 8-byte slot, and the format alone says how much of
+// the slot is read. A %ld given a 64-bit value therefore prints its low 32
+// bits here as on Windows, and the arguments after it stay where they were.
 #include "HostKernelInternal.h"
 
 #include <cerrno>
@@ -9,7 +14,6 @@
 #include <cstring>
 #include <mutex>
 #include <stdexcept>
-#include <cwchar>
 
 namespace {
 
@@ -99,11 +103,13 @@ void appendInteger(std::string& out, uint64_t magnitude, bool negative, bool isS
     pad(out, prefix + digits, conv);
 }
 
-std::string narrow(const wchar_t* text, size_t maxChars) {
+// The kernel converts wide text to the ANSI code page; what has no
+// single-byte form there prints as '?'. Only ASCII is taken as convertible.
+std::string narrow(const WCHAR* text, size_t maxChars) {
     std::string s;
     for (size_t i = 0; i < maxChars && text[i]; ++i) {
-        wchar_t c = text[i];
-        s += (c >= 0 && c < 0x80) ? (char)c : '?';
+        WCHAR c = text[i];
+        s += c < 0x80 ? (char)c : '?';
     }
     return s;
 }
@@ -117,16 +123,32 @@ struct AnsiString {
 
 enum class Length { Default, Char, Short, Long32, Long64, Pointer, Wide, LongDouble };
 
+// %S and %C are the wide forms in a narrow function, unless h says narrow;
+// l and w make %s and %c wide.
+bool isWide(char conversion, Length length) {
+    if (conversion == 'S' || conversion == 'C')
+        return length != Length::Short;
+    return length == Length::Long32 || length == Length::Wide;
+}
+
 } // namespace
 
 namespace hostk {
 
-std::string formatKernel(const char* format, va_list args) {
+// The rules are those of the Windows C runtime's printf family ("Format
+// specification syntax" and its size prefixes), which the kernel's DbgPrint
+// follows, plus the kernel's %Z (ANSI_STRING) and %wZ (UNICODE_STRING) from
+// the DbgPrint documentation.
+std::string formatKernel(const char* format, __builtin_ms_va_list args, bool* wide) {
     std::string out;
+    if (wide)
+        *wide = false;
     if (!format)
         return out;
-    va_list ap;
-    va_copy(ap, args);
+    // A Windows argument list is a plain pointer to the next slot, so the
+    // copy is an assignment (g++ 12 at -O0 miscompiles __builtin_ms_va_copy
+    // outside an ms_abi function).
+    __builtin_ms_va_list ap = args;
     for (const char* f = format; *f; ++f) {
         if (*f != '%') {
             out += *f;
@@ -173,13 +195,15 @@ std::string formatKernel(const char* format, va_list args) {
                     conv.precision = conv.precision * 10 + (*f++ - '0');
             }
         }
-        // Windows widths: long is 32 bits; I64/ll 64; I, z, t, j pointer-sized.
+        // Windows sizes: long is 32 bits (so %ld, %lx, %lu read 4 bytes of the
+        // slot); I64 and ll 64; I, z, t and j pointer-sized, 64 on x64; h and
+        // w before c/s/C/S choose narrow and wide.
         Length length = Length::Default;
         if (f[0] == 'h' && f[1] == 'h') {
             length = Length::Char;
             f += 2;
         } else if (f[0] == 'h') {
-            length = Length::Short;
+            length = Length::Short; // also selects narrow %C/%S
             ++f;
         } else if (f[0] == 'l' && f[1] == 'l') {
             length = Length::Long64;
@@ -254,9 +278,11 @@ std::string formatKernel(const char* format, va_list args) {
         case 'c':
         case 'C': {
             std::string c;
-            if (conversion == 'C' || length == Length::Long32 || length == Length::Wide) {
-                wchar_t w = (wchar_t)va_arg(ap, wint_t);
-                wchar_t text[2] = {w, 0};
+            if (isWide(conversion, length)) {
+                if (wide)
+                    *wide = true;
+                WCHAR w = (WCHAR)va_arg(ap, unsigned);
+                WCHAR text[2] = {w, 0};
                 c = w ? narrow(text, 1) : std::string(1, '\0');
             } else {
                 c = std::string(1, (char)va_arg(ap, int));
@@ -268,8 +294,10 @@ std::string formatKernel(const char* format, va_list args) {
         case 'S': {
             size_t limit = conv.precision >= 0 ? (size_t)conv.precision : SIZE_MAX;
             std::string s;
-            if (conversion == 'S' || length == Length::Long32 || length == Length::Wide) {
-                const wchar_t* w = va_arg(ap, const wchar_t*);
+            if (isWide(conversion, length)) {
+                if (wide)
+                    *wide = true;
+                const WCHAR* w = va_arg(ap, const WCHAR*);
                 s = w ? narrow(w, limit) : std::string("(null)");
             } else {
                 const char* n = va_arg(ap, const char*);
@@ -284,6 +312,8 @@ std::string formatKernel(const char* format, va_list args) {
         case 'Z': {
             std::string s;
             if (length == Length::Wide) {
+                if (wide)
+                    *wide = true;
                 const UNICODE_STRING* u = va_arg(ap, const UNICODE_STRING*);
                 if (!u || !u->Buffer)
                     s = "(null)";
@@ -322,15 +352,10 @@ std::string formatKernel(const char* format, va_list args) {
                 cspec += std::to_string(conv.width);
             if (conv.precision >= 0)
                 cspec += "." + std::to_string(conv.precision);
+            // long double is double on Windows, so %Lf reads a double too.
             char buffer[512];
-            if (length == Length::LongDouble) {
-                cspec += 'L';
-                cspec += conversion;
-                std::snprintf(buffer, sizeof buffer, cspec.c_str(), va_arg(ap, long double));
-            } else {
-                cspec += conversion;
-                std::snprintf(buffer, sizeof buffer, cspec.c_str(), va_arg(ap, double));
-            }
+            cspec += conversion;
+            std::snprintf(buffer, sizeof buffer, cspec.c_str(), va_arg(ap, double));
             out += buffer;
             break;
         }
@@ -346,7 +371,6 @@ std::string formatKernel(const char* format, va_list args) {
             break;
         }
     }
-    va_end(ap);
     return out;
 }
 
@@ -470,11 +494,18 @@ std::string assertProblems() {
 
 extern "C" {
 
-ULONG DbgPrint(PCSTR Format, ...) {
-    va_list args;
-    va_start(args, Format);
-    std::string text = hostk::formatKernel(Format, args);
-    va_end(args);
+ULONG NTAPI DbgPrint(PCSTR Format, ...) {
+    hostk::detail::checkDriverThread(); // every trace line carries the thread
+    __builtin_ms_va_list args;
+    __builtin_ms_va_start(args, Format);
+    bool wide = false;
+    std::string text = hostk::formatKernel(Format, args, &wide);
+    __builtin_ms_va_end(args);
+    // The DbgPrint documentation: the Unicode conversions (%C, %S, %lc, %ls,
+    // %wc, %ws, %wZ) may only be used at PASSIVE_LEVEL.
+    if (wide && hostk::detail::currentIrql() != PASSIVE_LEVEL)
+        hostk::detail::verifierFailure("DbgPrint with a Unicode conversion above PASSIVE_LEVEL: " +
+                                       std::string(Format));
     hostk::detail::writeToSink(text);
     return STATUS_SUCCESS;
 }

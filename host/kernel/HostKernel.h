@@ -20,9 +20,11 @@
 namespace hostk {
 
 // ---- Debug output (DbgPrint) ----
-// Formatting follows the Windows kernel, not glibc: %p is 16 uppercase hex
-// digits without prefix (null prints as zeros).
-std::string formatKernel(const char* format, va_list args);
+// Formatting follows the Windows kernel, not glibc: arguments are read from
+// a Windows x64 argument list, long is 32 bits, %p is 16 uppercase hex digits
+// without prefix (null prints as zeros), %S/%ws are 16-bit strings. wide, when
+// given, says whether a Unicode conversion was used.
+std::string formatKernel(const char* format, __builtin_ms_va_list args, bool* wide = nullptr);
 void setSinkStderr();
 void setSinkFile(const std::string& path); // throws std::runtime_error when it cannot open
 void setSinkCapture();                     // in-memory, read with capturedLines()
@@ -96,6 +98,17 @@ void runAtDispatch(const std::function<void()>& fn);
 // thread, releasing one not held by it, and raising or lowering the IRQL
 // the wrong way are violations.
 
+// ---- Threads ----
+// Every thread the host starts that may run driver code calls this first:
+// with a loaded image it gives the thread what the image reads from the
+// processor (host/image/Processor.h); otherwise it does nothing. Test
+// threads that run a loaded image call it too.
+// DbgPrint asks owns() whether the calling thread's processor state is its
+// own: a thread started by one that had it inherits it, and the image then
+// reads the creator's thread object. Such a call is a verifier failure.
+void enterDriverThread();
+void setDriverThreadHooks(void (*attach)(), bool (*owns)());
+
 // ---- Time ----
 // Virtual time: KeDelayExecutionThread returns at once and advances the
 // clock; timers fire only from advanceTime(). Real time: delays sleep and a
@@ -134,11 +147,16 @@ size_t pendingTimers();
 void setRundownWaitObserver(std::function<void(PEX_RUNDOWN_REF)> observer);
 
 // ---- Objects ----
+// A driver object as the I/O manager allocates it, its extension right
+// behind it.
+struct DriverObjectBlock {
+    DRIVER_OBJECT object;
+    DRIVER_EXTENSION extension;
+};
 // Fills a driver object as the I/O manager does before DriverEntry: zeroed,
-// DriverExtension pointing at its embedded extension, no dispatch routines
-// (an IRP sent to a missing routine completes with
-// STATUS_INVALID_DEVICE_REQUEST).
-void initDriverObject(PDRIVER_OBJECT driver);
+// DriverExtension pointing at its extension, no dispatch routines (an IRP
+// sent to a missing routine completes with STATUS_INVALID_DEVICE_REQUEST).
+PDRIVER_OBJECT initDriverObject(DriverObjectBlock& block);
 // Creates a device object of the host's own (for the USB model's PDO and
 // the port-class FDO), linked into driver's device list when driver is not
 // null, with a zeroed extension and ReferenceCount 0 (the creator's own

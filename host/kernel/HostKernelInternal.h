@@ -26,6 +26,9 @@ void requirePassive(const char* service);
 // Runs the DPCs this thread queued for itself; called while still at
 // DISPATCH_LEVEL just before the IRQL drops below it.
 void lowerFromDispatch();
+// A verifier failure when the calling thread runs a loaded image with
+// another thread's GS block (see enterDriverThread); then gives it its own.
+void checkDriverThread();
 
 // ---- Pool (Pool.cpp) ----
 enum class BlockKind { Pool, Irp };

@@ -70,12 +70,14 @@ using hostk::detail::verifierFailure;
 
 namespace hostk {
 
-void initDriverObject(PDRIVER_OBJECT driver) {
-    std::memset(driver, 0, sizeof *driver);
+PDRIVER_OBJECT initDriverObject(DriverObjectBlock& block) {
+    std::memset(&block, 0, sizeof block);
+    PDRIVER_OBJECT driver = &block.object;
     driver->Type = kTypeDriver;
     driver->Size = (CSHORT)sizeof *driver;
-    driver->DriverExtension = &driver->Extension;
-    driver->Extension.DriverObject = driver;
+    driver->DriverExtension = &block.extension;
+    block.extension.DriverObject = driver;
+    return driver;
 }
 
 PDEVICE_OBJECT createDeviceObject(PDRIVER_OBJECT driver, CCHAR stackSize, ULONG extensionSize) {

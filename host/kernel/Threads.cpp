@@ -5,6 +5,7 @@
 
 #include <sched.h>
 
+#include <atomic>
 #include <cstdio>
 #include <functional>
 #include <mutex>
@@ -48,6 +49,21 @@ std::string irqlText(KIRQL irql) {
 } // namespace
 
 namespace hostk {
+
+namespace {
+std::atomic<void (*)()> gAttachHook{nullptr};
+std::atomic<bool (*)()> gOwnsHook{nullptr};
+} // namespace
+
+void enterDriverThread() {
+    if (auto attach = gAttachHook.load(std::memory_order_acquire))
+        attach();
+}
+
+void setDriverThreadHooks(void (*attach)(), bool (*owns)()) {
+    gOwnsHook.store(owns, std::memory_order_release);
+    gAttachHook.store(attach, std::memory_order_release);
+}
 
 std::vector<std::string> verifierFailures() {
     auto& v = verifier();
@@ -124,6 +140,15 @@ void setVerifierQuiet(bool quiet) {
     auto& v = verifier();
     std::lock_guard<std::mutex> lock(v.mutex);
     v.quiet = quiet;
+}
+
+void checkDriverThread() {
+    auto owns = gOwnsHook.load(std::memory_order_acquire);
+    if (!owns || owns())
+        return;
+    verifierFailure("driver code ran on a thread that inherited its creator's processor state "
+                    "(GS): the thread did not call hostk::enterDriverThread()");
+    enterDriverThread();
 }
 
 void requirePassive(const char* service) {
@@ -207,13 +232,18 @@ void NTAPI KeInitializeSpinLock(PKSPIN_LOCK SpinLock) {
     __atomic_store_n(SpinLock, (ULONG_PTR)0, __ATOMIC_RELAXED);
 }
 
-void NTAPI KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql) {
+KIRQL NTAPI KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock) {
     KIRQL old = tThread.irql;
     if (old > DISPATCH_LEVEL)
         verifierFailure("KeAcquireSpinLock above DISPATCH_LEVEL");
     tThread.irql = DISPATCH_LEVEL;
     acquireLock(SpinLock, "KeAcquireSpinLock");
-    *OldIrql = old;
+    return old;
+}
+
+// On x64 the DDK's KeAcquireSpinLock is KeAcquireSpinLockRaiseToDpc.
+void NTAPI KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql) {
+    *OldIrql = KeAcquireSpinLockRaiseToDpc(SpinLock);
 }
 
 void NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) {

@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -30,12 +31,12 @@ namespace {
 
 // Marks timers and DPCs that went through their initialisation; a queued
 // DPC's target is in which of the two DPC marks it carries.
-char gTimerMagic;
+LIST_ENTRY gTimerMagic;
 char gDpcMagic;
 char gDpcLocalMagic;
 
 bool dpcInitialised(PKDPC dpc) {
-    return dpc->HostState == &gDpcMagic || dpc->HostState == &gDpcLocalMagic;
+    return dpc->DpcData == &gDpcMagic || dpc->DpcData == &gDpcLocalMagic;
 }
 
 // A DPC in the queue: the KTHREAD of the queueing thread for a local one,
@@ -99,7 +100,7 @@ bool removeLocked(TimerState& s, PKTIMER timer) {
         }
     }
     s.index.erase(it);
-    timer->Inserted = FALSE;
+    timer->Header.Inserted = FALSE;
     return true;
 }
 
@@ -111,7 +112,7 @@ void fireFirstLocked(TimerState& s, std::unique_lock<std::mutex>& lock) {
     int64_t due = first->first.first;
     s.queue.erase(first);
     s.index.erase(timer);
-    timer->Inserted = FALSE;
+    timer->Header.Inserted = FALSE;
     PKDPC dpc = timer->Dpc;
     PKDEFERRED_ROUTINE routine = dpc ? dpc->DeferredRoutine : nullptr;
     PVOID context = dpc ? dpc->DeferredContext : nullptr;
@@ -134,6 +135,8 @@ void timerThread() {
     auto& s = timers();
     std::unique_lock<std::mutex> lock(s.mutex);
     while (!s.stop) {
+        // Started before an image may have been loaded: asks on every turn.
+        hostk::enterDriverThread();
         if (s.virtualTime || s.queue.empty()) {
             s.wake.wait(lock);
             continue;
@@ -261,7 +264,7 @@ void useVirtualTime(bool on) {
             Key k{key.first - oldNow + newNow, key.second};
             moved.emplace(k, timer);
             s.index[timer] = k;
-            timer->DueTime = k.first;
+            timer->DueTime.QuadPart = (ULONGLONG)k.first;
         }
         s.queue.swap(moved);
     }
@@ -386,7 +389,7 @@ void dropAllTimers() {
     std::lock_guard<std::mutex> lock(s.mutex);
     s.dpcs.clear();
     for (auto& entry : s.index)
-        entry.first->Inserted = FALSE;
+        entry.first->Header.Inserted = FALSE;
     s.queue.clear();
     s.index.clear();
 }
@@ -454,7 +457,7 @@ void NTAPI KeInitializeDpc(PRKDPC Dpc, PKDEFERRED_ROUTINE DeferredRoutine, PVOID
     Dpc->DeferredContext = DeferredContext;
     Dpc->SystemArgument1 = nullptr;
     Dpc->SystemArgument2 = nullptr;
-    Dpc->HostState = &gDpcMagic;
+    Dpc->DpcData = &gDpcMagic;
 }
 
 void NTAPI KeInitializeTimer(PKTIMER Timer) {
@@ -462,10 +465,9 @@ void NTAPI KeInitializeTimer(PKTIMER Timer) {
     std::lock_guard<std::mutex> lock(s.mutex);
     if (removeLocked(s, Timer))
         verifierFailure("KeInitializeTimer of a pending timer " + pointerText(Timer));
-    Timer->DueTime = 0;
-    Timer->Inserted = FALSE;
-    Timer->Dpc = nullptr;
-    Timer->HostState = &gTimerMagic;
+    std::memset(Timer, 0, sizeof *Timer);
+    Timer->Header.Type = 8; // TimerNotificationObject
+    Timer->TimerListEntry.Flink = &gTimerMagic;
 }
 
 BOOLEAN NTAPI KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc) {
@@ -474,9 +476,9 @@ BOOLEAN NTAPI KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc) {
     observeTimer(Timer, true);
     auto& s = timers();
     std::lock_guard<std::mutex> lock(s.mutex);
-    if (Timer->HostState != &gTimerMagic) {
+    if (Timer->TimerListEntry.Flink != &gTimerMagic) {
         verifierFailure("KeSetTimer of a timer that was never initialised: " + pointerText(Timer));
-        Timer->HostState = &gTimerMagic;
+        Timer->TimerListEntry.Flink = &gTimerMagic;
     }
     if (Dpc && !dpcInitialised(Dpc))
         verifierFailure("KeSetTimer with a DPC that was never initialised: " + pointerText(Dpc));
@@ -486,8 +488,8 @@ BOOLEAN NTAPI KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc) {
     Key key{due, ++s.order};
     s.queue.emplace(key, Timer);
     s.index[Timer] = key;
-    Timer->DueTime = due;
-    Timer->Inserted = TRUE;
+    Timer->DueTime.QuadPart = (ULONGLONG)due;
+    Timer->Header.Inserted = TRUE;
     Timer->Dpc = Dpc;
     ensureTimerThreadLocked(s);
     s.wake.notify_all();
@@ -541,7 +543,7 @@ BOOLEAN NTAPI KeInsertQueueDpc(PRKDPC Dpc, PVOID SystemArgument1, PVOID SystemAr
                 return FALSE;
         Dpc->SystemArgument1 = SystemArgument1;
         Dpc->SystemArgument2 = SystemArgument2;
-        const bool local = Dpc->HostState == &gDpcLocalMagic;
+        const bool local = Dpc->DpcData == &gDpcLocalMagic;
         s.dpcs.push_back({Dpc, local ? (const void*)KeGetCurrentThread() : nullptr});
         if (local) {
             now = hostk::detail::currentIrql() < DISPATCH_LEVEL;
@@ -573,7 +575,7 @@ void setDpcTarget(PKDPC dpc, DpcTarget target) {
         verifierFailure("setDpcTarget of a DPC that was never initialised: " + pointerText(dpc));
         return;
     }
-    dpc->HostState = target == DpcTarget::QueueingThread ? &gDpcLocalMagic : &gDpcMagic;
+    dpc->DpcData = target == DpcTarget::QueueingThread ? &gDpcLocalMagic : &gDpcMagic;
 }
 
 size_t queuedDpcs() {

@@ -7,14 +7,20 @@
 
 #include "host/kernel/HostKernel.h"
 
+#include "host/image/Exports.h"
+#include "host/image/PeImage.h"
+#include "host/image/Processor.h"
+
 #include <algorithm>
+#include <cstdlib>
 #include <map>
+#include <mutex>
 
 namespace hostpc::detail {
 namespace {
 
 struct Subdevice {
-    std::wstring name;
+    std::u16string name;
     PUNKNOWN port;      // one reference, given back at removal
     PUNKNOWN canonical; // the port's IUnknown, to recognise it again
 };
@@ -33,7 +39,7 @@ struct DeviceRecord {
 struct Failure {
     Op op;
     NTSTATUS status;
-    std::wstring name;
+    std::u16string name;
 };
 
 struct State {
@@ -149,7 +155,7 @@ NTSTATUS NTAPI dispatchUnsupported(PDEVICE_OBJECT, PIRP irp) {
 
 } // namespace
 
-NTSTATUS injectedFailure(Op op, const std::wstring& name) {
+NTSTATUS injectedFailure(Op op, const std::u16string& name) {
     std::lock_guard<std::mutex> lock(state().mutex);
     for (const auto& failure : state().failures)
         if (failure.op == op && (failure.name.empty() || failure.name == name))
@@ -167,14 +173,13 @@ extern "C" NTSTATUS NTAPI PcInitializeAdapterDriver(PDRIVER_OBJECT DriverObject,
                                                     PUNICODE_STRING RegistryPathName,
                                                     PDRIVER_ADD_DEVICE AddDevice) {
     UNREFERENCED_PARAMETER(RegistryPathName);
-    if (!DriverObject || !AddDevice)
+    // The I/O manager gives every driver object its extension; one without
+    // is not a driver object.
+    if (!DriverObject || !DriverObject->DriverExtension || !AddDevice)
         return STATUS_INVALID_PARAMETER;
     NTSTATUS status = injectedFailure(Op::InitializeAdapterDriver);
     if (!NT_SUCCESS(status))
         return status;
-    if (!DriverObject->DriverExtension)
-        DriverObject->DriverExtension = &DriverObject->Extension;
-    DriverObject->DriverExtension->DriverObject = DriverObject;
     DriverObject->DriverExtension->AddDevice = AddDevice;
     for (auto& dispatch : DriverObject->MajorFunction)
         dispatch = &dispatchUnsupported;
@@ -218,7 +223,7 @@ extern "C" NTSTATUS NTAPI PcRegisterSubdevice(PDEVICE_OBJECT DeviceObject, PWSTR
                                               PUNKNOWN Unknown) {
     if (!DeviceObject || !Name || !Unknown)
         return STATUS_INVALID_PARAMETER;
-    std::wstring name(Name);
+    std::u16string name(Name);
     HostPort* port = hostPortOf(Unknown);
     if (!port)
         return STATUS_INVALID_PARAMETER;
@@ -373,16 +378,16 @@ bool isStarted(PDEVICE_OBJECT fdo) {
     return record && record->started;
 }
 
-std::vector<std::wstring> subdeviceNames(PDEVICE_OBJECT fdo) {
+std::vector<std::u16string> subdeviceNames(PDEVICE_OBJECT fdo) {
     std::lock_guard<std::mutex> lock(state().mutex);
-    std::vector<std::wstring> names;
+    std::vector<std::u16string> names;
     if (DeviceRecord* record = findLocked(fdo))
         for (const auto& subdevice : record->subdevices)
             names.push_back(subdevice.name);
     return names;
 }
 
-PUNKNOWN subdevice(PDEVICE_OBJECT fdo, const std::wstring& name) {
+PUNKNOWN subdevice(PDEVICE_OBJECT fdo, const std::u16string& name) {
     std::lock_guard<std::mutex> lock(state().mutex);
     if (DeviceRecord* record = findLocked(fdo))
         for (const auto& subdevice : record->subdevices)
@@ -397,7 +402,7 @@ std::vector<Connection> connections(PDEVICE_OBJECT fdo) {
     return record ? record->connections : std::vector<Connection>{};
 }
 
-void fail(Op op, NTSTATUS status, const std::wstring& subdeviceName) {
+void fail(Op op, NTSTATUS status, const std::u16string& subdeviceName) {
     std::lock_guard<std::mutex> lock(state().mutex);
     state().failures.push_back(Failure{op, status, subdeviceName});
 }
@@ -414,14 +419,71 @@ void resetForTest() {
 
 // ---- DriverLoader ----
 
-DriverLoader::DriverLoader(Entry entry) : mDriver(new DRIVER_OBJECT{}) {
-    mDriver->DriverExtension = &mDriver->Extension;
-    mDriver->DriverExtension->DriverObject = mDriver.get();
-    mRegistryText = L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\mmeusb";
+namespace {
+std::mutex gChoiceMutex;
+bool gChosen = false;
+std::string gChoice;
+} // namespace
+
+void useDriverImage(const std::string& sysPath) {
+    std::lock_guard<std::mutex> lock(gChoiceMutex);
+    gChosen = true;
+    gChoice = sysPath;
+}
+
+std::string driverImage() {
+    std::lock_guard<std::mutex> lock(gChoiceMutex);
+    if (gChosen)
+        return gChoice;
+    const char* env = std::getenv("MME_DRIVER_IMAGE");
+    return env ? env : "";
+}
+
+DriverLoader::DriverLoader() {
+    init();
+    const std::string image = driverImage();
+    if (image.empty())
+        enter(&DriverEntry);
+    else
+        loadImage(image);
+}
+
+DriverLoader::DriverLoader(Entry entry) {
+    init();
+    enter(entry);
+}
+
+DriverLoader::DriverLoader(const std::string& sysPath) {
+    init();
+    loadImage(sysPath);
+}
+
+void DriverLoader::loadImage(const std::string& sysPath) {
+    mImagePath = sysPath;
+    // The image reads the thread from GS and the IRQL from CR8 from its
+    // first instruction on.
+    hostimg::enableProcessorState();
+    std::shared_ptr<hostimg::LoadedImage> image =
+        hostimg::LoadedImage::loadFile(sysPath, &hostimg::hostExport, &mImageError);
+    if (!image) {
+        mEntryStatus = STATUS_UNSUCCESSFUL;
+        return;
+    }
+    mImage = image;
+    enter(reinterpret_cast<Entry>(image->entryPoint()));
+}
+
+void DriverLoader::init() {
+    mDriverBlock.reset(new hostk::DriverObjectBlock);
+    mDriver = hostk::initDriverObject(*mDriverBlock);
+    mRegistryText = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\mmeusb";
     mRegistryPath.Buffer = mRegistryText.data();
     mRegistryPath.Length = (USHORT)(mRegistryText.size() * sizeof(WCHAR));
     mRegistryPath.MaximumLength = mRegistryPath.Length;
-    mEntryStatus = entry ? entry(mDriver.get(), &mRegistryPath) : STATUS_INVALID_PARAMETER;
+}
+
+void DriverLoader::enter(Entry entry) {
+    mEntryStatus = entry ? entry(mDriver, &mRegistryPath) : STATUS_INVALID_PARAMETER;
 }
 
 DriverLoader::~DriverLoader() {
@@ -435,7 +497,7 @@ NTSTATUS DriverLoader::addDevice(PDEVICE_OBJECT pdo) {
         mDriver->DriverExtension ? mDriver->DriverExtension->AddDevice : nullptr;
     if (!add)
         return STATUS_INVALID_DEVICE_STATE;
-    NTSTATUS status = add(mDriver.get(), pdo);
+    NTSTATUS status = add(mDriver, pdo);
     if (PDEVICE_OBJECT fdo = fdoForPdo(pdo)) {
         if (mServiceModeSet)
             hostpc::setServiceMode(fdo, mServiceMode);

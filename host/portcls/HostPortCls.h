@@ -14,6 +14,7 @@
 #pragma once
 
 #include "driver/platform/platform.h"
+#include "host/kernel/HostKernel.h"
 
 #include <functional>
 #include <memory>
@@ -58,14 +59,14 @@ ServiceMode defaultServiceMode();
 void setServiceMode(PDEVICE_OBJECT fdo, ServiceMode mode);
 ServiceMode serviceMode(PDEVICE_OBJECT fdo); // the default for an unknown fdo
 
-std::vector<std::wstring> subdeviceNames(PDEVICE_OBJECT fdo);
+std::vector<std::u16string> subdeviceNames(PDEVICE_OBJECT fdo);
 // The registered port (no reference taken), or null.
-PUNKNOWN subdevice(PDEVICE_OBJECT fdo, const std::wstring& name);
+PUNKNOWN subdevice(PDEVICE_OBJECT fdo, const std::u16string& name);
 
 struct Connection {
-    std::wstring fromName;
+    std::u16string fromName;
     ULONG fromPin;
-    std::wstring toName;
+    std::u16string toName;
     ULONG toPin;
     bool operator==(const Connection& o) const {
         return fromName == o.fromName && fromPin == o.fromPin && toName == o.toName &&
@@ -128,7 +129,7 @@ enum class Op {
     NewServiceGroup,
 };
 // The operation returns status (a failure code) until clearFailures().
-void fail(Op op, NTSTATUS status, const std::wstring& subdeviceName = std::wstring());
+void fail(Op op, NTSTATUS status, const std::u16string& subdeviceName = std::u16string());
 void clearFailures();
 
 // Clears failures and listeners and sets the default service mode back to
@@ -138,19 +139,35 @@ void resetForTest();
 
 // ---- A driver loaded as the PnP manager would ----
 
+// The process's driver: the one linked into this program, unless a Windows
+// image (.sys) was chosen here or by MME_DRIVER_IMAGE in the environment
+// (read when no choice was made here). An empty path means the linked one.
+void useDriverImage(const std::string& sysPath);
+std::string driverImage();
+
 class DriverLoader {
 public:
-    using Entry = NTSTATUS(NTAPI*)(PDRIVER_OBJECT, PUNICODE_STRING);
+    using Entry = PDRIVER_INITIALIZE;
+    // The process's driver (see useDriverImage).
+    DriverLoader();
     // Calls entry (DriverEntry) with a driver object and registry path of
     // its own.
-    explicit DriverLoader(Entry entry = &DriverEntry);
+    explicit DriverLoader(Entry entry);
+    // Maps the image and calls its entry point: only the image's code runs
+    // as the driver. When it cannot be loaded, entryStatus() is
+    // STATUS_UNSUCCESSFUL and imageError() says why. The image stays mapped
+    // until the loader goes, after its devices are removed.
+    explicit DriverLoader(const std::string& sysPath);
     // Removes every device this loader added and still present.
     ~DriverLoader();
     DriverLoader(const DriverLoader&) = delete;
     DriverLoader& operator=(const DriverLoader&) = delete;
 
     NTSTATUS entryStatus() const { return mEntryStatus; }
-    PDRIVER_OBJECT driverObject() { return mDriver.get(); }
+    PDRIVER_OBJECT driverObject() { return mDriver; }
+    bool runsImage() const { return !mImagePath.empty(); }
+    const std::string& imagePath() const { return mImagePath; }
+    const std::string& imageError() const { return mImageError; }
 
     // The driver's add-device routine, as registered by DriverEntry
     // (STATUS_INVALID_DEVICE_STATE when none was registered).
@@ -163,8 +180,16 @@ public:
     void setServiceMode(ServiceMode mode);
 
 private:
-    std::unique_ptr<DRIVER_OBJECT> mDriver;
-    std::wstring mRegistryText;
+    void init();
+    void enter(Entry entry);
+    void loadImage(const std::string& sysPath);
+
+    std::shared_ptr<void> mImage; // the mapped image, when the driver is one
+    std::string mImagePath;
+    std::string mImageError;
+    std::unique_ptr<hostk::DriverObjectBlock> mDriverBlock;
+    PDRIVER_OBJECT mDriver = nullptr;
+    std::u16string mRegistryText;
     UNICODE_STRING mRegistryPath{};
     NTSTATUS mEntryStatus = STATUS_UNSUCCESSFUL;
     std::vector<PDEVICE_OBJECT> mPdos;

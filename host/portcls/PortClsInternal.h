@@ -31,7 +31,7 @@ template <class T> void poolDelete(T* object, ULONG tag) {
 }
 
 // Failure injected for op (and subdevice name), or STATUS_SUCCESS.
-NTSTATUS injectedFailure(Op op, const std::wstring& name = std::wstring());
+NTSTATUS injectedFailure(Op op, const std::u16string& name = std::u16string());
 
 std::atomic<size_t>& liveCount();
 

@@ -4,7 +4,9 @@
 // any step are left to the test to inspect; nothing throws.
 //
 // adapter() finds the adapter through whichever miniport holds it, so it is
-// null when neither subdevice was registered (or after removal).
+// null when neither subdevice was registered (or after removal). wave(),
+// topology() and adapter() reach into the linked driver's objects: they are
+// null when the loader runs a Windows image, whose objects are its own.
 #pragma once
 
 #include "driver/adapter/MMEAdapter.h"
@@ -36,13 +38,17 @@ public:
     PDEVICE_OBJECT fdo() const { return loader.fdo(model.pdo()); }
 
     MMEWave* wave() const {
-        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), L"Wave") : nullptr;
+        if (loader.runsImage())
+            return nullptr;
+        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), u"Wave") : nullptr;
         PUNKNOWN miniport = port ? hostpc::portState(port).miniport : nullptr;
         return miniport ? static_cast<MMEWave*>(static_cast<IMiniportWaveCyclic*>(miniport))
                         : nullptr;
     }
     MMETopology* topology() const {
-        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), L"Topology") : nullptr;
+        if (loader.runsImage())
+            return nullptr;
+        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), u"Topology") : nullptr;
         PUNKNOWN miniport = port ? hostpc::portState(port).miniport : nullptr;
         return miniport ? static_cast<MMETopology*>(static_cast<IMiniportTopology*>(miniport))
                         : nullptr;
@@ -56,6 +62,7 @@ public:
     }
 
     void remove() { loader.removeDevice(model.pdo()); }
+    bool runsImage() const { return loader.runsImage(); }
 
     usbsim::UsbDriverModel model; // declared first: outlives the driver's device
     hostpc::DriverLoader loader;
@@ -68,6 +75,13 @@ inline ChannelConfig config(ULONG fr, ULONG inCH, ULONG outCH, ULONG inRes, ULON
                             ULONG word = 0) {
     return ChannelConfig{fr, inCH, outCH, inRes, outRes, word};
 }
+
+// For tests that inspect the linked driver's own objects.
+#define SKIP_WITH_DRIVER_IMAGE()                                                                   \
+    do {                                                                                           \
+        if (!hostpc::driverImage().empty())                                                        \
+            GTEST_SKIP() << "inspects the linked driver's objects";                                \
+    } while (0)
 
 } // namespace adaptertest
 

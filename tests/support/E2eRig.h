@@ -33,7 +33,7 @@ public:
     explicit Rig(usbsim::DeviceProfile profile = usbsim::DeviceProfile::builtInDefault())
         : harness(true, std::move(profile)) {
         PDEVICE_OBJECT fdo = harness.fdo();
-        PUNKNOWN port = fdo ? hostpc::subdevice(fdo, L"Wave") : nullptr;
+        PUNKNOWN port = fdo ? hostpc::subdevice(fdo, u"Wave") : nullptr;
         filter.reset(new hostpc::WaveFilter(port));
     }
     ~Rig() {
@@ -46,6 +46,15 @@ public:
     usbsim::UsbDriverModel& model() { return harness.model; }
     MMEAdapter* adapter() const { return harness.adapter(); }
     bool started() const { return NT_SUCCESS(harness.startStatus) && filter && filter->valid(); }
+
+    // Whether the driver takes a new pin of this direction now: it serves
+    // one stream per direction, so a stream it still holds shows here.
+    bool directionFree(bool capture) {
+        auto stream = open(capture, 48000, 2, 16);
+        if (stream)
+            stream->close();
+        return stream != nullptr;
+    }
 
     std::unique_ptr<hostpc::KsStream> open(bool capture, ULONG rate, USHORT channels, USHORT bits,
                                            NTSTATUS* status = nullptr,

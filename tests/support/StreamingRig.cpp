@@ -30,7 +30,7 @@ StreamingRig::StreamingRig(usbsim::DeviceProfile profile)
         return;
     if (mLoader->startDevice(mModel->pdo()) != STATUS_SUCCESS)
         return;
-    PUNKNOWN port = hostpc::subdevice(mLoader->fdo(mModel->pdo()), L"Wave");
+    PUNKNOWN port = hostpc::subdevice(mLoader->fdo(mModel->pdo()), u"Wave");
     if (!port)
         return;
     PUNKNOWN miniport = hostpc::portState(port).miniport;

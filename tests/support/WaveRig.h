@@ -167,7 +167,7 @@ public:
         loader.addDevice(usb.pdo());
         startStatus = loader.startDevice(usb.pdo());
         PDEVICE_OBJECT fdo = loader.fdo(usb.pdo());
-        wavePort = fdo ? hostpc::subdevice(fdo, L"Wave") : nullptr;
+        wavePort = fdo ? hostpc::subdevice(fdo, u"Wave") : nullptr;
         PUNKNOWN miniport = wavePort ? hostpc::portState(wavePort).miniport : nullptr;
         IMiniportWaveCyclic* iface = nullptr;
         if (!miniport || !NT_SUCCESS(miniport->QueryInterface(IID_IMiniportWaveCyclic,

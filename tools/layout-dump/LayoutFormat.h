@@ -29,6 +29,12 @@ enum MMELayoutKind : uint32_t {
     kLayoutSlot = 5,   // first: the interface as the driver sees it; second: the DDK's
                        // own declaration where the platform replaces it (else the same)
     kLayoutGuid = 6,   // first: address of the GUID
+    kLayoutCall = 7,   // first: the calling convention (MMELayoutCall)
+};
+
+enum MMELayoutCall : uint64_t {
+    kCallWindows = 1, // Windows x64
+    kCallSystemV = 2, // System V AMD64 (the Linux default)
 };
 
 struct MMELayoutHeader {

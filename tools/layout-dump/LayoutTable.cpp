@@ -38,16 +38,42 @@ static_assert(sizeof(NumberRecord) == MME_LAYOUT_RECORD_SIZE, "record size");
 #define MME_DDK_DECLARATION(iface) iface
 #endif
 
+// The calling convention of a function, function pointer or member function
+// type: the Windows x64 one, or the System V one that g++ uses by default on
+// Linux. The convention is part of the type, so only a routine declared
+// with the Windows one matches those specialisations; under mingw every
+// routine has it. The image and the host call each other directly, so every
+// routine that crosses between them must come out as kCallWindows on host.
+template <typename F> struct CallOf;
+#define MME_CALL_FORMS(convention, value)                                                          \
+    template <typename R, typename C, typename... A> struct CallOf<R (convention C::*)(A...)> {    \
+        typedef R result;                                                                          \
+        static constexpr uint64_t call = value;                                                    \
+    };                                                                                             \
+    template <typename R, typename... A> struct CallOf<R(convention*)(A...)> {                     \
+        typedef R result;                                                                          \
+        static constexpr uint64_t call = value;                                                    \
+    };                                                                                             \
+    template <typename R, typename... A> struct CallOf<R(convention*)(A..., ...)> {                \
+        typedef R result;                                                                          \
+        static constexpr uint64_t call = value;                                                    \
+    };
+#ifdef _WIN32
+MME_CALL_FORMS(, kCallWindows)
+#else
+MME_CALL_FORMS(, kCallSystemV)
+MME_CALL_FORMS(__attribute__((ms_abi)), kCallWindows)
+#endif
+#undef MME_CALL_FORMS
+
 // MSVC returns a struct or union from a member function through a hidden
-// pointer after `this`, g++ in RAX; an interface slot the port-class library
-// calls or implements must not return one (win/ddk.h spells out the one the
-// DDK has, IDmaChannel::PhysicalAddress).
-template <typename F> struct ReturnOf;
-template <typename R, typename C, typename... A> struct ReturnOf<R (C::*)(A...)> {
-    typedef R type;
-};
+// pointer after `this`, whatever its size; g++ under the Windows convention
+// does so only above 8 bytes and returns LARGE_INTEGER or PHYSICAL_ADDRESS in
+// RAX. An interface slot the port-class library calls or implements must
+// therefore not return one (win/ddk.h spells out the one the DDK has,
+// IDmaChannel::PhysicalAddress). Free functions agree on both compilers.
 template <typename F> constexpr bool returnsNoAggregate() {
-    return !__is_class(typename ReturnOf<F>::type) && !__is_union(typename ReturnOf<F>::type);
+    return !__is_class(typename CallOf<F>::result) && !__is_union(typename CallOf<F>::result);
 }
 
 #define MME_ID2(a, b) a##b
@@ -66,7 +92,11 @@ template <typename F> constexpr bool returnsNoAggregate() {
     static_assert(returnsNoAggregate<decltype(&iface::method)>(),                                  \
                   #iface "::" #method " returns a struct");                                        \
     Record<decltype(&iface::method), decltype(&reference::method)> MME_MEMBER = {                  \
-        {#iface "::" #method, kLayoutSlot, 0}, {&iface::method}, {&reference::method}, {}}
+        {#iface "::" #method, kLayoutSlot, 0}, {&iface::method}, {&reference::method}, {}};        \
+    MME_CALL_TYPE(#iface "::" #method, decltype(&iface::method))
+// The convention of a routine type (F) or of a function (function name).
+#define MME_CALL_TYPE(name, F) MME_NUMBER(name, kLayoutCall, CallOf<F>::call)
+#define MME_CALL_OF(function) MME_CALL_TYPE(#function, decltype(&function))
 #define MME_SLOT(iface, method) MME_SLOT_OF(iface, iface, method)
 #define MME_REPLACED_SLOT(iface, method) MME_SLOT_OF(iface, MME_DDK_DECLARATION(iface), method)
 #define MME_GUID(G) Record<const GUID*, uint64_t> MME_MEMBER = {{#G, kLayoutGuid, 0}, {&G}, {0}, {}}
@@ -123,15 +153,24 @@ struct Table {
     MME_SIZE(KSPIN_LOCK);
     MME_SIGNED(KSPIN_LOCK);
     MME_SIZE(PVOID);
-    // WCHAR is left out on purpose: wchar_t is 4 bytes on Linux, and the
-    // driver only passes its wide strings through by pointer.
+    MME_SIZE(WCHAR);
+    MME_SIGNED(WCHAR);
 
     // ---- Kernel records ----
     MME_SIZE(LARGE_INTEGER);
+    MME_OFFSET(LARGE_INTEGER, LowPart);
+    MME_OFFSET(LARGE_INTEGER, HighPart);
     MME_OFFSET(LARGE_INTEGER, u.LowPart);
     MME_OFFSET(LARGE_INTEGER, u.HighPart);
     MME_OFFSET(LARGE_INTEGER, QuadPart);
+    MME_SIZE(ULARGE_INTEGER);
+    MME_OFFSET(ULARGE_INTEGER, LowPart);
+    MME_OFFSET(ULARGE_INTEGER, HighPart);
+    MME_OFFSET(ULARGE_INTEGER, QuadPart);
     MME_SIZE(PHYSICAL_ADDRESS);
+    MME_SIZE(LIST_ENTRY);
+    MME_OFFSET(LIST_ENTRY, Flink);
+    MME_OFFSET(LIST_ENTRY, Blink);
     MME_SIZE(UNICODE_STRING);
     MME_OFFSET(UNICODE_STRING, Length);
     MME_OFFSET(UNICODE_STRING, MaximumLength);
@@ -139,6 +178,113 @@ struct Table {
     MME_SIZE(IO_STATUS_BLOCK);
     MME_OFFSET(IO_STATUS_BLOCK, Status);
     MME_OFFSET(IO_STATUS_BLOCK, Information);
+
+    // The image reads and writes these itself (IoGetNextIrpStackLocation,
+    // IoSetCompletionRoutine, the device's stack size), and embeds the
+    // timer and DPC in its own objects.
+    MME_SIZE(DRIVER_EXTENSION);
+    MME_OFFSET(DRIVER_EXTENSION, DriverObject);
+    MME_OFFSET(DRIVER_EXTENSION, AddDevice);
+    MME_OFFSET(DRIVER_EXTENSION, Count);
+    MME_OFFSET(DRIVER_EXTENSION, ServiceKeyName);
+    MME_SIZE(DRIVER_OBJECT);
+    MME_OFFSET(DRIVER_OBJECT, Type);
+    MME_OFFSET(DRIVER_OBJECT, Size);
+    MME_OFFSET(DRIVER_OBJECT, DeviceObject);
+    MME_OFFSET(DRIVER_OBJECT, Flags);
+    MME_OFFSET(DRIVER_OBJECT, DriverStart);
+    MME_OFFSET(DRIVER_OBJECT, DriverSize);
+    MME_OFFSET(DRIVER_OBJECT, DriverSection);
+    MME_OFFSET(DRIVER_OBJECT, DriverExtension);
+    MME_OFFSET(DRIVER_OBJECT, DriverName);
+    MME_OFFSET(DRIVER_OBJECT, HardwareDatabase);
+    MME_OFFSET(DRIVER_OBJECT, FastIoDispatch);
+    MME_OFFSET(DRIVER_OBJECT, DriverInit);
+    MME_OFFSET(DRIVER_OBJECT, DriverStartIo);
+    MME_OFFSET(DRIVER_OBJECT, DriverUnload);
+    MME_OFFSET(DRIVER_OBJECT, MajorFunction);
+    MME_SIZE(DEVICE_OBJECT);
+    MME_OFFSET(DEVICE_OBJECT, Type);
+    MME_OFFSET(DEVICE_OBJECT, Size);
+    MME_OFFSET(DEVICE_OBJECT, ReferenceCount);
+    MME_OFFSET(DEVICE_OBJECT, DriverObject);
+    MME_OFFSET(DEVICE_OBJECT, NextDevice);
+    MME_OFFSET(DEVICE_OBJECT, AttachedDevice);
+    MME_OFFSET(DEVICE_OBJECT, CurrentIrp);
+    MME_OFFSET(DEVICE_OBJECT, Flags);
+    MME_OFFSET(DEVICE_OBJECT, Characteristics);
+    MME_OFFSET(DEVICE_OBJECT, DeviceExtension);
+    MME_OFFSET(DEVICE_OBJECT, DeviceType);
+    MME_OFFSET(DEVICE_OBJECT, StackSize);
+    MME_OFFSET(DEVICE_OBJECT, Queue);
+    MME_OFFSET(DEVICE_OBJECT, AlignmentRequirement);
+    MME_OFFSET(DEVICE_OBJECT, DeviceQueue);
+    MME_OFFSET(DEVICE_OBJECT, Dpc);
+    MME_OFFSET(DEVICE_OBJECT, ActiveThreadCount);
+    MME_OFFSET(DEVICE_OBJECT, SecurityDescriptor);
+    MME_OFFSET(DEVICE_OBJECT, DeviceLock);
+    MME_OFFSET(DEVICE_OBJECT, SectorSize);
+    MME_OFFSET(DEVICE_OBJECT, DeviceObjectExtension);
+    MME_OFFSET(DEVICE_OBJECT, Reserved);
+    MME_SIZE(IO_STACK_LOCATION);
+    MME_OFFSET(IO_STACK_LOCATION, MajorFunction);
+    MME_OFFSET(IO_STACK_LOCATION, MinorFunction);
+    MME_OFFSET(IO_STACK_LOCATION, Flags);
+    MME_OFFSET(IO_STACK_LOCATION, Control);
+    MME_OFFSET(IO_STACK_LOCATION, Parameters);
+    MME_OFFSET(IO_STACK_LOCATION, Parameters.DeviceIoControl.OutputBufferLength);
+    MME_OFFSET(IO_STACK_LOCATION, Parameters.DeviceIoControl.InputBufferLength);
+    MME_OFFSET(IO_STACK_LOCATION, Parameters.DeviceIoControl.IoControlCode);
+    MME_OFFSET(IO_STACK_LOCATION, Parameters.DeviceIoControl.Type3InputBuffer);
+    MME_OFFSET(IO_STACK_LOCATION, Parameters.Others.Argument1);
+    MME_OFFSET(IO_STACK_LOCATION, Parameters.Others.Argument4);
+    MME_OFFSET(IO_STACK_LOCATION, DeviceObject);
+    MME_OFFSET(IO_STACK_LOCATION, FileObject);
+    MME_OFFSET(IO_STACK_LOCATION, CompletionRoutine);
+    MME_OFFSET(IO_STACK_LOCATION, Context);
+    MME_SIZE(IRP);
+    MME_ALIGN(IRP);
+    MME_OFFSET(IRP, Type);
+    MME_OFFSET(IRP, Size);
+    MME_OFFSET(IRP, MdlAddress);
+    MME_OFFSET(IRP, Flags);
+    MME_OFFSET(IRP, AssociatedIrp);
+    MME_OFFSET(IRP, ThreadListEntry);
+    MME_OFFSET(IRP, IoStatus);
+    MME_OFFSET(IRP, IoStatus.Status);
+    MME_OFFSET(IRP, IoStatus.Information);
+    MME_OFFSET(IRP, RequestorMode);
+    MME_OFFSET(IRP, PendingReturned);
+    MME_OFFSET(IRP, StackCount);
+    MME_OFFSET(IRP, CurrentLocation);
+    MME_OFFSET(IRP, Cancel);
+    MME_OFFSET(IRP, CancelIrql);
+    MME_OFFSET(IRP, UserIosb);
+    MME_OFFSET(IRP, UserEvent);
+    MME_OFFSET(IRP, Overlay);
+    MME_OFFSET(IRP, CancelRoutine);
+    MME_OFFSET(IRP, UserBuffer);
+    MME_OFFSET(IRP, Tail);
+    MME_OFFSET(IRP, Tail.Overlay.Thread);
+    MME_OFFSET(IRP, Tail.Overlay.ListEntry);
+    MME_OFFSET(IRP, Tail.Overlay.CurrentStackLocation);
+    MME_OFFSET(IRP, Tail.Overlay.OriginalFileObject);
+    MME_SIZE(KDPC);
+    MME_ALIGN(KDPC);
+    MME_OFFSET(KDPC, Type);
+    MME_OFFSET(KDPC, Importance);
+    MME_OFFSET(KDPC, DeferredRoutine);
+    MME_OFFSET(KDPC, DeferredContext);
+    MME_OFFSET(KDPC, SystemArgument1);
+    MME_OFFSET(KDPC, SystemArgument2);
+    MME_OFFSET(KDPC, DpcData);
+    MME_SIZE(KTIMER);
+    MME_ALIGN(KTIMER);
+    MME_OFFSET(KTIMER, Header);
+    MME_OFFSET(KTIMER, DueTime);
+    MME_OFFSET(KTIMER, TimerListEntry);
+    MME_OFFSET(KTIMER, Dpc);
+    MME_OFFSET(KTIMER, Period);
 
     // ---- GUIDs and kernel-streaming records ----
     MME_SIZE(GUID);
@@ -439,6 +585,50 @@ struct Table {
     MME_SLOT(IMiniportWaveCyclicStream, Silence);
     MME_SLOT(IMiniportWaveCyclic, Init);
     MME_SLOT(IMiniportWaveCyclic, NewStream);
+
+    // ---- Calling conventions ----
+    // Every routine the image imports, and every routine type the kernel,
+    // the port-class library or the USB driver calls back.
+    MME_CALL_OF(DbgPrint);
+    MME_CALL_OF(RtlAssert);
+    MME_CALL_OF(KeGetCurrentThread);
+    MME_CALL_OF(KeDelayExecutionThread);
+    MME_CALL_OF(KeAcquireSpinLockRaiseToDpc);
+    MME_CALL_OF(KeReleaseSpinLock);
+    MME_CALL_OF(KeAcquireSpinLockAtDpcLevel);
+    MME_CALL_OF(KeReleaseSpinLockFromDpcLevel);
+    MME_CALL_OF(KeInitializeDpc);
+    MME_CALL_OF(KeInitializeTimer);
+    MME_CALL_OF(KeSetTimer);
+    MME_CALL_OF(KeCancelTimer);
+    MME_CALL_OF(KeFlushQueuedDpcs);
+    MME_CALL_OF(ExAllocatePoolWithTag);
+    MME_CALL_OF(ExFreePoolWithTag);
+    MME_CALL_OF(ObfReferenceObject);
+    MME_CALL_OF(ObfDereferenceObject);
+    MME_CALL_OF(IoAllocateIrp);
+    MME_CALL_OF(IoFreeIrp);
+    MME_CALL_OF(IofCallDriver);
+    MME_CALL_OF(IofCompleteRequest);
+    MME_CALL_OF(PcInitializeAdapterDriver);
+    MME_CALL_OF(PcAddAdapterDevice);
+    MME_CALL_OF(PcNewPort);
+    MME_CALL_OF(PcRegisterSubdevice);
+    MME_CALL_OF(PcRegisterPhysicalConnection);
+    MME_CALL_OF(PcNewServiceGroup);
+    MME_CALL_TYPE("PDRIVER_INITIALIZE", PDRIVER_INITIALIZE);
+    MME_CALL_TYPE("PDRIVER_ADD_DEVICE", PDRIVER_ADD_DEVICE);
+    MME_CALL_TYPE("PDRIVER_DISPATCH", PDRIVER_DISPATCH);
+    MME_CALL_TYPE("PDRIVER_UNLOAD", PDRIVER_UNLOAD);
+    MME_CALL_TYPE("PIO_COMPLETION_ROUTINE", PIO_COMPLETION_ROUTINE);
+    MME_CALL_TYPE("PKDEFERRED_ROUTINE", PKDEFERRED_ROUTINE);
+    MME_CALL_TYPE("PCPFNSTARTDEVICE", PCPFNSTARTDEVICE);
+    MME_CALL_TYPE("PCPFNPROPERTY_HANDLER", PCPFNPROPERTY_HANDLER);
+    MME_CALL_TYPE("PCPFNEVENT_HANDLER", PCPFNEVENT_HANDLER);
+    MME_CALL_TYPE("PCPFNMETHOD_HANDLER", PCPFNMETHOD_HANDLER);
+    MME_CALL_TYPE("MMENotifyCallback", MMENotifyCallback);
+    MME_CALL_TYPE("MMEStcCallback", MMEStcCallback);
+    MME_CALL_TYPE("MMEExchangeDataCallback", MMEExchangeDataCallback);
 
     // ---- Constants ----
     MME_VALUE(TRUE);

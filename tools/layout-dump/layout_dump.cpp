@@ -1,6 +1,6 @@
 // layout-dump: prints the layout table (LayoutFormat.h) one line per record,
-// e.g. "KSDATARANGE_AUDIO.MaximumChannels offset 64" or
-// "IDmaChannel::PhysicalAddress slot 11".
+// e.g. "KSDATARANGE_AUDIO.MaximumChannels offset 64",
+// "IDmaChannel::PhysicalAddress slot 11" or "DbgPrint convention windows-x64".
 //
 //   layout-dump              the table this program was built with
 //   layout-dump --pe FILE    the table inside a PE32+ image (layout-dump.exe
@@ -213,6 +213,19 @@ bool printTable(const uint8_t* table, size_t available, const AddressReader& rea
             else
                 std::fprintf(out, "%s slot %" PRIu64 " but the DDK declares slot %" PRIu64 "\n",
                              head.name, slot, refSlot);
+            break;
+        }
+        case kLayoutCall: {
+            uint64_t call = le64(first);
+            const char* name = call == kCallWindows   ? "windows-x64"
+                               : call == kCallSystemV ? "system-v"
+                                                      : nullptr;
+            if (!name) {
+                error = "record " + std::string(head.name) + " has unknown convention " +
+                        std::to_string(call);
+                return false;
+            }
+            std::fprintf(out, "%s convention %s\n", head.name, name);
             break;
         }
         case kLayoutGuid: {

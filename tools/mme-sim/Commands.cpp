@@ -384,6 +384,7 @@ std::string tryFormat(Sim& sim, bool capture, const Format& format) {
 }
 
 std::string teardown(Sim& sim) {
+    std::printf("  driver         %s\n", sim.driverDescription().c_str());
     std::string problems = sim.shutdown();
     if (problems.empty()) {
         std::printf("  teardown       device removed: no pool block, IRP or timer left, no "

@@ -151,8 +151,16 @@ Sim::Sim(const SimOptions& options) : mOptions(options) {
         throw SimError(std::string("bad profile: ") + e.what());
     }
     mModel->setObserver(timeline);
-    timeline->setDmaProbe(&probeDma, mModel.get());
-    mLoader.reset(new hostpc::DriverLoader());
+    mLoader.reset(options.driverPath.empty() ? new hostpc::DriverLoader()
+                                             : new hostpc::DriverLoader(options.driverPath));
+    if (!mLoader->imageError().empty())
+        throw SimError("cannot load the driver image " + mLoader->imageError());
+    mDriverDescription = mLoader->runsImage()
+                             ? "Windows image " + mLoader->imagePath() + " (its own code, loaded)"
+                             : std::string("host build linked into mme-sim");
+    // The DMA probe reads the linked driver's objects; an image's are its own.
+    if (!mLoader->runsImage())
+        timeline->setDmaProbe(&probeDma, mModel.get());
     if (!NT_SUCCESS(mLoader->entryStatus()))
         throw SimError("DriverEntry failed: " + hostpc::statusName(mLoader->entryStatus()));
     NTSTATUS status = mLoader->addDevice(mModel->pdo());
@@ -161,7 +169,7 @@ Sim::Sim(const SimOptions& options) : mOptions(options) {
     if (!NT_SUCCESS(status))
         throw SimError("the driver did not start: " + hostpc::statusName(status));
     PDEVICE_OBJECT fdo = mLoader->fdo(mModel->pdo());
-    mFilter.reset(new hostpc::WaveFilter(fdo ? hostpc::subdevice(fdo, L"Wave") : nullptr));
+    mFilter.reset(new hostpc::WaveFilter(fdo ? hostpc::subdevice(fdo, u"Wave") : nullptr));
     if (!mFilter->valid())
         throw SimError("the driver registered no wave filter");
 }

@@ -44,6 +44,7 @@ struct SimOptions {
     // concurrent in real time, end-of-period in virtual time.
     std::string portService;
     std::string reportPath; // timeline report to this HTML file
+    std::string driverPath; // a Windows image (.sys) to run instead of the linked driver
 };
 
 // Keeps the driver's recent trace lines and copies them where asked.
@@ -122,8 +123,11 @@ public:
     // Removes the device and the model; what the host kernel reports left
     // over (empty when clean).
     std::string shutdown();
+    // Which driver ran: the one linked in, or the Windows image and its path.
+    const std::string& driverDescription() const { return mDriverDescription; }
 
 private:
+    std::string mDriverDescription;
     SimOptions mOptions;
     std::unique_ptr<Timeline> mTimeline;
     std::unique_ptr<TraceTap> mTrace;

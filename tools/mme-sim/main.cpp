@@ -49,6 +49,9 @@ int main(int argc, char** argv) {
     app.add_option("--format", o.format, "stream format rate/channels/bits")->type_name("R/C/B");
     app.add_option("--trace", o.sim.tracePath, "write the driver's debug output to FILE")
         ->type_name("FILE");
+    app.add_option("--driver", o.sim.driverPath,
+                   "run this Windows build of the driver (.sys) instead of the linked one")
+        ->type_name("PATH.sys");
     app.add_flag("--verbose", o.sim.verbose, "print the driver's debug output on stderr");
     app.add_flag("--realtime", o.sim.realtime, "pace the device by its sample clock");
     app.add_option("--port-service", o.sim.portService,

@@ -1,15 +1,20 @@
 // Host declarations of the Windows kernel services the driver uses, with the
-// Windows names and 64-bit Windows type widths (ULONG is 32 bits here too).
-// Implemented on Linux by host/kernel. Only layouts of records shared with
-// other drivers must match Windows; IRPs and device objects are our own.
+// Windows names, 64-bit Windows type widths (ULONG is 32 bits, WCHAR 16 here
+// too) and the Windows x64 calling convention, so that the shipped image and
+// these host objects call each other directly. Implemented on Linux by
+// host/kernel. Every record the image reads or writes itself (through the
+// DDK's inline functions or as storage inside its own objects) has the DDK's
+// layout; what the kernel alone uses lives in fields the kernel owns.
 #pragma once
 
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
 
-#define NTAPI
-#define STDMETHODCALLTYPE
+// The kernel, port-class library and every routine they call back use the
+// Windows x64 convention; so do the host's implementations of them.
+#define NTAPI __attribute__((ms_abi))
+#define STDMETHODCALLTYPE __attribute__((ms_abi))
 #define DECLSPEC_NOVTABLE
 #define IN
 #define OUT
@@ -47,7 +52,9 @@ typedef uint64_t ULONG64;
 typedef uintptr_t ULONG_PTR;
 typedef intptr_t LONG_PTR;
 typedef size_t SIZE_T;
-typedef wchar_t WCHAR;
+typedef char16_t WCHAR; // 16 bits as on Windows; wchar_t is 32 here
+// A WCHAR string literal in both builds (L"" is WCHAR only on Windows).
+#define MME_WIDE(text) u##text
 typedef WCHAR* PWSTR;
 typedef const WCHAR* PCWSTR;
 typedef LONG NTSTATUS;
@@ -64,10 +71,30 @@ typedef union _LARGE_INTEGER {
     struct {
         ULONG LowPart;
         LONG HighPart;
+    };
+    struct {
+        ULONG LowPart;
+        LONG HighPart;
     } u;
     LONGLONG QuadPart;
 } LARGE_INTEGER, *PLARGE_INTEGER;
+typedef union _ULARGE_INTEGER {
+    struct {
+        ULONG LowPart;
+        ULONG HighPart;
+    };
+    struct {
+        ULONG LowPart;
+        ULONG HighPart;
+    } u;
+    ULONGLONG QuadPart;
+} ULARGE_INTEGER, *PULARGE_INTEGER;
 typedef LARGE_INTEGER PHYSICAL_ADDRESS, *PPHYSICAL_ADDRESS;
+
+typedef struct _LIST_ENTRY {
+    struct _LIST_ENTRY* Flink;
+    struct _LIST_ENTRY* Blink;
+} LIST_ENTRY, *PLIST_ENTRY;
 
 typedef struct _UNICODE_STRING {
     USHORT Length;
@@ -115,18 +142,21 @@ typedef struct _IO_STATUS_BLOCK {
     ULONG_PTR Information;
 } IO_STATUS_BLOCK, *PIO_STATUS_BLOCK;
 
-typedef NTSTATUS DRIVER_DISPATCH(struct _DEVICE_OBJECT* DeviceObject, struct _IRP* Irp);
+typedef NTSTATUS NTAPI DRIVER_DISPATCH(struct _DEVICE_OBJECT* DeviceObject, struct _IRP* Irp);
 typedef DRIVER_DISPATCH* PDRIVER_DISPATCH;
-typedef NTSTATUS DRIVER_ADD_DEVICE(struct _DRIVER_OBJECT* DriverObject,
-                                   struct _DEVICE_OBJECT* PhysicalDeviceObject);
+typedef NTSTATUS NTAPI DRIVER_ADD_DEVICE(struct _DRIVER_OBJECT* DriverObject,
+                                         struct _DEVICE_OBJECT* PhysicalDeviceObject);
 typedef DRIVER_ADD_DEVICE* PDRIVER_ADD_DEVICE;
-typedef NTSTATUS IO_COMPLETION_ROUTINE(struct _DEVICE_OBJECT* DeviceObject, struct _IRP* Irp,
-                                       PVOID Context);
+typedef NTSTATUS NTAPI DRIVER_INITIALIZE(struct _DRIVER_OBJECT* DriverObject,
+                                         PUNICODE_STRING RegistryPath);
+typedef DRIVER_INITIALIZE* PDRIVER_INITIALIZE;
+typedef NTSTATUS NTAPI IO_COMPLETION_ROUTINE(struct _DEVICE_OBJECT* DeviceObject, struct _IRP* Irp,
+                                             PVOID Context);
 typedef IO_COMPLETION_ROUTINE* PIO_COMPLETION_ROUTINE;
-typedef void KDEFERRED_ROUTINE(struct _KDPC* Dpc, PVOID DeferredContext, PVOID SystemArgument1,
-                               PVOID SystemArgument2);
+typedef void NTAPI KDEFERRED_ROUTINE(struct _KDPC* Dpc, PVOID DeferredContext,
+                                     PVOID SystemArgument1, PVOID SystemArgument2);
 typedef KDEFERRED_ROUTINE* PKDEFERRED_ROUTINE;
-typedef void DRIVER_UNLOAD(struct _DRIVER_OBJECT* DriverObject);
+typedef void NTAPI DRIVER_UNLOAD(struct _DRIVER_OBJECT* DriverObject);
 typedef DRIVER_UNLOAD* PDRIVER_UNLOAD;
 
 #define IRP_MJ_CREATE 0x00
@@ -142,20 +172,79 @@ typedef DRIVER_UNLOAD* PDRIVER_UNLOAD;
 #define SL_INVOKE_ON_SUCCESS 0x40
 #define SL_INVOKE_ON_ERROR 0x80
 
+// Driver, device and I/O records in the DDK's x64 layout: the image reads
+// and writes some of their fields through the DDK's inline functions, and the
+// port-class library hands them to it. Fields the driver never names are
+// kept only as storage of the right size.
 typedef struct _DRIVER_EXTENSION {
     struct _DRIVER_OBJECT* DriverObject;
     PDRIVER_ADD_DEVICE AddDevice;
+    ULONG Count;
+    UNICODE_STRING ServiceKeyName;
 } DRIVER_EXTENSION, *PDRIVER_EXTENSION;
 
 typedef struct _DRIVER_OBJECT {
     CSHORT Type;
     CSHORT Size;
     struct _DEVICE_OBJECT* DeviceObject;
+    ULONG Flags;
+    PVOID DriverStart;
+    ULONG DriverSize;
+    PVOID DriverSection;
     PDRIVER_EXTENSION DriverExtension;
+    UNICODE_STRING DriverName;
+    PUNICODE_STRING HardwareDatabase;
+    PVOID FastIoDispatch;
+    PDRIVER_INITIALIZE DriverInit;
+    PVOID DriverStartIo;
     PDRIVER_UNLOAD DriverUnload;
     PDRIVER_DISPATCH MajorFunction[IRP_MJ_MAXIMUM_FUNCTION + 1];
-    DRIVER_EXTENSION Extension; // storage for DriverExtension on host
 } DRIVER_OBJECT, *PDRIVER_OBJECT;
+
+// Kernel timer and DPC: the DDK's sizes, since the driver embeds them in its
+// own objects; host/kernel keeps its state behind the last pointer field of
+// each (DpcData, and TimerListEntry's first link), which only the kernel uses.
+typedef struct _KDPC {
+    UCHAR Type;
+    UCHAR Importance;
+    volatile USHORT Number;
+    LIST_ENTRY DpcListEntry;
+    PKDEFERRED_ROUTINE DeferredRoutine;
+    PVOID DeferredContext;
+    PVOID SystemArgument1;
+    PVOID SystemArgument2;
+    PVOID DpcData;
+} KDPC, *PKDPC, *PRKDPC;
+
+typedef struct _DISPATCHER_HEADER {
+    UCHAR Type;
+    UCHAR TimerControlFlags;
+    UCHAR ThreadControlFlags;
+    UCHAR Inserted;
+    LONG SignalState;
+    LIST_ENTRY WaitListHead;
+} DISPATCHER_HEADER, *PDISPATCHER_HEADER;
+
+typedef struct _KTIMER {
+    DISPATCHER_HEADER Header;
+    ULARGE_INTEGER DueTime; // absolute host time in 100 ns, valid while inserted
+    LIST_ENTRY TimerListEntry;
+    PKDPC Dpc;
+    ULONG Processor;
+    ULONG Period;
+} KTIMER, *PKTIMER, *PRKTIMER;
+
+typedef struct _KDEVICE_QUEUE {
+    CSHORT Type;
+    CSHORT Size;
+    LIST_ENTRY DeviceListHead;
+    KSPIN_LOCK Lock;
+    BOOLEAN Busy;
+} KDEVICE_QUEUE, *PKDEVICE_QUEUE;
+
+typedef struct _KEVENT {
+    DISPATCHER_HEADER Header;
+} KEVENT, *PKEVENT;
 
 typedef struct _DEVICE_OBJECT {
     CSHORT Type;
@@ -164,9 +253,28 @@ typedef struct _DEVICE_OBJECT {
     struct _DRIVER_OBJECT* DriverObject;
     struct _DEVICE_OBJECT* NextDevice;
     struct _DEVICE_OBJECT* AttachedDevice;
+    struct _IRP* CurrentIrp;
+    PVOID Timer;
     ULONG Flags;
+    ULONG Characteristics;
+    PVOID Vpb;
     PVOID DeviceExtension;
+    ULONG DeviceType;
     CCHAR StackSize;
+    union {
+        LIST_ENTRY ListEntry;
+        UCHAR Wcb[72]; // WAIT_CONTEXT_BLOCK
+    } Queue;
+    ULONG AlignmentRequirement;
+    KDEVICE_QUEUE DeviceQueue;
+    KDPC Dpc;
+    ULONG ActiveThreadCount;
+    PVOID SecurityDescriptor;
+    KEVENT DeviceLock;
+    USHORT SectorSize;
+    USHORT Spare1;
+    PVOID DeviceObjectExtension;
+    PVOID Reserved;
 } DEVICE_OBJECT, *PDEVICE_OBJECT;
 
 typedef struct _IO_STACK_LOCATION {
@@ -176,9 +284,10 @@ typedef struct _IO_STACK_LOCATION {
     UCHAR Control;
     union {
         struct {
-            ULONG OutputBufferLength;
-            ULONG InputBufferLength;
-            ULONG IoControlCode;
+            // POINTER_ALIGNMENT in the DDK: each on its own 8-byte boundary.
+            alignas(8) ULONG OutputBufferLength;
+            alignas(8) ULONG InputBufferLength;
+            alignas(8) ULONG IoControlCode;
             PVOID Type3InputBuffer;
         } DeviceIoControl;
         struct {
@@ -189,6 +298,7 @@ typedef struct _IO_STACK_LOCATION {
         } Others;
     } Parameters;
     PDEVICE_OBJECT DeviceObject;
+    PVOID FileObject;
     PIO_COMPLETION_ROUTINE CompletionRoutine;
     PVOID Context;
 } IO_STACK_LOCATION, *PIO_STACK_LOCATION;
@@ -196,36 +306,53 @@ typedef struct _IO_STACK_LOCATION {
 typedef struct _IRP {
     CSHORT Type;
     USHORT Size;
-    CCHAR StackCount;
-    CCHAR CurrentLocation;
-    BOOLEAN Cancel;
+    PVOID MdlAddress;
+    ULONG Flags;
+    union {
+        struct _IRP* MasterIrp;
+        volatile LONG IrpCount;
+        PVOID SystemBuffer;
+    } AssociatedIrp;
+    LIST_ENTRY ThreadListEntry;
     IO_STATUS_BLOCK IoStatus;
-    PVOID UserBuffer;
-    struct {
+    KPROCESSOR_MODE RequestorMode;
+    BOOLEAN PendingReturned;
+    CHAR StackCount;
+    CHAR CurrentLocation;
+    BOOLEAN Cancel;
+    KIRQL CancelIrql;
+    CCHAR ApcEnvironment;
+    UCHAR AllocationFlags;
+    PIO_STATUS_BLOCK UserIosb;
+    PKEVENT UserEvent;
+    union {
         struct {
-            PIO_STACK_LOCATION CurrentStackLocation;
+            PVOID UserApcRoutine;
+            PVOID UserApcContext;
+        } AsynchronousParameters;
+        LARGE_INTEGER AllocationSize;
+    } Overlay;
+    PVOID CancelRoutine;
+    PVOID UserBuffer;
+    union {
+        struct {
+            PVOID DriverContext[4];
+            PVOID Thread;
+            PCHAR AuxiliaryBuffer;
+            struct {
+                LIST_ENTRY ListEntry;
+                union {
+                    struct _IO_STACK_LOCATION* CurrentStackLocation;
+                    ULONG PacketType;
+                };
+            };
+            PVOID OriginalFileObject;
         } Overlay;
+        UCHAR Apc[88]; // KAPC
+        PVOID CompletionKey;
     } Tail;
     // StackCount IO_STACK_LOCATIONs follow the IRP in the same block.
 } IRP, *PIRP;
-
-// Kernel timer and DPC: host layout of our own; host/kernel keeps the state.
-typedef struct _KDPC {
-    UCHAR Type;
-    UCHAR Importance;
-    PKDEFERRED_ROUTINE DeferredRoutine;
-    PVOID DeferredContext;
-    PVOID SystemArgument1;
-    PVOID SystemArgument2;
-    PVOID HostState;
-} KDPC, *PKDPC, *PRKDPC;
-
-typedef struct _KTIMER {
-    LONGLONG DueTime; // absolute host time in 100 ns, valid while Inserted
-    BOOLEAN Inserted;
-    PKDPC Dpc;
-    PVOID HostState;
-} KTIMER, *PKTIMER;
 
 // Run-down protection: the kernel's layout (one pointer-sized count).
 typedef struct _EX_RUNDOWN_REF {
@@ -237,7 +364,10 @@ typedef struct _EX_RUNDOWN_REF {
 
 extern "C" {
 
-ULONG DbgPrint(PCSTR Format, ...) __attribute__((format(printf, 1, 2)));
+// Arguments are read the Windows way and formatted with the Windows rules
+// (%ld is 32 bits, %ws a 16-bit string). No glibc format check here: its
+// rules are not these; the Windows build checks the driver's formats.
+ULONG NTAPI DbgPrint(PCSTR Format, ...);
 void NTAPI RtlAssert(PVOID FailedAssertion, PVOID FileName, ULONG LineNumber, PCHAR Message);
 
 PKTHREAD NTAPI KeGetCurrentThread(void);
@@ -250,6 +380,8 @@ void NTAPI KeLowerIrql(KIRQL NewIrql);
 
 void NTAPI KeInitializeSpinLock(PKSPIN_LOCK SpinLock);
 void NTAPI KeAcquireSpinLock(PKSPIN_LOCK SpinLock, PKIRQL OldIrql);
+// What the DDK's KeAcquireSpinLock is on x64, and so what the image imports.
+KIRQL NTAPI KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock);
 void NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql);
 void NTAPI KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock);
 void NTAPI KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock);

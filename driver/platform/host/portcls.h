@@ -21,9 +21,9 @@ typedef IUnknown* PUNKNOWN;
 
 struct PCPROPERTY_REQUEST;
 struct PCEVENT_REQUEST;
-typedef NTSTATUS (*PCPFNPROPERTY_HANDLER)(PCPROPERTY_REQUEST* PropertyRequest);
-typedef NTSTATUS (*PCPFNEVENT_HANDLER)(PCEVENT_REQUEST* EventRequest);
-typedef NTSTATUS (*PCPFNMETHOD_HANDLER)(struct PCMETHOD_REQUEST* MethodRequest);
+typedef NTSTATUS(NTAPI* PCPFNPROPERTY_HANDLER)(PCPROPERTY_REQUEST* PropertyRequest);
+typedef NTSTATUS(NTAPI* PCPFNEVENT_HANDLER)(PCEVENT_REQUEST* EventRequest);
+typedef NTSTATUS(NTAPI* PCPFNMETHOD_HANDLER)(struct PCMETHOD_REQUEST* MethodRequest);
 
 #define PCPROPERTY_ITEM_FLAG_GET KSPROPERTY_TYPE_GET
 #define PCPROPERTY_ITEM_FLAG_SET KSPROPERTY_TYPE_SET
@@ -267,8 +267,8 @@ typedef IMiniportWaveCyclic* PMINIPORTWAVECYCLIC;
 
 // ---- Port-class entry points ----
 
-typedef NTSTATUS (*PCPFNSTARTDEVICE)(PDEVICE_OBJECT DeviceObject, PIRP Irp,
-                                     PRESOURCELIST ResourceList);
+typedef NTSTATUS(NTAPI* PCPFNSTARTDEVICE)(PDEVICE_OBJECT DeviceObject, PIRP Irp,
+                                          PRESOURCELIST ResourceList);
 
 extern "C" {
 NTSTATUS NTAPI PcInitializeAdapterDriver(PDRIVER_OBJECT DriverObject,

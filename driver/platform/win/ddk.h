@@ -171,3 +171,6 @@ DEFINE_GUID(IID_IDmaChannelSlave, 0x22C6AC62, 0x851B, 0x11D0, 0x9A, 0x7F, 0x00, 
 // mingw: portcls.h spells it PPCCONNECTIONDESCRIPTOR.
 typedef PCCONNECTION_DESCRIPTOR* PPCCONNECTION_DESCRIPTOR;
 #endif
+
+// A WCHAR string literal in both builds (the host's WCHAR is char16_t).
+#define MME_WIDE(text) L##text
