@@ -13,30 +13,10 @@ namespace mmealsa {
 
 namespace {
 
-constexpr size_t kRecentLines = 400;
-
 // The process's device, shared by its PCMs of the same parameters (a
 // program that plays and records at once, on one device).
 std::mutex gDeviceLock;
 std::weak_ptr<Device> gDevice;
-
-// What the driver says when it refuses something, by the words it uses.
-const char* const kReasonWords[] = {
-    "ERROR",          "DISABLED",      "not allowed",     "mismach",           "prevented",
-    "second capture", "second render", "(less channels)", "invalid paramter",  "No DMA",
-    "!pPinDesc",      "refused",       "failed",          "already allocated",
-};
-
-std::string withoutPrefix(const std::string& line) {
-    std::string text = line;
-    if (text.compare(0, 6, "MME: (") == 0) {
-        const size_t close = text.find(") ");
-        if (close != std::string::npos)
-            text = text.substr(close + 2);
-    }
-    const size_t start = text.find_first_not_of(' ');
-    return start == std::string::npos ? std::string() : text.substr(start);
-}
 
 uint32_t loadRing(const ULONG& field) {
     return __atomic_load_n(&field, __ATOMIC_ACQUIRE);
@@ -137,61 +117,7 @@ std::string Device::release(std::shared_ptr<Device>& device) {
     return problems;
 }
 
-TraceTap::TraceTap(const std::string& path) {
-    if (!path.empty()) {
-        mFile.open(path, std::ios::out | std::ios::trunc);
-        if (!mFile)
-            throw DeviceError(path + ": cannot write the trace file");
-    }
-    hostk::setSinkCallback([this](const std::string& text) { take(text); });
-}
-
-TraceTap::~TraceTap() {
-    hostk::setSinkNull();
-    std::lock_guard<std::mutex> lock(mLock);
-    if (!mPartial.empty() && mFile)
-        mFile << mPartial << '\n';
-}
-
-void TraceTap::take(const std::string& text) {
-    std::lock_guard<std::mutex> lock(mLock);
-    if (mFile)
-        mFile << text;
-    mPartial += text;
-    size_t end;
-    while ((end = mPartial.find('\n')) != std::string::npos) {
-        mRecent.push_back(mPartial.substr(0, end));
-        mPartial.erase(0, end + 1);
-        ++mTotal;
-        if (mRecent.size() > kRecentLines)
-            mRecent.pop_front();
-    }
-}
-
-size_t TraceTap::mark() const {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mTotal;
-}
-
-std::string TraceTap::reasonSince(size_t mark) const {
-    std::lock_guard<std::mutex> lock(mLock);
-    const size_t oldest = mTotal - mRecent.size();
-    for (size_t i = mTotal; i > std::max(mark, oldest); --i) {
-        const std::string& line = mRecent[i - 1 - oldest];
-        if (line.find("DMA init on failure") != std::string::npos)
-            continue;
-        for (const char* word : kReasonWords)
-            if (line.find(word) != std::string::npos)
-                return withoutPrefix(line);
-    }
-    return std::string();
-}
-
 Device::Device(const DeviceParams& params) : mParams(params) {
-    if (params.driver != "linked")
-        throw DeviceError("driver \"" + params.driver +
-                          "\": this build runs the linked-in driver only (driver \"linked\"); "
-                          "it cannot load a .sys image");
     std::shared_ptr<usbsim::InputBackend> input;
     std::shared_ptr<usbsim::LoopbackBackend> loop;
     try {
@@ -220,7 +146,7 @@ Device::Device(const DeviceParams& params) : mParams(params) {
         }
     }
     try {
-        mTrace.reset(new TraceTap(params.trace));
+        mTrace.reset(new hostpc::TraceTap(params.trace, false));
         hostk::useVirtualTime(false);
         mModel.reset(new usbsim::UsbDriverModel(std::move(profile)));
         if (loop && loop->latencyFrames() < mModel->periodFrames())
@@ -229,7 +155,11 @@ Device::Device(const DeviceParams& params) : mParams(params) {
         mModel->setInput(input);
         mRouter = std::make_shared<OutputRouter>(loop);
         mModel->setOutput(mRouter);
-        mLoader.reset(new hostpc::DriverLoader());
+        mLoader.reset(params.driver == "linked" ? new hostpc::DriverLoader()
+                                                : new hostpc::DriverLoader(params.driver));
+        if (!mLoader->imageError().empty())
+            throw DeviceError("driver \"" + params.driver + "\": cannot load the driver image " +
+                              mLoader->imageError());
         if (!NT_SUCCESS(mLoader->entryStatus()))
             throw DeviceError("DriverEntry failed: " + hostpc::statusName(mLoader->entryStatus()));
         NTSTATUS status = mLoader->addDevice(mModel->pdo());

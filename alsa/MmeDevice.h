@@ -11,6 +11,7 @@
 
 #include "host/portcls/HostPortCls.h"
 #include "host/portcls/KsClient.h"
+#include "host/portcls/TraceTap.h"
 #include "usbsim/Backends.h"
 #include "usbsim/UsbDriverModel.h"
 
@@ -38,26 +39,6 @@ struct DeviceParams {
     std::string driver = "linked"; // "linked", or a .sys image
     std::string trace;             // the driver's trace into this file; empty: none
     std::string summary;           // a summary of the stream at close; empty: none
-};
-
-// Keeps the driver's recent trace lines and copies them to the trace file.
-class TraceTap {
-public:
-    explicit TraceTap(const std::string& path); // throws DeviceError
-    ~TraceTap();
-    size_t mark() const;
-    // The driver's words for a refusal among the lines since `mark`; empty
-    // when no line says why.
-    std::string reasonSince(size_t mark) const;
-
-private:
-    void take(const std::string& text);
-
-    mutable std::mutex mLock;
-    std::ofstream mFile;
-    std::string mPartial;
-    std::deque<std::string> mRecent;
-    size_t mTotal = 0;
 };
 
 class Device {
@@ -106,7 +87,7 @@ public:
 
 private:
     DeviceParams mParams;
-    std::unique_ptr<TraceTap> mTrace;
+    std::unique_ptr<hostpc::TraceTap> mTrace;
     std::unique_ptr<usbsim::UsbDriverModel> mModel;
     std::unique_ptr<hostpc::DriverLoader> mLoader;
     std::unique_ptr<hostpc::WaveFilter> mFilter;

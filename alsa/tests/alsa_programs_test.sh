@@ -3,13 +3,14 @@
 # plugin, with a private ALSA configuration: the system's alsa.conf without
 # the hook that loads the machine's and the user's files (/etc/asound.conf,
 # ~/.asoundrc), and pcm.mme* naming the plugin by its path in the build. The
-# device runs in real time: files are short.
+# device runs in real time: files are short. "play" also plays through the
+# Windows build of the driver (IMAGE.sys) when it was built.
 #
-#   alsa_programs_test.sh PLUGIN.so SOURCE_DIR CASE
+#   alsa_programs_test.sh PLUGIN.so SOURCE_DIR CASE [IMAGE.sys]
 # CASE: play | record | refuse | stall | others
 set -euo pipefail
 
-plugin=$1 source=$2 case=$3
+plugin=$1 source=$2 case=$3 image=${4:-}
 check="python3 $source/alsa/tests/wavcheck.py"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -24,6 +25,7 @@ pcm.mme { type mme output "wav:$work/device.wav" summary "$work/summary" }
 pcm.mme_pattern { type mme input "pattern" summary "$work/summary" }
 pcm.mme_locked { type mme profile "$source/usbsim/profiles/spdif-locked.json" }
 pcm.mme_sys { type mme driver "$work/mmeusbaudio.sys" }
+pcm.mme_image { type mme driver "$image" output "wav:$work/device.wav" summary "$work/summary" }
 pcm.mme_typo { type mme ouptut "null" }
 EOF
 export ALSA_CONFIG_PATH=$work/asound.conf HOME=$work
@@ -46,6 +48,12 @@ play) # the device's output holds the file bit-exact, from its first frame
         clean_close
         [ "$(summary glitches)" = 0 ] || fail "glitches while playing: $(cat summary)"
     done
+    # The same through the Windows build of the driver, when there is one.
+    if [ -f "$image" ]; then
+        aplay -q -D mme_image in44100.wav
+        $check played in44100.wav device.wav
+        clean_close
+    fi
     ;;
 record) # what the device hears, sample by sample, at both widths
     arecord -q -D mme_pattern -f S24_3LE -c 2 -r 48000 -d 1 take24.wav
@@ -66,7 +74,7 @@ refuse) # the locked digital input allows 44100 Hz only; the driver says why
     $check make in44.wav 44100 16 2 4410
     aplay -q -D mme_locked in44.wav || fail "the locked rate was refused too"
     # Parameters the plugin cannot follow: refused with what is wrong.
-    for pcm in "mme_sys:cannot load a .sys image" "mme_typo:unknown field ouptut"; do
+    for pcm in "mme_sys:cannot load the driver image" "mme_typo:unknown field ouptut"; do
         if aplay -q -D "${pcm%%:*}" in44.wav 2>err.txt; then fail "${pcm%%:*} played"; fi
         grep -q "${pcm#*:}" err.txt || fail "${pcm%%:*}: $(cat err.txt)"
     done

@@ -23,7 +23,7 @@ struct ReportInput {
     uint32_t rate = 0;                                        // hardware rate at the end
     std::vector<std::pair<std::string, std::string>> summary; // the table on top
     SoakFigures figures;
-    std::optional<uint64_t> servicedLate; // none: the port has no concurrent service
+    std::optional<uint64_t> servicedLate; // none: service drained at each period's end
     std::optional<uint64_t> latencyFrames;
     std::string result; // PASS/FAIL line or "done"
 };

@@ -11,6 +11,7 @@
 
 #include "host/portcls/HostPortCls.h"
 #include "host/portcls/KsClient.h"
+#include "host/portcls/TraceTap.h"
 #include "usbsim/UsbDriverModel.h"
 
 #include <algorithm>
@@ -45,30 +46,6 @@ struct SimOptions {
     std::string portService;
     std::string reportPath; // timeline report to this HTML file
     std::string driverPath; // a Windows image (.sys) to run instead of the linked driver
-};
-
-// Keeps the driver's recent trace lines and copies them where asked.
-class TraceTap {
-public:
-    TraceTap(const std::string& path, bool toStderr); // throws SimError
-    ~TraceTap();
-    size_t mark() const; // lines seen so far
-    // The driver's own words for a refusal among the lines since `mark`:
-    // the last line that says why; empty when none does.
-    std::string reasonSince(size_t mark) const;
-    // Each complete line, as it comes (with the tap's lock held).
-    void setLineHook(std::function<void(const std::string&)> hook);
-
-private:
-    void take(const std::string& text);
-
-    mutable std::mutex mLock;
-    std::ofstream mFile;
-    bool mStderr;
-    std::string mPartial;
-    std::deque<std::string> mRecent;
-    std::function<void(const std::string&)> mLineHook;
-    size_t mTotal = 0;
 };
 
 class Sim {
@@ -130,7 +107,7 @@ private:
     std::string mDriverDescription;
     SimOptions mOptions;
     std::unique_ptr<Timeline> mTimeline;
-    std::unique_ptr<TraceTap> mTrace;
+    std::unique_ptr<hostpc::TraceTap> mTrace;
     std::unique_ptr<usbsim::UsbDriverModel> mModel;
     std::unique_ptr<hostpc::DriverLoader> mLoader;
     std::unique_ptr<hostpc::WaveFilter> mFilter;
