@@ -157,20 +157,9 @@ Device::Device(const DeviceParams& params) : mParams(params) {
         mModel->setOutput(mRouter);
         mLoader.reset(params.driver == "linked" ? new hostpc::DriverLoader()
                                                 : new hostpc::DriverLoader(params.driver));
-        if (!mLoader->imageError().empty())
-            throw DeviceError("driver \"" + params.driver + "\": cannot load the driver image " +
-                              mLoader->imageError());
-        if (!NT_SUCCESS(mLoader->entryStatus()))
-            throw DeviceError("DriverEntry failed: " + hostpc::statusName(mLoader->entryStatus()));
-        NTSTATUS status = mLoader->addDevice(mModel->pdo());
-        if (NT_SUCCESS(status))
-            status = mLoader->startDevice(mModel->pdo());
-        if (!NT_SUCCESS(status))
-            throw DeviceError("the driver did not start: " + hostpc::statusName(status));
-        PDEVICE_OBJECT fdo = mLoader->fdo(mModel->pdo());
-        mFilter.reset(new hostpc::WaveFilter(fdo ? hostpc::subdevice(fdo, u"Wave") : nullptr));
-        if (!mFilter->valid())
-            throw DeviceError("the driver registered no wave filter");
+        const std::string failure = hostpc::startWaveFilter(*mLoader, mModel->pdo(), &mFilter);
+        if (!failure.empty())
+            throw DeviceError("driver \"" + params.driver + "\": " + failure);
         mModel->startRealTime();
     } catch (const DeviceError&) {
         shutdown();

@@ -2,6 +2,7 @@
 // pins and data intersection, and KsStream over the port's WavePin.
 #include "KsClient.h"
 
+#include "HostPortCls.h"
 #include "WavePin.h"
 
 #include <algorithm>
@@ -91,6 +92,24 @@ void ByteQueue::commit(ULONG bytes) {
     const uint64_t head = mHead.load(std::memory_order_acquire);
     const uint64_t room = capacity() - (tail - head);
     mTail.store(tail + std::min<uint64_t>(bytes, room), std::memory_order_release);
+}
+
+std::string startWaveFilter(DriverLoader& loader, PDEVICE_OBJECT pdo,
+                            std::unique_ptr<WaveFilter>* filter) {
+    if (!loader.imageError().empty())
+        return "cannot load the driver image " + loader.imageError();
+    if (!NT_SUCCESS(loader.entryStatus()))
+        return "DriverEntry failed: " + statusName(loader.entryStatus());
+    NTSTATUS status = loader.addDevice(pdo);
+    if (NT_SUCCESS(status))
+        status = loader.startDevice(pdo);
+    if (!NT_SUCCESS(status))
+        return "the driver did not start: " + statusName(status);
+    PDEVICE_OBJECT fdo = loader.fdo(pdo);
+    filter->reset(new WaveFilter(fdo ? subdevice(fdo, u"Wave") : nullptr));
+    if (!(*filter)->valid())
+        return "the driver registered no wave filter";
+    return std::string();
 }
 
 // ---- Formats ----

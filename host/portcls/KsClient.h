@@ -248,6 +248,14 @@ private:
     PUNKNOWN mPort = nullptr;
 };
 
+class DriverLoader;
+// What a program does to have the wave filter of its device: checks that the
+// loader's driver loaded and its DriverEntry succeeded, adds and starts the
+// device of `pdo` as the plug-and-play manager would, and finds its "Wave"
+// subdevice. Empty when all went well (*filter valid), else what failed.
+std::string startWaveFilter(DriverLoader& loader, PDEVICE_OBJECT pdo,
+                            std::unique_ptr<WaveFilter>* filter);
+
 // A client's data range: what it would take.
 KSDATARANGE_AUDIO clientRange(ULONG maxChannels, ULONG minBits, ULONG maxBits, ULONG minRate,
                               ULONG maxRate);

@@ -78,25 +78,15 @@ Sim::Sim(const SimOptions& options) : mOptions(options) {
     mModel->setObserver(timeline);
     mLoader.reset(options.driverPath.empty() ? new hostpc::DriverLoader()
                                              : new hostpc::DriverLoader(options.driverPath));
-    if (!mLoader->imageError().empty())
-        throw SimError("cannot load the driver image " + mLoader->imageError());
     mDriverDescription = mLoader->runsImage()
                              ? "Windows image " + mLoader->imagePath() + " (its own code, loaded)"
                              : std::string("host build linked into mme-sim");
     // The DMA probe reads the linked driver's objects; an image's are its own.
-    if (!mLoader->runsImage())
+    if (mLoader->imageError().empty() && !mLoader->runsImage())
         timeline->setDmaProbe(&probeDma, mModel.get());
-    if (!NT_SUCCESS(mLoader->entryStatus()))
-        throw SimError("DriverEntry failed: " + hostpc::statusName(mLoader->entryStatus()));
-    NTSTATUS status = mLoader->addDevice(mModel->pdo());
-    if (NT_SUCCESS(status))
-        status = mLoader->startDevice(mModel->pdo());
-    if (!NT_SUCCESS(status))
-        throw SimError("the driver did not start: " + hostpc::statusName(status));
-    PDEVICE_OBJECT fdo = mLoader->fdo(mModel->pdo());
-    mFilter.reset(new hostpc::WaveFilter(fdo ? hostpc::subdevice(fdo, u"Wave") : nullptr));
-    if (!mFilter->valid())
-        throw SimError("the driver registered no wave filter");
+    const std::string failure = hostpc::startWaveFilter(*mLoader, mModel->pdo(), &mFilter);
+    if (!failure.empty())
+        throw SimError(failure);
 }
 
 Sim::~Sim() {
