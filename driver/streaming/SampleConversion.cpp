@@ -368,14 +368,18 @@ void widenPairs(ULONG frames, const UCHAR* in, LONG* out, ULONG stride, bool sss
 void renderRun(ULONG count, const UCHAR* in, ULONG bytes, LONG* out) {
     ULONG i = 0;
     if (bytes == 2) {
+        // Each sample times 256 in its own 32-bit lane is the render ring's
+        // sign-extended value; the multiplier leaves the shuffle units to
+        // the unpacks.
         const __m128i zero = _mm_setzero_si128();
+        const __m128i by256 = _mm_set1_epi32(0x1000000);
         for (; i + 16 <= count; i += 16) {
             __m128i x = load128(in + 2 * (SIZE_T)i);
             __m128i y = load128(in + 2 * (SIZE_T)i + 16);
-            store128(out + i, _mm_srai_epi32(_mm_unpacklo_epi16(zero, x), 8));
-            store128(out + i + 4, _mm_srai_epi32(_mm_unpackhi_epi16(zero, x), 8));
-            store128(out + i + 8, _mm_srai_epi32(_mm_unpacklo_epi16(zero, y), 8));
-            store128(out + i + 12, _mm_srai_epi32(_mm_unpackhi_epi16(zero, y), 8));
+            store128(out + i, _mm_madd_epi16(_mm_unpacklo_epi16(zero, x), by256));
+            store128(out + i + 4, _mm_madd_epi16(_mm_unpackhi_epi16(zero, x), by256));
+            store128(out + i + 8, _mm_madd_epi16(_mm_unpacklo_epi16(zero, y), by256));
+            store128(out + i + 12, _mm_madd_epi16(_mm_unpackhi_epi16(zero, y), by256));
         }
     } else if (bytes == 4) {
         for (; i + 16 <= count; i += 16) {
@@ -452,16 +456,28 @@ void int32ToPcm16(void* destination, const LONG* source, ULONG count) {
         return;
     UCHAR* out = static_cast<UCHAR*>(destination);
     ULONG i = 0;
-    // After the arithmetic shift every value fits 16 bits: the saturating
-    // pack only narrows.
-    for (; i + 16 <= count; i += 16) {
-        __m128i a = _mm_srai_epi32(load128(source + i), 16);
-        __m128i b = _mm_srai_epi32(load128(source + i + 4), 16);
-        __m128i c = _mm_srai_epi32(load128(source + i + 8), 16);
-        __m128i d = _mm_srai_epi32(load128(source + i + 12), 16);
-        store128(out + 2 * (SIZE_T)i, _mm_packs_epi32(a, b));
-        store128(out + 2 * (SIZE_T)i + 16, _mm_packs_epi32(c, d));
+    // Multiplying the high half by 1 and the low by 0 is the arithmetic
+    // shift by 16, on the multiplier instead of the shift units the packs
+    // need; every value then fits 16 bits and the saturating pack only
+    // narrows.
+    const __m128i high = _mm_set1_epi32(0x10000);
+    const LONG* in = source;
+    UCHAR* to = out;
+    for (const LONG* end = source + (count & ~31u); in != end; in += 32, to += 64) {
+        __m128i a = _mm_madd_epi16(load128(in), high);
+        __m128i b = _mm_madd_epi16(load128(in + 4), high);
+        __m128i c = _mm_madd_epi16(load128(in + 8), high);
+        __m128i d = _mm_madd_epi16(load128(in + 12), high);
+        __m128i e = _mm_madd_epi16(load128(in + 16), high);
+        __m128i f = _mm_madd_epi16(load128(in + 20), high);
+        __m128i g = _mm_madd_epi16(load128(in + 24), high);
+        __m128i h = _mm_madd_epi16(load128(in + 28), high);
+        store128(to, _mm_packs_epi32(a, b));
+        store128(to + 16, _mm_packs_epi32(c, d));
+        store128(to + 32, _mm_packs_epi32(e, f));
+        store128(to + 48, _mm_packs_epi32(g, h));
     }
+    i = count & ~31u;
     for (; i + 8 <= count; i += 8) {
         __m128i a = _mm_srai_epi32(load128(source + i), 16);
         __m128i b = _mm_srai_epi32(load128(source + i + 4), 16);
