@@ -145,7 +145,13 @@ MME_SSSE3_FUNCTION inline void pack24x16(UCHAR* out, const LONG* in) {
 }
 
 MME_SSSE3_FUNCTION ULONG pack24Ssse3(UCHAR* out, const LONG* in, ULONG count) {
-    ULONG i = 0;
+    const LONG* from = in;
+    UCHAR* to = out;
+    for (const LONG* end = in + (count & ~31u); from != end; from += 32, to += 96) {
+        pack24x16(to, from);
+        pack24x16(to + 48, from + 16);
+    }
+    ULONG i = count & ~31u;
     for (; i + 16 <= count; i += 16)
         pack24x16(out + 3 * (SIZE_T)i, in + i);
     for (; i + 8 <= count; i += 8)
@@ -153,10 +159,35 @@ MME_SSSE3_FUNCTION ULONG pack24Ssse3(UCHAR* out, const LONG* in, ULONG count) {
     return i;
 }
 
+// Sixteen packed samples from 48 bytes at in, sign-extended as the render
+// ring wants them: each lane gets [b0 0 b1 b2], which a multiply-add by
+// (1, 256) turns into b0 + 256 * (b2:b1), the 24-bit value sign-extended,
+// without a shift.
+MME_SSSE3_FUNCTION inline void widen24x16(LONG* out, const UCHAR* in) {
+    const signed char z = -128;
+    const __m128i lo = _mm_setr_epi8(0, z, 1, 2, 3, z, 4, 5, 6, z, 7, 8, 9, z, 10, 11);
+    const __m128i hi = _mm_setr_epi8(4, z, 5, 6, 7, z, 8, 9, 10, z, 11, 12, 13, z, 14, 15);
+    const __m128i weights = _mm_set1_epi32(0x1000001);
+    store128(out, _mm_madd_epi16(_mm_shuffle_epi8(load128(in), lo), weights));
+    store128(out + 4, _mm_madd_epi16(_mm_shuffle_epi8(load128(in + 8), hi), weights));
+    store128(out + 8, _mm_madd_epi16(_mm_shuffle_epi8(load128(in + 24), lo), weights));
+    store128(out + 12, _mm_madd_epi16(_mm_shuffle_epi8(load128(in + 32), hi), weights));
+}
+
 // shift: 0 for the working format, 8 for the render ring's.
 template <int Shift>
 MME_SSSE3_FUNCTION ULONG unpack24Ssse3(LONG* out, const UCHAR* in, ULONG count) {
     ULONG i = 0;
+    if (Shift == 8) {
+        const UCHAR* from = in;
+        LONG* to = out;
+        for (const UCHAR* end = in + 3 * (SIZE_T)(count & ~31u); from != end;
+             from += 96, to += 32) {
+            widen24x16(to, from);
+            widen24x16(to + 16, from + 48);
+        }
+        i = count & ~31u;
+    }
     for (; i + 16 <= count; i += 16) {
         __m128i a, b, c, d;
         unpack24x8(in + 3 * (SIZE_T)i, &a, &b);
@@ -373,14 +404,22 @@ void renderRun(ULONG count, const UCHAR* in, ULONG bytes, LONG* out) {
         // the unpacks.
         const __m128i zero = _mm_setzero_si128();
         const __m128i by256 = _mm_set1_epi32(0x1000000);
-        for (; i + 16 <= count; i += 16) {
-            __m128i x = load128(in + 2 * (SIZE_T)i);
-            __m128i y = load128(in + 2 * (SIZE_T)i + 16);
-            store128(out + i, _mm_madd_epi16(_mm_unpacklo_epi16(zero, x), by256));
-            store128(out + i + 4, _mm_madd_epi16(_mm_unpackhi_epi16(zero, x), by256));
-            store128(out + i + 8, _mm_madd_epi16(_mm_unpacklo_epi16(zero, y), by256));
-            store128(out + i + 12, _mm_madd_epi16(_mm_unpackhi_epi16(zero, y), by256));
+        const UCHAR* from = in;
+        LONG* to = out;
+        for (const UCHAR* end = in + 2 * (SIZE_T)(count & ~31u); from != end;
+             from += 64, to += 32) {
+            __m128i x = load128(from), y = load128(from + 16);
+            __m128i z = load128(from + 32), w = load128(from + 48);
+            store128(to, _mm_madd_epi16(_mm_unpacklo_epi16(zero, x), by256));
+            store128(to + 4, _mm_madd_epi16(_mm_unpackhi_epi16(zero, x), by256));
+            store128(to + 8, _mm_madd_epi16(_mm_unpacklo_epi16(zero, y), by256));
+            store128(to + 12, _mm_madd_epi16(_mm_unpackhi_epi16(zero, y), by256));
+            store128(to + 16, _mm_madd_epi16(_mm_unpacklo_epi16(zero, z), by256));
+            store128(to + 20, _mm_madd_epi16(_mm_unpackhi_epi16(zero, z), by256));
+            store128(to + 24, _mm_madd_epi16(_mm_unpacklo_epi16(zero, w), by256));
+            store128(to + 28, _mm_madd_epi16(_mm_unpackhi_epi16(zero, w), by256));
         }
+        i = count & ~31u;
     } else if (bytes == 4) {
         for (; i + 16 <= count; i += 16) {
             const UCHAR* at = in + 4 * (SIZE_T)i;
