@@ -254,6 +254,20 @@ inline __m128i place24Sse2(__m128i v) {
 // source (two more samples follow); returns the samples done.
 template <int Shift> ULONG unpack24Sse2(LONG* out, const UCHAR* in, ULONG count) {
     ULONG i = 0;
+    if (count >= 18) {
+        const UCHAR* from = in;
+        LONG* to = out;
+        const ULONG bulk = (count - 2) & ~15u;
+        for (const UCHAR* end = in + 3 * (SIZE_T)bulk; from != end; from += 48, to += 16) {
+            __m128i a = place24Sse2(load128(from)), b = place24Sse2(load128(from + 12));
+            __m128i c = place24Sse2(load128(from + 24)), d = place24Sse2(load128(from + 36));
+            store128(to, Shift ? _mm_srai_epi32(a, Shift) : a);
+            store128(to + 4, Shift ? _mm_srai_epi32(b, Shift) : b);
+            store128(to + 8, Shift ? _mm_srai_epi32(c, Shift) : c);
+            store128(to + 12, Shift ? _mm_srai_epi32(d, Shift) : d);
+        }
+        i = bulk;
+    }
     for (; i + 6 <= count; i += 4) {
         __m128i v = place24Sse2(load128(in + 3 * (SIZE_T)i));
         store128(out + i, Shift ? _mm_srai_epi32(v, Shift) : v);
@@ -533,6 +547,13 @@ void int32ToPcm24(void* destination, const LONG* source, ULONG count) {
     ULONG i = 0;
     if (useSsse3())
         i = pack24Ssse3(out, source, count);
+    const LONG* from = source + i;
+    UCHAR* to = out + 3 * (SIZE_T)i;
+    for (const LONG* end = from + ((count - i) & ~31u); from != end; from += 32, to += 96) {
+        pack24x16Sse2(to, from);
+        pack24x16Sse2(to + 48, from + 16);
+    }
+    i += (count - i) & ~31u;
     for (; i + 16 <= count; i += 16)
         pack24x16Sse2(out + 3 * (SIZE_T)i, source + i);
     for (; i < count; ++i)
