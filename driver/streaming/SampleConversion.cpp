@@ -239,15 +239,23 @@ inline void pack24x16Sse2(UCHAR* out, const LONG* in) {
     store128(out + 32, _mm_or_si128(_mm_srli_si128(c, 8), _mm_slli_si128(d, 4)));
 }
 
-// Four 3-byte samples from the low 12 bytes of v, as working-format samples.
-// Each 64-bit half takes two samples (bytes 0..5 and 6..11); a 32-bit shift
-// places the first of each pair, a 64-bit shift the second.
-inline __m128i place24Sse2(__m128i v) {
+// Four 3-byte samples as working-format samples, from two pairs of them,
+// one in the low 6 bytes of each 64-bit half: a 32-bit shift places the
+// first of each pair, a 64-bit shift the second.
+inline __m128i placePairs24Sse2(__m128i pairs) {
     const __m128i first = _mm_set_epi32(0, -1, 0, -1);
     const __m128i second = _mm_set_epi32((int)0xFFFFFF00u, 0, (int)0xFFFFFF00u, 0);
-    __m128i pairs = _mm_unpacklo_epi64(v, _mm_srli_si128(v, 6));
     return _mm_or_si128(_mm_and_si128(_mm_slli_epi32(pairs, 8), first),
                         _mm_and_si128(_mm_slli_epi64(pairs, 16), second));
+}
+// The same from the low 12 bytes of v.
+inline __m128i place24Sse2(__m128i v) {
+    return placePairs24Sse2(_mm_unpacklo_epi64(v, _mm_srli_si128(v, 6)));
+}
+// The same from 14 bytes at p, its two pairs loaded apart: two loads
+// cost less than the byte shift.
+inline __m128i place24Sse2At(const UCHAR* p) {
+    return placePairs24Sse2(_mm_unpacklo_epi64(load64x(p), load64x(p + 6)));
 }
 
 // Unpacks groups of four samples while the 16-byte load stays inside the
@@ -259,8 +267,8 @@ template <int Shift> ULONG unpack24Sse2(LONG* out, const UCHAR* in, ULONG count)
         LONG* to = out;
         const ULONG bulk = (count - 2) & ~15u;
         for (const UCHAR* end = in + 3 * (SIZE_T)bulk; from != end; from += 48, to += 16) {
-            __m128i a = place24Sse2(load128(from)), b = place24Sse2(load128(from + 12));
-            __m128i c = place24Sse2(load128(from + 24)), d = place24Sse2(load128(from + 36));
+            __m128i a = place24Sse2At(from), b = place24Sse2At(from + 12);
+            __m128i c = place24Sse2At(from + 24), d = place24Sse2At(from + 36);
             store128(to, Shift ? _mm_srai_epi32(a, Shift) : a);
             store128(to + 4, Shift ? _mm_srai_epi32(b, Shift) : b);
             store128(to + 8, Shift ? _mm_srai_epi32(c, Shift) : c);
