@@ -134,14 +134,18 @@ MME_SSSE3_FUNCTION inline void unpack24x8(const UCHAR* in, __m128i* a, __m128i* 
 MME_SSSE3_FUNCTION inline void pack24x16(UCHAR* out, const LONG* in) {
     const signed char z = -128;
     __m128i a = load128(in), b = load128(in + 4), c = load128(in + 8), d = load128(in + 12);
-    __m128i b0 = _mm_setr_epi8(z, z, z, z, z, z, z, z, z, z, z, z, 1, 2, 3, 5);
-    __m128i b1 = _mm_setr_epi8(6, 7, 9, 10, 11, 13, 14, 15, z, z, z, z, z, z, z, z);
-    __m128i c1 = _mm_setr_epi8(z, z, z, z, z, z, z, z, 1, 2, 3, 5, 6, 7, 9, 10);
-    __m128i c2 = _mm_setr_epi8(11, 13, 14, 15, z, z, z, z, z, z, z, z, z, z, z, z);
-    __m128i d2 = _mm_setr_epi8(z, z, z, z, 1, 2, 3, 5, 6, 7, 9, 10, 11, 13, 14, 15);
-    store128(out, _mm_or_si128(pick24(a), _mm_shuffle_epi8(b, b0)));
-    store128(out + 16, _mm_or_si128(_mm_shuffle_epi8(b, b1), _mm_shuffle_epi8(c, c1)));
-    store128(out + 32, _mm_or_si128(_mm_shuffle_epi8(c, c2), _mm_shuffle_epi8(d, d2)));
+    // a's 12 bytes high, b's split 4 low / 8 high, c's 8 low / 4 high, d's
+    // 12 low: each store then joins two neighbours with one byte alignment.
+    __m128i ma = _mm_setr_epi8(z, z, z, z, 1, 2, 3, 5, 6, 7, 9, 10, 11, 13, 14, 15);
+    __m128i mb = _mm_setr_epi8(1, 2, 3, 5, z, z, z, z, 6, 7, 9, 10, 11, 13, 14, 15);
+    __m128i mc = _mm_setr_epi8(1, 2, 3, 5, 6, 7, 9, 10, z, z, z, z, 11, 13, 14, 15);
+    a = _mm_shuffle_epi8(a, ma);
+    b = _mm_shuffle_epi8(b, mb);
+    c = _mm_shuffle_epi8(c, mc);
+    d = pick24(d);
+    store128(out, _mm_alignr_epi8(b, a, 4));
+    store128(out + 16, _mm_alignr_epi8(c, b, 8));
+    store128(out + 32, _mm_alignr_epi8(d, c, 12));
 }
 
 MME_SSSE3_FUNCTION ULONG pack24Ssse3(UCHAR* out, const LONG* in, ULONG count) {
