@@ -223,15 +223,23 @@ MME_SSSE3_FUNCTION ULONG unpack24Ssse3(LONG* out, const UCHAR* in, ULONG count) 
 // ---- 24-bit packing on the x64 baseline (SSE2 only) ----
 
 // Bytes 1..3 of each of four samples, packed into the low 12 bytes.
-inline __m128i pick24Sse2(__m128i v) {
+// Each 64-bit half: its second sample moved down next to its first, the
+// pair's 6 bytes low and 2 zero bytes above them.
+inline __m128i pairs24Sse2(__m128i v) {
     const __m128i low32 = _mm_set_epi32(0, -1, 0, -1);
+    __m128i x = _mm_srli_epi32(v, 8);
+    return _mm_or_si128(_mm_and_si128(x, low32), _mm_srli_epi64(_mm_andnot_si128(low32, x), 8));
+}
+inline __m128i pick24Sse2(__m128i v) {
     const __m128i low6 = _mm_set_epi32(0, 0, 0xFFFF, -1);
     const __m128i next6 = _mm_set_epi32(0, -1, (int)0xFFFF0000u, 0);
-    __m128i x = _mm_srli_epi32(v, 8);
-    // Each 64-bit half: its second sample moved down next to its first.
-    __m128i pairs =
-        _mm_or_si128(_mm_and_si128(x, low32), _mm_srli_epi64(_mm_andnot_si128(low32, x), 8));
+    __m128i pairs = pairs24Sse2(v);
     return _mm_or_si128(_mm_and_si128(pairs, low6), _mm_and_si128(_mm_srli_si128(pairs, 2), next6));
+}
+// Four samples' 12 bytes at out as two pairs, 2 bytes past them overwritten.
+inline void storePairs24Sse2(UCHAR* out, __m128i pairs) {
+    store64x(out, pairs);
+    store64x(out + 6, _mm_unpackhi_epi64(pairs, pairs));
 }
 
 // Sixteen samples as 48 bytes at out. Each group's 16-byte store ends in
@@ -239,12 +247,12 @@ inline __m128i pick24Sse2(__m128i v) {
 // with byte shifts; the last store, which must stop at the end, rewrites
 // the third group's tail as it was.
 inline void pack24x16Sse2(UCHAR* out, const LONG* in) {
-    __m128i a = pick24Sse2(load128(in)), b = pick24Sse2(load128(in + 4));
-    __m128i c = pick24Sse2(load128(in + 8)), d = pick24Sse2(load128(in + 12));
-    store128(out, a);
-    store128(out + 12, b);
-    store128(out + 24, c);
-    store128(out + 32, _mm_or_si128(_mm_srli_si128(c, 8), _mm_slli_si128(d, 4)));
+    __m128i c = pairs24Sse2(load128(in + 8)), d = pick24Sse2(load128(in + 12));
+    storePairs24Sse2(out, pairs24Sse2(load128(in)));
+    storePairs24Sse2(out + 12, pairs24Sse2(load128(in + 4)));
+    storePairs24Sse2(out + 24, c);
+    // c's last 4 bytes are bytes 2..5 of its upper half, zeros above them.
+    store128(out + 32, _mm_or_si128(_mm_srli_si128(c, 10), _mm_slli_si128(d, 4)));
 }
 
 // Four 3-byte samples as working-format samples, from two pairs of them,
