@@ -276,21 +276,42 @@ inline __m128i place24Sse2At(const UCHAR* p) {
 
 // Unpacks groups of four samples while the 16-byte load stays inside the
 // source (two more samples follow); returns the samples done.
+// Eight samples from the 24 bytes at from, whose byte before is readable.
+// A load starting one byte before a sample puts it in the top 3 bytes of
+// the load's first 32-bit lane and the sample four on in its last, so four
+// loads 3 bytes apart hold all eight in place: unpacks gather them and no
+// bytes move within a lane.
+template <int Shift> inline void widen24x8Sse2(LONG* to, const UCHAR* from) {
+    __m128i l0 = load128(from - 1), l1 = load128(from + 2);
+    __m128i l2 = load128(from + 5), l3 = load128(from + 8);
+    __m128i first = _mm_unpacklo_epi64(_mm_unpacklo_epi32(l0, l1), _mm_unpacklo_epi32(l2, l3));
+    __m128i second = _mm_unpackhi_epi64(_mm_unpackhi_epi32(l0, l1), _mm_unpackhi_epi32(l2, l3));
+    if (Shift) {
+        first = _mm_srai_epi32(first, Shift);
+        second = _mm_srai_epi32(second, Shift);
+    } else {
+        const __m128i top3 = _mm_set1_epi32((int)0xFFFFFF00u);
+        first = _mm_and_si128(first, top3);
+        second = _mm_and_si128(second, top3);
+    }
+    store128(to, first);
+    store128(to + 4, second);
+}
+
 template <int Shift> ULONG unpack24Sse2(LONG* out, const UCHAR* in, ULONG count) {
     ULONG i = 0;
-    if (count >= 18) {
-        const UCHAR* from = in;
-        LONG* to = out;
-        const ULONG bulk = (count - 2) & ~15u;
-        for (const UCHAR* end = in + 3 * (SIZE_T)bulk; from != end; from += 48, to += 16) {
-            __m128i a = place24Sse2At(from), b = place24Sse2At(from + 12);
-            __m128i c = place24Sse2At(from + 24), d = place24Sse2At(from + 36);
-            store128(to, Shift ? _mm_srai_epi32(a, Shift) : a);
-            store128(to + 4, Shift ? _mm_srai_epi32(b, Shift) : b);
-            store128(to + 8, Shift ? _mm_srai_epi32(c, Shift) : c);
-            store128(to + 12, Shift ? _mm_srai_epi32(d, Shift) : d);
+    if (count >= 20) {
+        // The first four the other way, so no load starts before the source.
+        __m128i v = place24Sse2At(in);
+        store128(out, Shift ? _mm_srai_epi32(v, Shift) : v);
+        const UCHAR* from = in + 12;
+        LONG* to = out + 4;
+        const ULONG bulk = (count - 4) & ~15u;
+        for (const UCHAR* end = from + 3 * (SIZE_T)bulk; from != end; from += 48, to += 16) {
+            widen24x8Sse2<Shift>(to, from);
+            widen24x8Sse2<Shift>(to + 8, from + 24);
         }
-        i = bulk;
+        i = 4 + bulk;
     }
     for (; i + 6 <= count; i += 4) {
         __m128i v = place24Sse2(load128(in + 3 * (SIZE_T)i));
