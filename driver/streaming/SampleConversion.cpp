@@ -134,18 +134,28 @@ MME_SSSE3_FUNCTION inline void unpack24x8(const UCHAR* in, __m128i* a, __m128i* 
 MME_SSSE3_FUNCTION inline void pack24x16(UCHAR* out, const LONG* in) {
     const signed char z = -128;
     __m128i a = load128(in), b = load128(in + 4), c = load128(in + 8), d = load128(in + 12);
-    __m128i b0 = _mm_setr_epi8(z, z, z, z, z, z, z, z, z, z, z, z, 1, 2, 3, 5);
-    __m128i b1 = _mm_setr_epi8(6, 7, 9, 10, 11, 13, 14, 15, z, z, z, z, z, z, z, z);
-    __m128i c1 = _mm_setr_epi8(z, z, z, z, z, z, z, z, 1, 2, 3, 5, 6, 7, 9, 10);
-    __m128i c2 = _mm_setr_epi8(11, 13, 14, 15, z, z, z, z, z, z, z, z, z, z, z, z);
-    __m128i d2 = _mm_setr_epi8(z, z, z, z, 1, 2, 3, 5, 6, 7, 9, 10, 11, 13, 14, 15);
-    store128(out, _mm_or_si128(pick24(a), _mm_shuffle_epi8(b, b0)));
-    store128(out + 16, _mm_or_si128(_mm_shuffle_epi8(b, b1), _mm_shuffle_epi8(c, c1)));
-    store128(out + 32, _mm_or_si128(_mm_shuffle_epi8(c, c2), _mm_shuffle_epi8(d, d2)));
+    // a's 12 bytes high, b's split 4 low / 8 high, c's 8 low / 4 high, d's
+    // 12 low: each store then joins two neighbours with one byte alignment.
+    __m128i ma = _mm_setr_epi8(z, z, z, z, 1, 2, 3, 5, 6, 7, 9, 10, 11, 13, 14, 15);
+    __m128i mb = _mm_setr_epi8(1, 2, 3, 5, z, z, z, z, 6, 7, 9, 10, 11, 13, 14, 15);
+    __m128i mc = _mm_setr_epi8(1, 2, 3, 5, 6, 7, 9, 10, z, z, z, z, 11, 13, 14, 15);
+    a = _mm_shuffle_epi8(a, ma);
+    b = _mm_shuffle_epi8(b, mb);
+    c = _mm_shuffle_epi8(c, mc);
+    d = pick24(d);
+    store128(out, _mm_alignr_epi8(b, a, 4));
+    store128(out + 16, _mm_alignr_epi8(c, b, 8));
+    store128(out + 32, _mm_alignr_epi8(d, c, 12));
 }
 
 MME_SSSE3_FUNCTION ULONG pack24Ssse3(UCHAR* out, const LONG* in, ULONG count) {
-    ULONG i = 0;
+    const LONG* from = in;
+    UCHAR* to = out;
+    for (const LONG* end = in + (count & ~31u); from != end; from += 32, to += 96) {
+        pack24x16(to, from);
+        pack24x16(to + 48, from + 16);
+    }
+    ULONG i = count & ~31u;
     for (; i + 16 <= count; i += 16)
         pack24x16(out + 3 * (SIZE_T)i, in + i);
     for (; i + 8 <= count; i += 8)
@@ -153,10 +163,35 @@ MME_SSSE3_FUNCTION ULONG pack24Ssse3(UCHAR* out, const LONG* in, ULONG count) {
     return i;
 }
 
+// Sixteen packed samples from 48 bytes at in, sign-extended as the render
+// ring wants them: each lane gets [b0 0 b1 b2], which a multiply-add by
+// (1, 256) turns into b0 + 256 * (b2:b1), the 24-bit value sign-extended,
+// without a shift.
+MME_SSSE3_FUNCTION inline void widen24x16(LONG* out, const UCHAR* in) {
+    const signed char z = -128;
+    const __m128i lo = _mm_setr_epi8(0, z, 1, 2, 3, z, 4, 5, 6, z, 7, 8, 9, z, 10, 11);
+    const __m128i hi = _mm_setr_epi8(4, z, 5, 6, 7, z, 8, 9, 10, z, 11, 12, 13, z, 14, 15);
+    const __m128i weights = _mm_set1_epi32(0x1000001);
+    store128(out, _mm_madd_epi16(_mm_shuffle_epi8(load128(in), lo), weights));
+    store128(out + 4, _mm_madd_epi16(_mm_shuffle_epi8(load128(in + 8), hi), weights));
+    store128(out + 8, _mm_madd_epi16(_mm_shuffle_epi8(load128(in + 24), lo), weights));
+    store128(out + 12, _mm_madd_epi16(_mm_shuffle_epi8(load128(in + 32), hi), weights));
+}
+
 // shift: 0 for the working format, 8 for the render ring's.
 template <int Shift>
 MME_SSSE3_FUNCTION ULONG unpack24Ssse3(LONG* out, const UCHAR* in, ULONG count) {
     ULONG i = 0;
+    if (Shift == 8) {
+        const UCHAR* from = in;
+        LONG* to = out;
+        for (const UCHAR* end = in + 3 * (SIZE_T)(count & ~31u); from != end;
+             from += 96, to += 32) {
+            widen24x16(to, from);
+            widen24x16(to + 16, from + 48);
+        }
+        i = count & ~31u;
+    }
     for (; i + 16 <= count; i += 16) {
         __m128i a, b, c, d;
         unpack24x8(in + 3 * (SIZE_T)i, &a, &b);
@@ -188,41 +223,96 @@ MME_SSSE3_FUNCTION ULONG unpack24Ssse3(LONG* out, const UCHAR* in, ULONG count) 
 // ---- 24-bit packing on the x64 baseline (SSE2 only) ----
 
 // Bytes 1..3 of each of four samples, packed into the low 12 bytes.
-inline __m128i pick24Sse2(__m128i v) {
+// Each 64-bit half: its second sample moved down next to its first, the
+// pair's 6 bytes low and 2 zero bytes above them.
+inline __m128i pairs24Sse2(__m128i v) {
     const __m128i low32 = _mm_set_epi32(0, -1, 0, -1);
+    __m128i x = _mm_srli_epi32(v, 8);
+    return _mm_or_si128(_mm_and_si128(x, low32), _mm_srli_epi64(_mm_andnot_si128(low32, x), 8));
+}
+inline __m128i pick24Sse2(__m128i v) {
     const __m128i low6 = _mm_set_epi32(0, 0, 0xFFFF, -1);
     const __m128i next6 = _mm_set_epi32(0, -1, (int)0xFFFF0000u, 0);
-    __m128i x = _mm_srli_epi32(v, 8);
-    // Each 64-bit half: its second sample moved down next to its first.
-    __m128i pairs =
-        _mm_or_si128(_mm_and_si128(x, low32), _mm_srli_epi64(_mm_andnot_si128(low32, x), 8));
+    __m128i pairs = pairs24Sse2(v);
     return _mm_or_si128(_mm_and_si128(pairs, low6), _mm_and_si128(_mm_srli_si128(pairs, 2), next6));
 }
-
-// Sixteen samples as 48 bytes at out, in three stores.
-inline void pack24x16Sse2(UCHAR* out, const LONG* in) {
-    __m128i a = pick24Sse2(load128(in)), b = pick24Sse2(load128(in + 4));
-    __m128i c = pick24Sse2(load128(in + 8)), d = pick24Sse2(load128(in + 12));
-    store128(out, _mm_or_si128(a, _mm_slli_si128(b, 12)));
-    store128(out + 16, _mm_or_si128(_mm_srli_si128(b, 4), _mm_slli_si128(c, 8)));
-    store128(out + 32, _mm_or_si128(_mm_srli_si128(c, 8), _mm_slli_si128(d, 4)));
+// Four samples' 12 bytes at out as two pairs, 2 bytes past them overwritten.
+inline void storePairs24Sse2(UCHAR* out, __m128i pairs) {
+    store64x(out, pairs);
+    store64x(out + 6, _mm_unpackhi_epi64(pairs, pairs));
 }
 
-// Four 3-byte samples from the low 12 bytes of v, as working-format samples.
-// Each 64-bit half takes two samples (bytes 0..5 and 6..11); a 32-bit shift
-// places the first of each pair, a 64-bit shift the second.
-inline __m128i place24Sse2(__m128i v) {
+// Sixteen samples as 48 bytes at out. Each group's 16-byte store ends in
+// 4 bytes the next one overwrites, which costs less than joining groups
+// with byte shifts; the last store, which must stop at the end, rewrites
+// the third group's tail as it was.
+inline void pack24x16Sse2(UCHAR* out, const LONG* in) {
+    __m128i c = pairs24Sse2(load128(in + 8)), d = pick24Sse2(load128(in + 12));
+    storePairs24Sse2(out, pairs24Sse2(load128(in)));
+    storePairs24Sse2(out + 12, pairs24Sse2(load128(in + 4)));
+    storePairs24Sse2(out + 24, c);
+    // c's last 4 bytes are bytes 2..5 of its upper half, zeros above them.
+    store128(out + 32, _mm_or_si128(_mm_srli_si128(c, 10), _mm_slli_si128(d, 4)));
+}
+
+// Four 3-byte samples as working-format samples, from two pairs of them,
+// one in the low 6 bytes of each 64-bit half: a 32-bit shift places the
+// first of each pair, a 64-bit shift the second.
+inline __m128i placePairs24Sse2(__m128i pairs) {
     const __m128i first = _mm_set_epi32(0, -1, 0, -1);
     const __m128i second = _mm_set_epi32((int)0xFFFFFF00u, 0, (int)0xFFFFFF00u, 0);
-    __m128i pairs = _mm_unpacklo_epi64(v, _mm_srli_si128(v, 6));
     return _mm_or_si128(_mm_and_si128(_mm_slli_epi32(pairs, 8), first),
                         _mm_and_si128(_mm_slli_epi64(pairs, 16), second));
+}
+// The same from the low 12 bytes of v.
+inline __m128i place24Sse2(__m128i v) {
+    return placePairs24Sse2(_mm_unpacklo_epi64(v, _mm_srli_si128(v, 6)));
+}
+// The same from 14 bytes at p, its two pairs loaded apart: two loads
+// cost less than the byte shift.
+inline __m128i place24Sse2At(const UCHAR* p) {
+    return placePairs24Sse2(_mm_unpacklo_epi64(load64x(p), load64x(p + 6)));
 }
 
 // Unpacks groups of four samples while the 16-byte load stays inside the
 // source (two more samples follow); returns the samples done.
+// Eight samples from the 24 bytes at from, whose byte before is readable.
+// A load starting one byte before a sample puts it in the top 3 bytes of
+// the load's first 32-bit lane and the sample four on in its last, so four
+// loads 3 bytes apart hold all eight in place: unpacks gather them and no
+// bytes move within a lane.
+template <int Shift> inline void widen24x8Sse2(LONG* to, const UCHAR* from) {
+    __m128i l0 = load128(from - 1), l1 = load128(from + 2);
+    __m128i l2 = load128(from + 5), l3 = load128(from + 8);
+    __m128i first = _mm_unpacklo_epi64(_mm_unpacklo_epi32(l0, l1), _mm_unpacklo_epi32(l2, l3));
+    __m128i second = _mm_unpackhi_epi64(_mm_unpackhi_epi32(l0, l1), _mm_unpackhi_epi32(l2, l3));
+    if (Shift) {
+        first = _mm_srai_epi32(first, Shift);
+        second = _mm_srai_epi32(second, Shift);
+    } else {
+        const __m128i top3 = _mm_set1_epi32((int)0xFFFFFF00u);
+        first = _mm_and_si128(first, top3);
+        second = _mm_and_si128(second, top3);
+    }
+    store128(to, first);
+    store128(to + 4, second);
+}
+
 template <int Shift> ULONG unpack24Sse2(LONG* out, const UCHAR* in, ULONG count) {
     ULONG i = 0;
+    if (count >= 20) {
+        // The first four the other way, so no load starts before the source.
+        __m128i v = place24Sse2At(in);
+        store128(out, Shift ? _mm_srai_epi32(v, Shift) : v);
+        const UCHAR* from = in + 12;
+        LONG* to = out + 4;
+        const ULONG bulk = (count - 4) & ~15u;
+        for (const UCHAR* end = from + 3 * (SIZE_T)bulk; from != end; from += 48, to += 16) {
+            widen24x8Sse2<Shift>(to, from);
+            widen24x8Sse2<Shift>(to + 8, from + 24);
+        }
+        i = 4 + bulk;
+    }
     for (; i + 6 <= count; i += 4) {
         __m128i v = place24Sse2(load128(in + 3 * (SIZE_T)i));
         store128(out + i, Shift ? _mm_srai_epi32(v, Shift) : v);
@@ -368,15 +458,27 @@ void widenPairs(ULONG frames, const UCHAR* in, LONG* out, ULONG stride, bool sss
 void renderRun(ULONG count, const UCHAR* in, ULONG bytes, LONG* out) {
     ULONG i = 0;
     if (bytes == 2) {
+        // Each sample times 256 in its own 32-bit lane is the render ring's
+        // sign-extended value; the multiplier leaves the shuffle units to
+        // the unpacks.
         const __m128i zero = _mm_setzero_si128();
-        for (; i + 16 <= count; i += 16) {
-            __m128i x = load128(in + 2 * (SIZE_T)i);
-            __m128i y = load128(in + 2 * (SIZE_T)i + 16);
-            store128(out + i, _mm_srai_epi32(_mm_unpacklo_epi16(zero, x), 8));
-            store128(out + i + 4, _mm_srai_epi32(_mm_unpackhi_epi16(zero, x), 8));
-            store128(out + i + 8, _mm_srai_epi32(_mm_unpacklo_epi16(zero, y), 8));
-            store128(out + i + 12, _mm_srai_epi32(_mm_unpackhi_epi16(zero, y), 8));
+        const __m128i by256 = _mm_set1_epi32(0x1000000);
+        const UCHAR* from = in;
+        LONG* to = out;
+        for (const UCHAR* end = in + 2 * (SIZE_T)(count & ~31u); from != end;
+             from += 64, to += 32) {
+            __m128i x = load128(from), y = load128(from + 16);
+            __m128i z = load128(from + 32), w = load128(from + 48);
+            store128(to, _mm_madd_epi16(_mm_unpacklo_epi16(zero, x), by256));
+            store128(to + 4, _mm_madd_epi16(_mm_unpackhi_epi16(zero, x), by256));
+            store128(to + 8, _mm_madd_epi16(_mm_unpacklo_epi16(zero, y), by256));
+            store128(to + 12, _mm_madd_epi16(_mm_unpackhi_epi16(zero, y), by256));
+            store128(to + 16, _mm_madd_epi16(_mm_unpacklo_epi16(zero, z), by256));
+            store128(to + 20, _mm_madd_epi16(_mm_unpackhi_epi16(zero, z), by256));
+            store128(to + 24, _mm_madd_epi16(_mm_unpacklo_epi16(zero, w), by256));
+            store128(to + 28, _mm_madd_epi16(_mm_unpackhi_epi16(zero, w), by256));
         }
+        i = count & ~31u;
     } else if (bytes == 4) {
         for (; i + 16 <= count; i += 16) {
             const UCHAR* at = in + 4 * (SIZE_T)i;
@@ -452,16 +554,28 @@ void int32ToPcm16(void* destination, const LONG* source, ULONG count) {
         return;
     UCHAR* out = static_cast<UCHAR*>(destination);
     ULONG i = 0;
-    // After the arithmetic shift every value fits 16 bits: the saturating
-    // pack only narrows.
-    for (; i + 16 <= count; i += 16) {
-        __m128i a = _mm_srai_epi32(load128(source + i), 16);
-        __m128i b = _mm_srai_epi32(load128(source + i + 4), 16);
-        __m128i c = _mm_srai_epi32(load128(source + i + 8), 16);
-        __m128i d = _mm_srai_epi32(load128(source + i + 12), 16);
-        store128(out + 2 * (SIZE_T)i, _mm_packs_epi32(a, b));
-        store128(out + 2 * (SIZE_T)i + 16, _mm_packs_epi32(c, d));
+    // Multiplying the high half by 1 and the low by 0 is the arithmetic
+    // shift by 16, on the multiplier instead of the shift units the packs
+    // need; every value then fits 16 bits and the saturating pack only
+    // narrows.
+    const __m128i high = _mm_set1_epi32(0x10000);
+    const LONG* in = source;
+    UCHAR* to = out;
+    for (const LONG* end = source + (count & ~31u); in != end; in += 32, to += 64) {
+        __m128i a = _mm_madd_epi16(load128(in), high);
+        __m128i b = _mm_madd_epi16(load128(in + 4), high);
+        __m128i c = _mm_madd_epi16(load128(in + 8), high);
+        __m128i d = _mm_madd_epi16(load128(in + 12), high);
+        __m128i e = _mm_madd_epi16(load128(in + 16), high);
+        __m128i f = _mm_madd_epi16(load128(in + 20), high);
+        __m128i g = _mm_madd_epi16(load128(in + 24), high);
+        __m128i h = _mm_madd_epi16(load128(in + 28), high);
+        store128(to, _mm_packs_epi32(a, b));
+        store128(to + 16, _mm_packs_epi32(c, d));
+        store128(to + 32, _mm_packs_epi32(e, f));
+        store128(to + 48, _mm_packs_epi32(g, h));
     }
+    i = count & ~31u;
     for (; i + 8 <= count; i += 8) {
         __m128i a = _mm_srai_epi32(load128(source + i), 16);
         __m128i b = _mm_srai_epi32(load128(source + i + 4), 16);
@@ -478,6 +592,13 @@ void int32ToPcm24(void* destination, const LONG* source, ULONG count) {
     ULONG i = 0;
     if (useSsse3())
         i = pack24Ssse3(out, source, count);
+    const LONG* from = source + i;
+    UCHAR* to = out + 3 * (SIZE_T)i;
+    for (const LONG* end = from + ((count - i) & ~31u); from != end; from += 32, to += 96) {
+        pack24x16Sse2(to, from);
+        pack24x16Sse2(to + 48, from + 16);
+    }
+    i += (count - i) & ~31u;
     for (; i + 16 <= count; i += 16)
         pack24x16Sse2(out + 3 * (SIZE_T)i, source + i);
     for (; i < count; ++i)
