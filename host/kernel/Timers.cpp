@@ -179,20 +179,25 @@ void runQueuedLocked(TimerState& s, std::unique_lock<std::mutex>& lock, PKDPC dp
     s.settled.notify_all();
 }
 
+// Takes the first DPC queued for `owner` (null: the DPC thread) off the
+// queue and runs it; false when there is none.
+bool runNextQueuedLocked(TimerState& s, std::unique_lock<std::mutex>& lock, const void* owner) {
+    auto it = std::find_if(s.dpcs.begin(), s.dpcs.end(),
+                           [owner](const QueuedDpc& q) { return q.owner == owner; });
+    if (it == s.dpcs.end())
+        return false;
+    PKDPC dpc = it->dpc;
+    s.dpcs.erase(it);
+    runQueuedLocked(s, lock, dpc);
+    return true;
+}
+
 void dpcThreadLoop() {
     auto& s = timers();
     std::unique_lock<std::mutex> lock(s.mutex);
-    while (!s.stop) {
-        auto it = std::find_if(s.dpcs.begin(), s.dpcs.end(),
-                               [](const QueuedDpc& q) { return q.owner == nullptr; });
-        if (it == s.dpcs.end()) {
+    while (!s.stop)
+        if (!runNextQueuedLocked(s, lock, nullptr))
             s.dpcWake.wait(lock);
-            continue;
-        }
-        PKDPC dpc = it->dpc;
-        s.dpcs.erase(it);
-        runQueuedLocked(s, lock, dpc);
-    }
 }
 
 void stopTimerThread() {
@@ -361,14 +366,7 @@ void runLocalDpcs() {
     auto& s = timers();
     const void* self = KeGetCurrentThread();
     std::unique_lock<std::mutex> lock(s.mutex);
-    for (;;) {
-        auto it = std::find_if(s.dpcs.begin(), s.dpcs.end(),
-                               [&](const QueuedDpc& q) { return q.owner == self; });
-        if (it == s.dpcs.end())
-            return;
-        PKDPC dpc = it->dpc;
-        s.dpcs.erase(it);
-        runQueuedLocked(s, lock, dpc);
+    while (runNextQueuedLocked(s, lock, self)) {
     }
 }
 
