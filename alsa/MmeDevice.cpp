@@ -175,17 +175,7 @@ Device::~Device() {
 }
 
 std::string Device::refusal(NTSTATUS status, size_t mark) const {
-    std::string text = hostpc::statusName(status);
-    const std::string why = mTrace->reasonSince(mark);
-    if (!why.empty())
-        text += ": \"" + why + "\"";
-    std::string usb;
-    for (const auto& call : mModel->calls())
-        if (call.code == USBCall_ChangeConfig && !NT_SUCCESS(call.answer) && !call.note.empty())
-            usb = call.note;
-    if (!usb.empty())
-        text += " (USB driver: " + usb + ")";
-    return text;
+    return mTrace->refusal(status, mark, mModel->refusedConfigNote());
 }
 
 void Device::beginOutput(std::function<uint64_t()> streamFrames) {

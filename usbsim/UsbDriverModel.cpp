@@ -302,6 +302,14 @@ std::vector<UsbDriverModel::Call> UsbDriverModel::calls() const {
     return mCalls;
 }
 
+std::string UsbDriverModel::refusedConfigNote() const {
+    std::string note;
+    for (const Call& call : calls())
+        if (call.code == USBCall_ChangeConfig && !NT_SUCCESS(call.answer) && !call.note.empty())
+            note = call.note;
+    return note;
+}
+
 std::vector<ULONG> UsbDriverModel::callCodes() const {
     std::lock_guard<std::mutex> lock(mLock);
     std::vector<ULONG> codes;

@@ -88,6 +88,9 @@ public:
         std::string note;       // why a call was refused, when the model decided it
     };
     std::vector<Call> calls() const;
+    // The model's reason for the last configuration change it refused
+    // (empty when none was refused since clearCalls()).
+    std::string refusedConfigNote() const;
     std::vector<ULONG> callCodes() const;
     size_t callCount(ULONG code) const;
     void clearCalls();

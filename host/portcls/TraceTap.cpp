@@ -1,6 +1,7 @@
 #include "host/portcls/TraceTap.h"
 
 #include "host/kernel/HostKernel.h"
+#include "host/portcls/KsClient.h"
 
 #include <algorithm>
 #include <iostream>
@@ -89,6 +90,16 @@ std::string TraceTap::reasonSince(size_t mark) const {
                 return withoutPrefix(line);
     }
     return std::string();
+}
+
+std::string TraceTap::refusal(NTSTATUS status, size_t mark, const std::string& usbReason) const {
+    std::string text = statusName(status);
+    const std::string why = reasonSince(mark);
+    if (!why.empty())
+        text += ": \"" + why + "\"";
+    if (!usbReason.empty())
+        text += " (USB driver: " + usbReason + ")";
+    return text;
 }
 
 } // namespace hostpc

@@ -4,6 +4,8 @@
 // kernel's debug-output sink for its lifetime; one at a time.
 #pragma once
 
+#include "driver/platform/platform.h"
+
 #include <cstddef>
 #include <deque>
 #include <fstream>
@@ -26,6 +28,9 @@ public:
     // the last line that says why, without the trace prefix; empty when
     // none does.
     std::string reasonSince(size_t mark) const;
+    // How a client tells a refusal: the status, the driver's reason since
+    // `mark` in quotes and, when given, the USB driver's reason.
+    std::string refusal(NTSTATUS status, size_t mark, const std::string& usbReason) const;
     // Each complete line, as it comes (with the tap's lock held).
     void setLineHook(std::function<void(const std::string&)> hook);
 

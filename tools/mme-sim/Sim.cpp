@@ -94,18 +94,7 @@ Sim::~Sim() {
 }
 
 std::string Sim::refusal(NTSTATUS status, size_t mark) {
-    std::string text = hostpc::statusName(status);
-    std::string why = mTrace->reasonSince(mark);
-    if (!why.empty())
-        text += ": \"" + why + "\"";
-    // The model says why it refused a configuration change.
-    std::string usb;
-    for (const auto& call : mModel->calls())
-        if (call.code == USBCall_ChangeConfig && !NT_SUCCESS(call.answer) && !call.note.empty())
-            usb = call.note;
-    if (!usb.empty())
-        text += " (USB driver: " + usb + ")";
-    return text;
+    return mTrace->refusal(status, mark, mModel->refusedConfigNote());
 }
 
 std::unique_ptr<hostpc::KsStream> Sim::open(bool capture, const Format& format,
