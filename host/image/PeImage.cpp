@@ -238,6 +238,15 @@ bool bindImports(uint8_t* image, const Layout& layout, const Resolver& resolve,
     const uint32_t size = layout.sizeOfImage;
     if (layout.imports.size == 0)
         return true;
+    // Slots already bound: a table that reuses one (or reads its names from
+    // one) would undo a binding; the Windows loader has no such images.
+    std::vector<uint64_t> written;
+    auto overlapsWritten = [&](uint64_t at) {
+        for (uint64_t w : written)
+            if (at < w + 8 && w < at + 8)
+                return true;
+        return false;
+    };
     for (uint64_t d = layout.imports.rva;; d += 20) {
         if (!fits(d, 20, size))
             return fail(error, "import directory runs off the image without its end marker");
@@ -257,6 +266,8 @@ bool bindImports(uint8_t* image, const Layout& layout, const Resolver& resolve,
             const uint64_t lookupAt = namesRva + i * 8, slotAt = slotsRva + i * 8;
             if (!fits(lookupAt, 8, size) || !fits(slotAt, 8, size))
                 return fail(error, "import table of " + dll + " runs off the image");
+            if (overlapsWritten(slotAt) || overlapsWritten(lookupAt))
+                return fail(error, "import table of " + dll + " overlaps a slot already bound");
             const uint64_t thunk = rd64(image + lookupAt);
             if (thunk == 0)
                 break;
@@ -272,6 +283,7 @@ bool bindImports(uint8_t* image, const Layout& layout, const Resolver& resolve,
                 return fail(error, "import " + dll + "!" + name + " is not provided by the host");
             const uint64_t v = reinterpret_cast<uintptr_t>(address);
             std::memcpy(image + slotAt, &v, 8);
+            written.push_back(slotAt);
             if (bound)
                 bound->push_back(Import{dll, name, uint32_t(slotAt)});
         }
