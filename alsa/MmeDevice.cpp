@@ -206,17 +206,10 @@ uint32_t Device::renderRingAhead() const {
 }
 
 void Device::waitForClock() {
-    const uint32_t rate = mModel->settings().current.fr ? mModel->settings().current.fr : 48000;
-    // Real time moves rate x 10 ms in 10 ms; allow a period more for
-    // jitter, and two such spans in a row, since a busy machine can hold
-    // the clock back for one.
-    const uint64_t realTime = rate / 100 + mModel->periodFrames();
-    int calm = 0;
-    for (int tries = 0; tries < 1000 && calm < 2; ++tries) {
-        const uint64_t before = mModel->framesRun();
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        calm = mModel->framesRun() - before <= realTime ? calm + 1 : 0;
-    }
+    // Bounded: a clock that cannot catch up (a machine far too slow) still
+    // lets the program go on, with positions behind real time.
+    for (int tries = 0; tries < 5000 && mModel->realTimeBacklog() > mModel->periodFrames(); ++tries)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 std::string Device::shutdown() {

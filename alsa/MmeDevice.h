@@ -78,7 +78,8 @@ public:
     // A process that was stopped (SIGSTOP) froze the device's clock with it;
     // thawed, the clock runs the periods it missed back to back. Waits until
     // it is back to real time, so the program sees what a device outside
-    // the process would have done meanwhile.
+    // the process would have done meanwhile, and its refill cannot land in
+    // the middle of the catch-up.
     void waitForClock();
 
     // Stops the clock, closes the output, removes the device; what the host

@@ -131,7 +131,10 @@ void closeStream(Pcm* p) {
 
 // Frames the driver has moved since the pin left STOP.
 uint64_t position(Pcm* p) {
-    return p->stream ? p->stream->positionFrames() : 0;
+    if (!p->stream)
+        return 0;
+    p->device->waitForClock();
+    return p->stream->positionFrames();
 }
 
 bool xrunNow(Pcm* p, uint64_t pos) {
@@ -143,7 +146,6 @@ bool xrunNow(Pcm* p, uint64_t pos) {
     const bool late = p->capture ? c.overruns > p->base.overruns
                                  : c.glitches > p->base.glitches || pos > p->transferred;
     if (late) {
-        p->device->waitForClock();
         p->xrun = true;
         ++p->xruns;
     }

@@ -925,9 +925,6 @@ std::string UsbDriverModel::realTimeError() const {
 void UsbDriverModel::realTimeLoop() {
     hostk::enterDriverThread();
     using clock = std::chrono::steady_clock;
-    auto anchor = clock::now();
-    uint64_t framesSinceAnchor = 0;
-    uint32_t rate = 0;
     while (!mStop.load()) {
         try {
             runOnePeriod();
@@ -943,17 +940,29 @@ void UsbDriverModel::realTimeLoop() {
             frames = mPeriodFrames;
             nowRate = mSettings.current.fr ? mSettings.current.fr : 48000;
         }
-        if (nowRate != rate) {
-            anchor = clock::now();
-            framesSinceAnchor = 0;
-            rate = nowRate;
-        }
-        framesSinceAnchor += frames;
-        const auto due =
-            anchor + std::chrono::nanoseconds(framesSinceAnchor * 1000000000ull / rate);
         std::unique_lock<std::mutex> lock(mWakeLock);
+        if (nowRate != mAnchorRate) {
+            mAnchor = clock::now();
+            mFramesSinceAnchor = 0;
+            mAnchorRate = nowRate;
+        }
+        mFramesSinceAnchor += frames;
+        const auto due =
+            mAnchor + std::chrono::nanoseconds(mFramesSinceAnchor * 1000000000ull / nowRate);
         mWake.wait_until(lock, due, [this] { return mStop.load(); });
     }
+    std::lock_guard<std::mutex> lock(mWakeLock);
+    mAnchorRate = 0;
+}
+
+uint64_t UsbDriverModel::realTimeBacklog() const {
+    std::lock_guard<std::mutex> lock(mWakeLock);
+    if (!mAnchorRate)
+        return 0;
+    const auto elapsed = std::chrono::duration_cast<std::chrono::nanoseconds>(
+        std::chrono::steady_clock::now() - mAnchor);
+    const uint64_t owed = uint64_t(elapsed.count()) * mAnchorRate / 1000000000ull;
+    return owed > mFramesSinceAnchor ? owed - mFramesSinceAnchor : 0;
 }
 
 uint64_t UsbDriverModel::periodsRun() const {

@@ -184,6 +184,9 @@ public:
     bool realTimeRunning() const;
     // Why the real-time clock stopped on its own (a backend failed); empty if it did not.
     std::string realTimeError() const;
+    // Frames the real-time clock owes: a thawed process finds its device still
+    // running the periods it missed back to back. 0 when on time or not running.
+    uint64_t realTimeBacklog() const;
     uint64_t periodsRun() const;
     uint64_t framesRun() const;
     uint64_t exchangeCalls() const;
@@ -261,10 +264,14 @@ private:
 
     std::thread mThread;
     std::thread::id mThreadId;
-    std::mutex mWakeLock;
+    mutable std::mutex mWakeLock;
     std::condition_variable mWake;
     std::atomic<bool> mStop{false};
     std::atomic<bool> mRunning{false};
+    // The clock's pace, under mWakeLock: frames run since the anchor, at the rate.
+    std::chrono::steady_clock::time_point mAnchor;
+    uint64_t mFramesSinceAnchor = 0;
+    uint32_t mAnchorRate = 0;
     std::string mRealTimeError; // under mLock
 };
 
