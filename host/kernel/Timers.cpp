@@ -195,9 +195,13 @@ bool runNextQueuedLocked(TimerState& s, std::unique_lock<std::mutex>& lock, cons
 void dpcThreadLoop() {
     auto& s = timers();
     std::unique_lock<std::mutex> lock(s.mutex);
-    while (!s.stop)
+    while (!s.stop) {
+        // Outlives the images loaded and unloaded meanwhile, as the timer
+        // thread does: takes on the one loaded now before running its code.
+        hostk::enterDriverThread();
         if (!runNextQueuedLocked(s, lock, nullptr))
             s.dpcWake.wait(lock);
+    }
 }
 
 void stopTimerThread() {
