@@ -39,11 +39,6 @@ void clearTrace() {
     hostk::clearCaptured();
 }
 
-std::string stripThread(const std::string& line) {
-    size_t header = headerLength(line);
-    return header ? "MME: " + line.substr(header) : line;
-}
-
 std::string body(const std::string& line) {
     return line.substr(headerLength(line));
 }

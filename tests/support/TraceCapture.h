@@ -20,8 +20,6 @@ namespace tracecap {
 std::vector<std::string> traceLines();
 void clearTrace();
 
-// "MME: (<thread>) rest" -> "MME: rest"; other lines unchanged.
-std::string stripThread(const std::string& line);
 // "MME: (<thread>) rest" -> "rest"; other lines unchanged.
 std::string body(const std::string& line);
 // body() without its leading blanks.
