@@ -28,62 +28,8 @@
 
 namespace {
 
-// A USB device whose dispatch can hold a call until the test lets it go.
-// It touches the request after the wait, as a real driver completing it.
-struct SlowUsbDevice {
-    SlowUsbDevice() {
-        driver.MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = &dispatch;
-        device = hostk::createDeviceObject(&driver, 1, 0);
-        current() = this;
-    }
-    ~SlowUsbDevice() {
-        current() = nullptr;
-        hostk::deleteDeviceObject(device);
-    }
-
-    static SlowUsbDevice*& current() {
-        static SlowUsbDevice* device = nullptr;
-        return device;
-    }
-
-    static NTSTATUS NTAPI dispatch(PDEVICE_OBJECT, PIRP irp) {
-        SlowUsbDevice* self = current();
-        PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
-        if (stack->Parameters.DeviceIoControl.IoControlCode == self->holdCode) {
-            std::unique_lock<std::mutex> lock(self->mutex);
-            self->entered = true;
-            self->changed.notify_all();
-            self->changed.wait(lock, [&] { return self->released; });
-        }
-        self->calls.fetch_add(1);
-        irp->IoStatus.Status = STATUS_SUCCESS;
-        irp->IoStatus.Information = reinterpret_cast<ULONG_PTR>(irp->UserBuffer);
-        IoCompleteRequest(irp, 0);
-        return STATUS_SUCCESS;
-    }
-
-    void waitEntered() {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&] { return entered; });
-    }
-    void release() {
-        std::lock_guard<std::mutex> lock(mutex);
-        released = true;
-        changed.notify_all();
-    }
-
-    DRIVER_OBJECT driver{};
-    PDEVICE_OBJECT device = nullptr;
-    ULONG holdCode = 0xFFFFFFFF;
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool entered = false;
-    bool released = false;
-    std::atomic<int> calls{0};
-};
-
-// One thread held at a hook until the test lets it go, and what the other
-// side of a race reached meanwhile.
+// One side of a race held at a hook until the test lets it go, and what the
+// other side reached meanwhile.
 struct Gate {
     void arrive(bool* flag) {
         std::unique_lock<std::mutex> lock(mutex);
@@ -107,6 +53,45 @@ struct Gate {
     bool teardownWaits = false; // the teardown waits for it
     bool unregistered = false;  // the teardown went on to USBCall_Unregister
     bool open = false;
+};
+
+// A USB device whose dispatch holds calls of holdCode at its gate; it
+// touches the request after the wait, as a real driver completing it.
+struct SlowUsbDevice {
+    SlowUsbDevice() {
+        driver.MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = &dispatch;
+        device = hostk::createDeviceObject(&driver, 1, 0);
+        current() = this;
+    }
+    ~SlowUsbDevice() {
+        current() = nullptr;
+        hostk::deleteDeviceObject(device);
+    }
+    static SlowUsbDevice*& current() {
+        static SlowUsbDevice* device = nullptr;
+        return device;
+    }
+    static NTSTATUS NTAPI dispatch(PDEVICE_OBJECT, PIRP irp) {
+        SlowUsbDevice* self = current();
+        if (IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.IoControlCode ==
+            self->holdCode)
+            self->gate.arrive(&self->gate.held);
+        self->calls.fetch_add(1);
+        irp->IoStatus.Status = STATUS_SUCCESS;
+        irp->IoStatus.Information = reinterpret_cast<ULONG_PTR>(irp->UserBuffer);
+        IoCompleteRequest(irp, 0);
+        return STATUS_SUCCESS;
+    }
+    void waitEntered() {
+        gate.waitFor([&] { return gate.held; });
+    }
+    void release() { gate.letGo(); }
+
+    DRIVER_OBJECT driver{};
+    PDEVICE_OBJECT device = nullptr;
+    ULONG holdCode = 0xFFFFFFFF;
+    Gate gate;
+    std::atomic<int> calls{0};
 };
 
 class ConcurrencyAdapter : public ::testing::Test {
