@@ -259,54 +259,34 @@ TEST_F(PortClsHost, RefusalsCarryTheirStatus) {
     CountingSink member;
     PDMACHANNELSLAVE slave = reinterpret_cast<PDMACHANNELSLAVE>(1);
     auto* cyclic = static_cast<IPortWaveCyclic*>(wave);
-    const struct Case {
-        const char* what;
-        NTSTATUS status, expected;
-    } cases[] = {
-        {"a second functional device on one physical device",
-         PcAddAdapterDevice(&mDriver, mPdo, startNothing, 2, 0), STATUS_INVALID_DEVICE_STATE},
-        {"no start routine", PcAddAdapterDevice(&mDriver, mPdo, nullptr, 2, 0),
-         STATUS_INVALID_PARAMETER},
-        {"no AddDevice", PcInitializeAdapterDriver(&mDriver, nullptr, nullptr),
-         STATUS_INVALID_PARAMETER},
-        {"no driver extension", PcInitializeAdapterDriver(&noExtension, nullptr, addNothing),
-         STATUS_INVALID_PARAMETER},
-        {"starting no device", hostpc::startDevice(nullptr), STATUS_INVALID_PARAMETER},
-        {"a port of an unknown class", PcNewPort(&unknownClass, IID_IUnknown),
-         STATUS_NOT_SUPPORTED},
-        {"no place for the port", PcNewPort(nullptr, CLSID_PortTopology), STATUS_INVALID_PARAMETER},
-        {"no place for the group", PcNewServiceGroup(nullptr, nullptr), STATUS_INVALID_PARAMETER},
-        {"a topology port as a wave port", topology->QueryInterface(IID_IPortWaveCyclic, &none),
-         STATUS_INVALID_PARAMETER},
-        {"a second Init", wave->Init(mFdo, &mIrp, &second, &mAdapter, nullptr),
-         STATUS_INVALID_DEVICE_STATE},
-        {"Init without a miniport", bare->Init(mFdo, &mIrp, nullptr, &mAdapter, nullptr),
-         STATUS_INVALID_PARAMETER},
-        {"registering a port before Init", PcRegisterSubdevice(mFdo, waveName, bare),
-         STATUS_INVALID_DEVICE_STATE},
-        {"registering what is not a port", PcRegisterSubdevice(mFdo, waveName, &mAdapter),
-         STATUS_INVALID_PARAMETER},
-        {"registering without a name", PcRegisterSubdevice(mFdo, nullptr, wave),
-         STATUS_INVALID_PARAMETER},
-        {"registering", PcRegisterSubdevice(mFdo, waveName, wave), STATUS_SUCCESS},
-        {"a name taken", PcRegisterSubdevice(mFdo, waveName, again), STATUS_INVALID_PARAMETER},
-        {"registering a second", PcRegisterSubdevice(mFdo, topologyName, topology), STATUS_SUCCESS},
-        {"beyond MaxObjects", PcRegisterSubdevice(mFdo, thirdName, third),
-         STATUS_INSUFFICIENT_RESOURCES},
-        {"a pin beyond the descriptor", PcRegisterPhysicalConnection(mFdo, wave, 4, topology, 0),
-         STATUS_INVALID_PARAMETER},
-        {"connecting what is not a port", PcRegisterPhysicalConnection(mFdo, wave, 3, &mAdapter, 0),
-         STATUS_INVALID_PARAMETER},
-        {"connecting no port", PcRegisterPhysicalConnection(mFdo, nullptr, 3, topology, 0),
-         STATUS_INVALID_PARAMETER},
-        {"a member", group->AddMember(&member), STATUS_SUCCESS},
-        {"a member twice", group->AddMember(&member), STATUS_INVALID_PARAMETER},
-        {"a slave DMA channel from the port",
-         cyclic->NewSlaveDmaChannel(&slave, nullptr, nullptr, 0, 0, FALSE, 0),
-         STATUS_NOT_IMPLEMENTED},
-    };
-    for (const Case& c : cases)
-        EXPECT_EQ(c.status, c.expected) << c.what;
+    // A second functional device on one physical device.
+    EXPECT_EQ(PcAddAdapterDevice(&mDriver, mPdo, startNothing, 2, 0), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(PcAddAdapterDevice(&mDriver, mPdo, nullptr, 2, 0), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcInitializeAdapterDriver(&mDriver, nullptr, nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcInitializeAdapterDriver(&noExtension, nullptr, addNothing),
+              STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(hostpc::startDevice(nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcNewPort(&unknownClass, IID_IUnknown), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(PcNewPort(nullptr, CLSID_PortTopology), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcNewServiceGroup(nullptr, nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(topology->QueryInterface(IID_IPortWaveCyclic, &none), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(wave->Init(mFdo, &mIrp, &second, &mAdapter, nullptr), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(bare->Init(mFdo, &mIrp, nullptr, &mAdapter, nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcRegisterSubdevice(mFdo, waveName, bare), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(PcRegisterSubdevice(mFdo, waveName, &mAdapter), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcRegisterSubdevice(mFdo, nullptr, wave), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcRegisterSubdevice(mFdo, waveName, wave), STATUS_SUCCESS);
+    EXPECT_EQ(PcRegisterSubdevice(mFdo, waveName, again), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcRegisterSubdevice(mFdo, topologyName, topology), STATUS_SUCCESS);
+    EXPECT_EQ(PcRegisterSubdevice(mFdo, thirdName, third), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(PcRegisterPhysicalConnection(mFdo, wave, 4, topology, 0), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcRegisterPhysicalConnection(mFdo, wave, 3, &mAdapter, 0), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcRegisterPhysicalConnection(mFdo, nullptr, 3, topology, 0),
+              STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(group->AddMember(&member), STATUS_SUCCESS);
+    EXPECT_EQ(group->AddMember(&member), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(cyclic->NewSlaveDmaChannel(&slave, nullptr, nullptr, 0, 0, FALSE, 0),
+              STATUS_NOT_IMPLEMENTED);
     EXPECT_EQ(unknownClass, nullptr);
     EXPECT_EQ(none, nullptr);
     EXPECT_EQ(slave, nullptr);

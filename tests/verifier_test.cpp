@@ -7,6 +7,7 @@
 // level; no allocation and no blocking wait inside the period callback;
 // every reference returned by the end of removal.
 #include "support/AdapterHarness.h"
+#include "support/E2eRig.h"
 
 #include "host/portcls/KsClient.h"
 
@@ -193,10 +194,9 @@ TEST(VerifierRules, ReferencesNotReturnedByRemovalAreCaught) {
 // Wraps the driver's period entry in the link record: notes the IRQL it is
 // called at and the pool allocations made inside it.
 struct PeriodProbe {
-    static MMEExchangeDataCallback driverEntry;
-    static std::atomic<unsigned> calls;
-    static std::atomic<unsigned> notAtDispatch;
-    static std::atomic<size_t> allocations;
+    static inline MMEExchangeDataCallback driverEntry = nullptr;
+    static inline std::atomic<unsigned> calls{0}, notAtDispatch{0};
+    static inline std::atomic<size_t> allocations{0};
 
     static void NTAPI entry(PVOID context, MMEAdapterInfo* info) {
         if (KeGetCurrentIrql() != DISPATCH_LEVEL)
@@ -207,15 +207,11 @@ struct PeriodProbe {
         ++calls;
     }
 };
-MMEExchangeDataCallback PeriodProbe::driverEntry = nullptr;
-std::atomic<unsigned> PeriodProbe::calls{0};
-std::atomic<unsigned> PeriodProbe::notAtDispatch{0};
-std::atomic<size_t> PeriodProbe::allocations{0};
 
 TEST(VerifierDriverPaths, AWholeDeviceLifeRunsWithoutAViolation) {
-    adaptertest::DriverHarness device;
-    ASSERT_EQ(device.startStatus, STATUS_SUCCESS);
-    usbsim::UsbDriverModel& usb = device.model;
+    e2e::Rig rig;
+    ASSERT_TRUE(rig.started());
+    usbsim::UsbDriverModel& usb = rig.model();
     PDEVICE_OBJECT pdo = usb.pdo();
     EXPECT_EQ(pdo->ReferenceCount, 1) << "the adapter holds the USB driver's device object";
 
@@ -225,12 +221,9 @@ TEST(VerifierDriverPaths, AWholeDeviceLifeRunsWithoutAViolation) {
     PeriodProbe::calls = 0;
     link.mpfnExchangeData = &PeriodProbe::entry;
 
-    auto filter = std::make_unique<hostpc::WaveFilter>(hostpc::subdevice(device.fdo(), u"Wave"));
-    std::unique_ptr<hostpc::KsStream> capture, render;
-    ASSERT_EQ(filter->open(hostpc::kWaveCapturePin, hostpc::pcmFormat(48000, 2, 24), {}, &capture),
-              STATUS_SUCCESS);
-    ASSERT_EQ(filter->open(hostpc::kWaveRenderPin, hostpc::pcmFormat(48000, 2, 16), {}, &render),
-              STATUS_SUCCESS);
+    auto capture = rig.open(true, 48000, 2, 24);
+    auto render = rig.open(false, 48000, 2, 16);
+    ASSERT_TRUE(capture && render);
     std::vector<unsigned char> audio(4 * 48000, 0x21);
     render->write(audio.data(), 48000);
     ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
@@ -260,7 +253,7 @@ TEST(VerifierDriverPaths, AWholeDeviceLifeRunsWithoutAViolation) {
             timedStartAtDispatch = call.irql == DISPATCH_LEVEL;
     EXPECT_TRUE(timedStartAtDispatch);
     EXPECT_TRUE(usb.mmeAttached());
-    if (MMEAdapter* adapter = device.adapter()) {
+    if (MMEAdapter* adapter = rig.adapter()) {
         EXPECT_TRUE(adapter->isAttached());
     }
     EXPECT_TRUE(hostk::verifierFailures().empty()) << joined(hostk::verifierFailures());
@@ -268,18 +261,18 @@ TEST(VerifierDriverPaths, AWholeDeviceLifeRunsWithoutAViolation) {
     // The USB driver forbids further calls from inside a period.
     usb.defer([&] { usb.preventFurtherCalls(); });
     usb.runPeriods(2);
-    if (MMEAdapter* adapter = device.adapter()) {
+    if (MMEAdapter* adapter = rig.adapter()) {
         EXPECT_EQ(adapter->callIrp(), nullptr);
     }
     EXPECT_EQ(hostk::liveIrps(), 0u);
 
     // Removal with both streams running gives everything back.
-    device.remove();
+    rig.harness.remove();
     EXPECT_TRUE(capture->removed());
     EXPECT_TRUE(render->removed());
     capture.reset();
     render.reset();
-    filter.reset();
+    rig.filter.reset();
     EXPECT_EQ(pdo->ReferenceCount, 0);
     EXPECT_EQ(hostpc::liveObjects(), 0u);
     EXPECT_EQ(hostk::liveIrps(), 0u);
