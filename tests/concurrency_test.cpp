@@ -560,7 +560,7 @@ TEST(WaveConcurrency, NewStreamAndFinalReleaseRace) {
 }
 
 constexpr ULONG kPeriod = 256;
-constexpr ULONG kPeriods = 20000; // at least, each an onInput and an onOutput
+constexpr ULONG kPeriods = 5000;  // at least, each an onInput and an onOutput
 constexpr unsigned kCycles = 300; // at least, of the control thread
 constexpr unsigned char kPattern = 0x11;
 
@@ -571,7 +571,7 @@ std::unique_ptr<AudioSM> makeRing(ULONG channels, ULONG frames) {
     return ring;
 }
 
-// One thread runs tens of thousands of periods at dispatch level while the
+// One thread runs thousands of periods at dispatch level while the
 // other reshapes both channels, frees their buffers, detaches them, reopens
 // the streams and copies into the cyclic buffer as the port does.
 TEST(ConcurrencyDma, PeriodsRunSafelyWhileChannelsAreReshapedFreedAndDetached) {
