@@ -1,7 +1,8 @@
-// The driver's trace output, line by line through the in-memory sink: every
-// FunctionTrace and TraceLine form, the indentation of nested operations,
-// silent traces, depth bookkeeping on every return path, the cap on deep
-// nesting and the thread part of the prefix (other threads: concurrency_trace_test).
+// The driver's trace output, line by line: every FunctionTrace and TraceLine
+// form, the indentation of nested operations, silent traces, depth on every
+// return path, the cap on deep nesting, and several threads tracing at once:
+// lines whole, each with its own thread part and in its thread's order, the
+// depth shared between them.
 #include "driver/common/MMEAdapterInfo.h"
 #include "driver/common/Trace.h"
 #include "host/kernel/HostKernel.h"
@@ -10,8 +11,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
+#include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -215,30 +219,102 @@ TEST(TraceLineForms, EveryFormPrintsItsGoldenLine) {
                             }));
 }
 
-TEST(TraceCaptureHelpers, SplitLinesIntoTheirParts) {
+// ---- Several threads at once (under ThreadSanitizer too) ----
+
+// Spins until all parties have arrived, so that their tracing overlaps.
+void arriveAndWait(std::atomic<int>& arrived, int parties) {
+    ++arrived;
+    while (arrived < parties)
+        std::this_thread::yield();
+}
+
+void tracedWork(int thread, int iteration) {
+    FunctionTrace outer("worker", ULONG(thread));
+    outer.num("iteration", thread, iteration);
     {
-        FunctionTrace trace("op", ULONG(1));
-        trace.num("count", 2);
-        trace.num("count", 3);
+        FunctionTrace inner("inner", ULONG(iteration));
+        inner.hex("value", ULONG(thread * 1000 + iteration));
     }
-    DbgPrint("no prefix here\n");
-    EXPECT_EQ(tracecap::countLines("count 2"), 1u);
-    EXPECT_EQ(tracecap::countLinesStartingWith("count"), 2u);
-    EXPECT_TRUE(tracecap::containsLine("- op"));
-    EXPECT_FALSE(tracecap::containsLine("count"));
-    EXPECT_EQ(tracecap::findLine("count 3"), 2);
-    EXPECT_EQ(tracecap::findLine("count 2", 2), -1);
-    auto lines = traceLines();
-    EXPECT_EQ(tracecap::stripThread(lines[1]), "MME:   count 2");
-    EXPECT_EQ(tracecap::body(lines[1]), "  count 2");
-    EXPECT_EQ(tracecap::indentOf(lines[1]), 2u);
-    EXPECT_EQ(tracecap::threadOf(lines[4]), "");
-    EXPECT_EQ(tracecap::message(lines[4]), "no prefix here");
-    EXPECT_EQ(tracecap::traceMessages(),
-              (std::vector<std::string>{"+ op 0x00000001", "count 2", "count 3", "- op",
-                                        "no prefix here"}));
-    tracecap::clearTrace();
-    EXPECT_TRUE(traceLines().empty());
+    TraceLine("single", thread, iteration);
+}
+
+std::vector<std::string> expectedMessages(int thread, int iterations) {
+    auto hex = [](int v) {
+        char text[16];
+        std::snprintf(text, sizeof text, "0x%08X", unsigned(v));
+        return std::string(text);
+    };
+    std::vector<std::string> messages;
+    for (int i = 0; i < iterations; ++i) {
+        const std::string pair = std::to_string(thread) + " " + std::to_string(i);
+        for (std::string m : {"+ worker " + hex(thread), "iteration " + pair, "+ inner " + hex(i),
+                              "value " + hex(thread * 1000 + i), std::string("- inner"),
+                              "single " + pair, std::string("- worker")})
+            messages.push_back(m);
+    }
+    return messages;
+}
+
+TEST(TraceConcurrency, ThreadsTracingAtOnceKeepLinesWholeAndInOrder) {
+    constexpr int kThreads = 6;
+    constexpr int kIterations = 150;
+    std::atomic<int> arrived{0};
+    std::vector<std::string> ids(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            ids[t] = tracecap::kernelPointer(KeGetCurrentThread());
+            arriveAndWait(arrived, kThreads);
+            for (int i = 0; i < kIterations; ++i)
+                tracedWork(t, i);
+        });
+    for (auto& thread : threads)
+        thread.join();
+
+    EXPECT_EQ(TraceDepth(), 0);
+    std::map<std::string, int> threadOfId;
+    for (int t = 0; t < kThreads; ++t)
+        threadOfId[ids[t]] = t;
+    ASSERT_EQ(threadOfId.size(), size_t(kThreads)) << "distinct thread objects";
+    EXPECT_EQ(threadOfId.count(tracecap::kernelPointer(KeGetCurrentThread())), 0u);
+
+    std::vector<std::vector<std::string>> perThread(kThreads);
+    for (const auto& line : tracecap::traceLines()) {
+        auto owner = threadOfId.find(tracecap::threadOf(line));
+        ASSERT_NE(owner, threadOfId.end()) << "thread part of another thread: " << line;
+        const size_t indent = tracecap::indentOf(line);
+        ASSERT_EQ(indent % 2, 0u) << line;
+        ASSERT_LE(indent, size_t(2 * MME_TRACE_MAX_INDENT_LEVELS)) << line;
+        const std::string message = tracecap::message(line);
+        if (message.compare(0, 7, "single ") == 0) {
+            ASSERT_EQ(indent, 0u) << "single lines are never indented: " << line;
+        }
+        perThread[owner->second].push_back(message);
+    }
+    for (int t = 0; t < kThreads; ++t)
+        EXPECT_EQ(perThread[t], expectedMessages(t, kIterations)) << "thread " << t;
+}
+
+TEST(TraceConcurrency, DepthIsSharedSoOtherThreadsLinesShowIt) {
+    std::atomic<int> stage{0};
+    std::thread holder([&] {
+        FunctionTrace open("holder", ULONG(1));
+        stage = 1;
+        while (stage != 2)
+            std::this_thread::yield();
+    });
+    while (stage != 1)
+        std::this_thread::yield();
+    {
+        FunctionTrace mine("mine", ULONG(2));
+        mine.text("value");
+    }
+    stage = 2;
+    holder.join();
+    EXPECT_EQ(TraceDepth(), 0);
+    EXPECT_EQ(tracecap::traceBodies(),
+              (std::vector<std::string>{"+ holder 0x00000001", "  + mine 0x00000002", "    value",
+                                        "  - mine", "- holder"}));
 }
 
 } // namespace

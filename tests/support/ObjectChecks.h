@@ -1,13 +1,4 @@
-// Checks shared by the driver's object tests (header only):
-//
-//   checks::expectInterfaces(obj, self, {&IID_IUnknown, ...}, {&IID_IPort, ...});
-//       every accepted id answers `self` with one more reference, every
-//       refused id answers null and STATUS_INVALID_PARAMETER and keeps the count;
-//   checks::expectAssert("Object", "MMEAdapter", 148);
-//       exactly one assertion report, with that expression (file and line when
-//       given); the report is cleared so the test can end clean;
-//   checks::expectLines({"line one", "line two"});
-//       every text is a captured trace message.
+// Checks shared by the driver's object tests (header only).
 #pragma once
 
 #include "host/kernel/HostKernel.h"
@@ -25,6 +16,8 @@ inline LONG refs(IUnknown* object) {
     return (LONG)object->Release();
 }
 
+// Every accepted id answers `self` with one more reference; every refused id
+// answers null and STATUS_INVALID_PARAMETER and keeps the count.
 inline void expectInterfaces(IUnknown* object, PVOID self,
                              std::initializer_list<const GUID*> accepted,
                              std::initializer_list<const GUID*> refused) {
@@ -45,6 +38,8 @@ inline void expectInterfaces(IUnknown* object, PVOID self,
     }
 }
 
+// Exactly one assertion report, with that expression (file and line when
+// given); cleared, so the test can end clean.
 inline void expectAssert(const std::string& expression, const char* file = nullptr,
                          unsigned line = 0) {
     auto reports = hostk::assertReports();
@@ -59,6 +54,7 @@ inline void expectAssert(const std::string& expression, const char* file = nullp
     hostk::clearAssertReports();
 }
 
+// Every text is a captured trace message.
 inline void expectLines(std::initializer_list<std::string> lines) {
     for (const std::string& line : lines)
         EXPECT_TRUE(tracecap::containsLine(line)) << line << "\n" << tracecap::dumpTrace();

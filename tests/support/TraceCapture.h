@@ -1,54 +1,114 @@
-// Reading the driver's trace in tests. The host kernel captures the debug
-// output line by line during every test (see host/kernel/HostKernel.h);
-// these helpers split a captured line into its parts:
+// Reading the driver's trace in tests (header only). The host kernel captures
+// the debug output line by line during every test; these split a line:
 //
 //   "MME: (00007F3A1C2B4E80)     + MMEAdapter::start 0x0000561D2C3A9F10"
 //    ^ prefix  ^ thread part    ^ indentation, then the message
 //
-// "body" = everything after "MME: (<thread>) " (indentation kept);
-// "message" = the body without its leading blanks. Lines printed without the
-// "MME: (" prefix are their own body and message.
+// body = everything after "MME: (<thread>) ", indentation kept; message = the
+// body without its leading blanks. A line without the prefix is its own body.
 #pragma once
 
+#include "host/kernel/HostKernel.h"
+
 #include <cstddef>
+#include <cstdio>
 #include <string>
 #include <vector>
 
 namespace tracecap {
 
-// Every captured line, prefix and thread part intact.
-std::vector<std::string> traceLines();
-void clearTrace();
+// Length of "MME: (<16 upper-case hex digits>) " when line starts with it, else 0.
+inline size_t headerLength(const std::string& line) {
+    const size_t open = 6, close = open + 16;
+    if (line.compare(0, open, "MME: (") != 0 || line.size() < close + 2 || line[close] != ')' ||
+        line[close + 1] != ' ')
+        return 0;
+    for (size_t i = open; i < close; ++i)
+        if (!((line[i] >= '0' && line[i] <= '9') || (line[i] >= 'A' && line[i] <= 'F')))
+            return 0;
+    return close + 2;
+}
 
-// "MME: (<thread>) rest" -> "MME: rest"; other lines unchanged.
-std::string stripThread(const std::string& line);
-// "MME: (<thread>) rest" -> "rest"; other lines unchanged.
-std::string body(const std::string& line);
-// body() without its leading blanks.
-std::string message(const std::string& line);
-// The 16 hex digits of the thread part, or "" when the line has none.
-std::string threadOf(const std::string& line);
+inline std::vector<std::string> traceLines() {
+    return hostk::capturedLines();
+}
+inline void clearTrace() {
+    hostk::clearCaptured();
+}
+inline std::string body(const std::string& line) {
+    return line.substr(headerLength(line));
+}
 // Number of blanks the body starts with (two per nesting level).
-size_t indentOf(const std::string& line);
+inline size_t indentOf(const std::string& line) {
+    const std::string b = body(line);
+    const size_t first = b.find_first_not_of(' ');
+    return first == std::string::npos ? b.size() : first;
+}
+inline std::string message(const std::string& line) {
+    return body(line).substr(indentOf(line));
+}
+// The 16 hex digits of the thread part, or "" when the line has none.
+inline std::string threadOf(const std::string& line) {
+    return headerLength(line) ? line.substr(6, 16) : std::string();
+}
 
-// Bodies / messages of every captured line, in order.
-std::vector<std::string> traceBodies();
-std::vector<std::string> traceMessages();
+inline std::vector<std::string> traceBodies() {
+    std::vector<std::string> out;
+    for (const auto& line : traceLines())
+        out.push_back(body(line));
+    return out;
+}
+inline std::vector<std::string> traceMessages() {
+    std::vector<std::string> out;
+    for (const auto& line : traceLines())
+        out.push_back(message(line));
+    return out;
+}
 
-// Captured lines whose message is exactly text.
-size_t countLines(const std::string& text);
-bool containsLine(const std::string& text);
-// Captured lines whose message starts with prefix.
-size_t countLinesStartingWith(const std::string& prefix);
-bool containsLineStartingWith(const std::string& prefix);
+// Captured lines whose message is exactly text / starts with prefix.
+inline size_t countLines(const std::string& text) {
+    size_t n = 0;
+    for (const auto& m : traceMessages())
+        n += m == text;
+    return n;
+}
+inline bool containsLine(const std::string& text) {
+    return countLines(text) != 0;
+}
+inline size_t countLinesStartingWith(const std::string& prefix) {
+    size_t n = 0;
+    for (const auto& m : traceMessages())
+        n += m.compare(0, prefix.size(), prefix) == 0;
+    return n;
+}
+inline bool containsLineStartingWith(const std::string& prefix) {
+    return countLinesStartingWith(prefix) != 0;
+}
 // Position of the first message equal to text at or after from; -1 if none.
-long findLine(const std::string& text, size_t from = 0);
+inline long findLine(const std::string& text, size_t from = 0) {
+    const std::vector<std::string> messages = traceMessages();
+    for (size_t i = from; i < messages.size(); ++i)
+        if (messages[i] == text)
+            return (long)i;
+    return -1;
+}
 
 // A pointer as the kernel's %p prints it: 16 upper-case hex digits.
-std::string kernelPointer(const void* p);
+inline std::string kernelPointer(const void* p) {
+    char buffer[32];
+    std::snprintf(buffer, sizeof buffer, "%016llX", (unsigned long long)(uintptr_t)p);
+    return buffer;
+}
 // "MME: (<current thread>) ", the prefix of lines this thread prints.
-std::string threadPrefix();
+inline std::string threadPrefix() {
+    return "MME: (" + kernelPointer(KeGetCurrentThread()) + ") ";
+}
 // All captured lines, one per line, for failure messages.
-std::string dumpTrace();
+inline std::string dumpTrace() {
+    std::string text;
+    for (const auto& line : traceLines())
+        text += line + "\n";
+    return text;
+}
 
 } // namespace tracecap

@@ -1,0 +1,678 @@
+// The driver across threads, each race forced or provoked once (the tsan
+// preset runs these under ThreadSanitizer, the asan preset for use after
+// free): the adapter's USB call, timer and notifications against its
+// destruction; the whole stack with the model's real-time clock running
+// periods while clients open, run, reformat and close streams and the
+// device goes; stream slots taken from two threads; and the period transfer
+// while the port's side reshapes and frees the channels.
+#include "host/kernel/HostKernel.h"
+#include "support/AdapterHarness.h"
+#include "support/E2eRig.h"
+#include "support/StreamingRig.h"
+#include "support/TraceCapture.h"
+#include "support/WaveRig.h"
+
+#include "driver/wave/MMEWaveStream.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// One side of a race held at a hook until the test lets it go, and what the
+// other side reached meanwhile.
+struct Gate {
+    void arrive(bool* flag) {
+        std::unique_lock<std::mutex> lock(mutex);
+        *flag = true;
+        changed.notify_all();
+        if (flag == &held)
+            changed.wait(lock, [&] { return open; });
+    }
+    template <class Pred> void waitFor(Pred pred) {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait(lock, pred);
+    }
+    void letGo() {
+        std::lock_guard<std::mutex> lock(mutex);
+        open = true;
+        changed.notify_all();
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool held = false;          // the first side sits at its hook
+    bool teardownWaits = false; // the teardown waits for it
+    bool unregistered = false;  // the teardown went on to USBCall_Unregister
+    bool open = false;
+};
+
+// A USB device whose dispatch holds calls of holdCode at its gate; it
+// touches the request after the wait, as a real driver completing it.
+struct SlowUsbDevice {
+    SlowUsbDevice() {
+        driver.MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = &dispatch;
+        device = hostk::createDeviceObject(&driver, 1, 0);
+        current() = this;
+    }
+    ~SlowUsbDevice() {
+        current() = nullptr;
+        hostk::deleteDeviceObject(device);
+    }
+    static SlowUsbDevice*& current() {
+        static SlowUsbDevice* device = nullptr;
+        return device;
+    }
+    static NTSTATUS NTAPI dispatch(PDEVICE_OBJECT, PIRP irp) {
+        SlowUsbDevice* self = current();
+        if (IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.IoControlCode ==
+            self->holdCode)
+            self->gate.arrive(&self->gate.held);
+        self->calls.fetch_add(1);
+        irp->IoStatus.Status = STATUS_SUCCESS;
+        irp->IoStatus.Information = reinterpret_cast<ULONG_PTR>(irp->UserBuffer);
+        IoCompleteRequest(irp, 0);
+        return STATUS_SUCCESS;
+    }
+    void waitEntered() {
+        gate.waitFor([&] { return gate.held; });
+    }
+    void release() { gate.letGo(); }
+
+    DRIVER_OBJECT driver{};
+    PDEVICE_OBJECT device = nullptr;
+    ULONG holdCode = 0xFFFFFFFF;
+    Gate gate;
+    std::atomic<int> calls{0};
+};
+
+class ConcurrencyAdapter : public ::testing::Test {
+protected:
+    void SetUp() override {
+        hostpc::resetForTest();
+        // No subdevices: the tests need the adapter's request and channels only.
+        hostpc::fail(hostpc::Op::NewPortTopology, STATUS_UNSUCCESSFUL);
+        fdo = hostk::createDeviceObject(nullptr, 2, 0);
+    }
+    void TearDown() override {
+        hostk::useVirtualTime(true);
+        hostk::deleteDeviceObject(fdo);
+        hostpc::resetForTest();
+    }
+
+    // A started adapter on usb, holding the caller's reference.
+    MMEAdapter* startedAdapter(PDEVICE_OBJECT usb) {
+        MMEAdapter* adapter = MMEAdapter::create(fdo, usb);
+        IRP start{};
+        adapter->start(&start);
+        return adapter;
+    }
+
+    PDEVICE_OBJECT fdo = nullptr;
+};
+
+TEST_F(ConcurrencyAdapter, PreventFurtherCallsWaitsForTheCallOnAnotherThread) {
+    SlowUsbDevice usb;
+    MMEAdapter* adapter = startedAdapter(usb.device);
+    ASSERT_NE(adapter->callIrp(), nullptr);
+    usb.holdCode = USBCall_Attach;
+
+    std::atomic<bool> result{false};
+    std::thread caller([&] { result = adapter->callUSBDriver(USBCall_Attach); });
+    usb.waitEntered();
+
+    // From another thread while the call is in the USB driver: must neither
+    // wait nor free the request under the call.
+    std::thread notifier(
+        [&] { MMEAdapter::notifyEntry(adapter, MMENotify_PreventFurtherDriverCalls, 0); });
+    notifier.join();
+    EXPECT_EQ(hostk::liveIrps(), 1u);
+    EXPECT_NE(adapter->callIrp(), nullptr);
+
+    usb.release();
+    caller.join();
+    EXPECT_TRUE(result.load());
+    EXPECT_EQ(adapter->callIrp(), nullptr); // freed when the call ended
+    EXPECT_EQ(hostk::liveIrps(), 0u);
+    EXPECT_FALSE(adapter->callUSBDriver(USBCall_Attach));
+    int sent = usb.calls.load();
+    adapter->Release(); // Unregister cannot be sent any more
+    EXPECT_EQ(usb.calls.load(), sent);
+}
+
+TEST_F(ConcurrencyAdapter, PreventFurtherCallsRacingCallsFreesTheRequestOnce) {
+    SlowUsbDevice usb;
+    std::mt19937 random(7);
+    for (int round = 0; round < 60; ++round) {
+        MMEAdapter* adapter = startedAdapter(usb.device);
+        std::atomic<bool> go{false};
+        std::atomic<int> accepted{0};
+        std::thread callers[2];
+        for (auto& caller : callers) {
+            caller = std::thread([&] {
+                while (!go.load()) {
+                }
+                // Calls go through until the request is gone; a call refused
+                // by the guard is retried.
+                for (int i = 0; i < 2000; ++i) {
+                    if (adapter->callUSBDriver(USBCall_Attach))
+                        accepted.fetch_add(1);
+                    else if (!hostk::liveIrps())
+                        break;
+                }
+            });
+        }
+        int delay = (int)(random() % 200);
+        go = true;
+        for (volatile int spin = 0; spin < delay * 50; ++spin) {
+        }
+        MMEAdapter::notifyEntry(adapter, MMENotify_PreventFurtherDriverCalls, 0);
+        for (auto& caller : callers)
+            caller.join();
+        EXPECT_EQ(adapter->callIrp(), nullptr) << round;
+        EXPECT_EQ(hostk::liveIrps(), 0u) << round;
+        adapter->Release();
+        ASSERT_TRUE(hostk::verifierFailures().empty()) << round;
+        tracecap::clearTrace();
+    }
+}
+
+// The attach timer's routine held inside its USB call (on the thread that
+// fires it) while the adapter's last reference goes: the destruction must
+// not get past the timer's teardown until the routine is done with it.
+TEST_F(ConcurrencyAdapter, AttachTimerFiringAgainstDestruction) {
+    SlowUsbDevice usb;
+    MMEAdapter* adapter = startedAdapter(usb.device);
+    usb.holdCode = USBCall_TimedStart;
+    adapter->setWaveRunning(true); // so the routine goes on to call the USB driver
+    adapter->attachTimer()->set(1);
+    std::thread firer([] { hostk::advanceTime(10 * 10000); });
+    usb.waitEntered();
+
+    std::atomic<int> cancels{0};
+    hostk::setTimerObserver([&](PKTIMER, bool setting) {
+        if (!setting)
+            ++cancels;
+    });
+    std::atomic<bool> gone{false};
+    std::thread removal([&] {
+        adapter->Release();
+        gone = true;
+    });
+    // The adapter cancels, then the timer's destructor cancels and flushes.
+    while (cancels.load() < 2)
+        std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(gone.load()) << "the adapter went while its timer routine ran";
+    usb.release();
+    firer.join();
+    removal.join();
+    hostk::setTimerObserver(nullptr);
+    EXPECT_TRUE(tracecap::containsLine("ATTACH TIMER"));
+}
+
+TEST_F(ConcurrencyAdapter, NotificationsAndStateQuestionsFromOtherThreads) {
+    SlowUsbDevice usb;
+    MMEAdapter* adapter = startedAdapter(usb.device);
+    std::atomic<bool> stop{false};
+    std::thread notifier([&] {
+        for (int i = 0; i < 500; ++i) {
+            MMEAdapter::notifyEntry(adapter,
+                                    i % 2 ? MMENotify_OnMMEAttached : MMENotify_OnMMEDetached, 0);
+            MMEAdapter::notifyEntry(adapter, MMENotify_OnAsioDetached, 0);
+            MMEAdapter::notifyEntry(adapter, MMENotify_OnAsioAttached, 0);
+        }
+        stop = true;
+    });
+    LONG answers = 0;
+    size_t asked = 0, odd = 0;
+    while (!stop.load()) {
+        const LONG answer = MMEAdapter::stcEntry(adapter, USBStc_IsMMEAttached, 0);
+        odd += answer != 0 && answer != 1;
+        answers += answer;
+        ++asked;
+        adapter->setWaveRunning(answers % 2 == 0);
+    }
+    notifier.join();
+    EXPECT_EQ(odd, 0u) << "of " << asked << " answers";
+    EXPECT_EQ(MMEAdapter::stcEntry(adapter, USBStc_IsMMEAttached, 0), 1);
+    // Every notification acted on whole: the last ASIO arrival cancelled the
+    // timer that the departures before it armed.
+    EXPECT_EQ(tracecap::countLines("...MME Attached"), 250u);
+    EXPECT_EQ(tracecap::countLines("...MME Detached"), 250u);
+    EXPECT_EQ(tracecap::countLines("MMENotify_OnAsioDetached"), 500u);
+    EXPECT_EQ(hostk::pendingTimers(), 0u);
+    adapter->Release();
+}
+
+// A period callback inside the port's Notify (held at the notify listener)
+// while the device is removed: the wave miniport's teardown must wait for it
+// before it lets go of the port and the service group the callback uses.
+TEST(RemovalRace, PeriodCallbackInNotifyAgainstTheWaveMiniportsTeardown) {
+    hostpc::resetForTest();
+    Gate gate;
+    {
+        e2e::Rig rig;
+        auto render = rig.open(false, 48000, 2, 16);
+        ASSERT_TRUE(render);
+        ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+        rig.model().runPeriods(2);
+        std::atomic<bool> first{true};
+        hostpc::setNotifyListener(rig.filter->port(), [&](PSERVICEGROUP) {
+            if (first.exchange(false))
+                gate.arrive(&gate.held);
+        });
+        hostk::setRundownWaitObserver([&](PEX_RUNDOWN_REF) { gate.arrive(&gate.teardownWaits); });
+        rig.model().setDuringCall([&](ULONG code) {
+            if (code == USBCall_Unregister)
+                gate.arrive(&gate.unregistered);
+        });
+        std::thread period([&] { rig.model().runPeriods(1); });
+        gate.waitFor([&] { return gate.held; });
+        std::thread removal([&] { rig.harness.remove(); });
+        gate.waitFor([&] { return gate.teardownWaits || gate.unregistered; });
+        EXPECT_TRUE(gate.teardownWaits);
+        EXPECT_FALSE(gate.unregistered) << "the port and group went while Notify ran";
+        gate.letGo();
+        period.join();
+        removal.join();
+        EXPECT_TRUE(render->removed());
+        hostk::setRundownWaitObserver(nullptr);
+    }
+    EXPECT_EQ(hostk::checkClean(), "");
+}
+
+// MMENotify_OnAsioDetached arming the attach timer (held in KeSetTimer) while
+// the adapter's last reference goes: the destructor must not free the timer
+// until the notification is done with it.
+TEST_F(ConcurrencyAdapter, AsioNotificationArmingTheTimerAgainstDestruction) {
+    SlowUsbDevice usb;
+    MMEAdapter* adapter = startedAdapter(usb.device);
+    usb.holdCode = USBCall_Unregister;
+    Gate gate;
+    std::atomic<bool> first{true};
+    hostk::setTimerObserver([&](PKTIMER, bool setting) {
+        if (setting && first.exchange(false))
+            gate.arrive(&gate.held);
+    });
+    hostk::setRundownWaitObserver([&](PEX_RUNDOWN_REF) { gate.arrive(&gate.teardownWaits); });
+    std::thread notifier([&] { MMEAdapter::notifyEntry(adapter, MMENotify_OnAsioDetached, 0); });
+    gate.waitFor([&] { return gate.held; });
+    std::thread removal([&] { adapter->Release(); });
+    std::thread unregisterWatch([&] {
+        usb.waitEntered();
+        gate.arrive(&gate.unregistered);
+    });
+    gate.waitFor([&] { return gate.teardownWaits || gate.unregistered; });
+    EXPECT_TRUE(gate.teardownWaits);
+    EXPECT_FALSE(gate.unregistered) << "the timer was freed while being armed";
+    gate.letGo();
+    notifier.join();
+    usb.release();
+    removal.join();
+    unregisterWatch.join();
+    hostk::setTimerObserver(nullptr);
+    hostk::setRundownWaitObserver(nullptr);
+    EXPECT_EQ(hostk::pendingTimers(), 0u) << "the destructor cancels what was armed";
+}
+
+// ---- The whole stack with the clock on a thread of its own ----
+
+using hostpc::KsStream;
+
+struct Shape {
+    ULONG rate;
+    USHORT channels;
+    USHORT bits;
+};
+
+class StackConcurrency : public ::testing::Test {
+protected:
+    void SetUp() override {
+        hostk::setSinkNull(); // thousands of state changes are traced
+        ASSERT_TRUE(rig.started());
+        rig.harness.loader.setServiceMode(hostpc::ServiceMode::Concurrent);
+    }
+    void TearDown() override {
+        rig.model().stopRealTime();
+        EXPECT_EQ(rig.model().realTimeError(), "");
+    }
+
+    std::unique_ptr<KsStream> open(bool capture, const Shape& s, NTSTATUS* status = nullptr) {
+        return rig.open(capture, s.rate, s.channels, s.bits, status);
+    }
+
+    // Runs until the model's clock has run at least `periods` periods.
+    void awaitPeriods(uint64_t periods) {
+        const uint64_t until = rig.model().periodsRun() + periods;
+        while (rig.model().periodsRun() < until && rig.model().realTimeRunning())
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+
+    e2e::Rig rig;
+};
+
+TEST_F(StackConcurrency, PeriodsOnTheClockThreadWhileTheClientReformatsAndCloses) {
+    const Shape shapes[] = {{48000, 2, 16}, {48000, 8, 24}, {96000, 2, 24},
+                            {44100, 4, 16}, {48000, 2, 32}, {96000, 8, 16}};
+    rig.model().startRealTime();
+    std::vector<unsigned char> buffer(8 * 4 * 4096);
+    unsigned opened = 0;
+    for (unsigned cycle = 0; cycle < 24; ++cycle) {
+        const Shape& shape = shapes[cycle % 6];
+        NTSTATUS status = STATUS_SUCCESS;
+        // Render alone may move the rate; capture follows at it.
+        auto render = open(false, shape, &status);
+        auto capture = open(true, {shape.rate, 2, 16}, &status);
+        if (render) {
+            render->write(buffer.data(), buffer.size() / render->blockAlign());
+            render->setState(KSSTATE_RUN);
+            ++opened;
+        }
+        if (capture && capture->setState(KSSTATE_RUN) == STATUS_SUCCESS)
+            ++opened;
+        awaitPeriods(3);
+        if (capture) {
+            capture->read(buffer.data(), buffer.size() / capture->blockAlign());
+            capture->setState(KSSTATE_PAUSE); // the channel keeps moving
+        }
+        awaitPeriods(1);
+        if (cycle % 2)
+            capture.reset(); // closed while running or paused
+        render.reset();
+        capture.reset();
+    }
+    EXPECT_GT(opened, 24u);
+    EXPECT_TRUE(rig.model().realTimeRunning());
+    EXPECT_FALSE(rig.adapter()->isWaveRunning());
+    EXPECT_TRUE(hostk::verifierFailures().empty());
+}
+
+TEST_F(StackConcurrency, TheTwoStreamsChangeStateOnTwoThreadsAtOnce) {
+    auto capture = open(true, {48000, 2, 24});
+    auto render = open(false, {48000, 2, 16});
+    ASSERT_TRUE(capture && render);
+    rig.model().startRealTime();
+
+    std::atomic<bool> go{false};
+    std::atomic<unsigned> refusals{0};
+    auto cycle = [&](KsStream* stream) {
+        while (!go.load())
+            std::this_thread::yield();
+        for (int i = 0; i < 40; ++i) {
+            if (stream->setState(KSSTATE_RUN) != STATUS_SUCCESS)
+                ++refusals;
+            std::this_thread::sleep_for(std::chrono::microseconds(300));
+            stream->setState(i % 3 ? KSSTATE_STOP : KSSTATE_PAUSE);
+        }
+        stream->setState(KSSTATE_STOP);
+    };
+    std::thread a(cycle, capture.get());
+    std::thread b(cycle, render.get());
+    go = true;
+    a.join();
+    b.join();
+
+    // Both at one rate: every start is carried to the hardware or finds it
+    // already there; none is refused.
+    EXPECT_EQ(refusals.load(), 0u);
+    EXPECT_EQ(capture->state(), KSSTATE_STOP);
+    EXPECT_EQ(render->state(), KSSTATE_STOP);
+    EXPECT_FALSE(rig.adapter()->isWaveRunning());
+    EXPECT_FALSE(rig.harness.wave()->captureStream()->isRunning());
+    EXPECT_FALSE(rig.harness.wave()->renderStream()->isRunning());
+
+    // And they still run afterwards.
+    ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    const uint64_t frames = capture->positionFrames();
+    awaitPeriods(4);
+    EXPECT_GT(capture->positionFrames(), frames);
+    EXPECT_TRUE(rig.adapter()->isWaveRunning());
+}
+
+TEST_F(StackConcurrency, OpeningAndClosingBothDirectionsWhileFormatsAreNegotiated) {
+    rig.model().startRealTime();
+    std::atomic<bool> stop{false};
+    std::atomic<unsigned> unexpected{0};
+    // Each direction opened and closed by a thread of its own; a third asks
+    // both pins for formats meanwhile, reading the stream pointers.
+    auto churn = [&](bool capture) {
+        for (int i = 0; i < 40; ++i) {
+            NTSTATUS status = STATUS_SUCCESS;
+            auto stream = open(capture, {48000, 2, 16}, &status);
+            if (!stream) {
+                ++unexpected;
+                continue;
+            }
+            if (i % 2)
+                stream->setState(KSSTATE_RUN);
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+    };
+    std::thread negotiate([&] {
+        const KSDATARANGE_AUDIO wide = hostpc::clientRange(8, 16, 32, 8000, 192000);
+        while (!stop.load()) {
+            for (ULONG pin : {hostpc::kWaveCapturePin, hostpc::kWaveRenderPin}) {
+                std::vector<UCHAR> format;
+                const NTSTATUS status = rig.filter->intersect(pin, wide, &format);
+                if (status != STATUS_SUCCESS && status != STATUS_NO_MATCH)
+                    ++unexpected;
+            }
+        }
+    });
+    std::thread capture(churn, true);
+    std::thread render(churn, false);
+    capture.join();
+    render.join();
+    stop = true;
+    negotiate.join();
+
+    EXPECT_EQ(unexpected.load(), 0u);
+    EXPECT_EQ(rig.harness.wave()->captureStream(), nullptr);
+    EXPECT_EQ(rig.harness.wave()->renderStream(), nullptr);
+    EXPECT_FALSE(rig.adapter()->isWaveRunning());
+}
+
+TEST_F(StackConcurrency, RemovalWhilePeriodsAndBothStreamsRun) {
+    auto capture = open(true, {48000, 2, 24});
+    auto render = open(false, {48000, 2, 16});
+    ASSERT_TRUE(capture && render);
+    std::vector<unsigned char> audio(4 * 48000, 0x33);
+    render->write(audio.data(), 48000);
+    ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    rig.model().startRealTime();
+    awaitPeriods(10);
+    ASSERT_TRUE(rig.adapter()->isAttached());
+
+    // The client keeps reading and writing on its thread while the device goes.
+    std::atomic<bool> stop{false};
+    std::thread client([&] {
+        std::vector<unsigned char> buffer(6 * 4096); // 4096 frames of 2 x 24 bits
+        while (!stop.load()) {
+            capture->read(buffer.data(), 4096);
+            render->write(audio.data(), 1024);
+            std::this_thread::yield();
+        }
+    });
+    rig.filter.reset();
+    rig.harness.remove(); // Unregister stops the clock and waits for a period under way
+    stop = true;
+    client.join();
+
+    EXPECT_FALSE(rig.model().realTimeRunning());
+    EXPECT_EQ(rig.model().link(), nullptr);
+    EXPECT_TRUE(capture->removed());
+    EXPECT_TRUE(render->removed());
+    capture.reset();
+    render.reset();
+    EXPECT_EQ(hostpc::liveObjects(), 0u);
+    EXPECT_EQ(hostk::poolStats().liveBlocks, 0u) << hostk::leakReport();
+}
+
+// ---- Stream slots and the period transfer ----
+
+using streamtest::StreamingRig;
+using wavetest::makeFormat;
+using wavetest::StackRig;
+
+// NewStream and final releases from two threads: one stream at a time gets
+// the slot, and the slot is always given back.
+TEST(WaveConcurrency, NewStreamAndFinalReleaseRace) {
+    StackRig stack;
+    std::vector<UCHAR> format = makeFormat({48000, 2, 16});
+    std::atomic<int> opened{0};
+    std::atomic<int> refused{0};
+    std::atomic<int> other{0};
+    auto worker = [&] {
+        for (int i = 0; i < 200; ++i) {
+            StackRig::Opened o = stack.open(true, format);
+            if (o.status == STATUS_SUCCESS)
+                ++opened;
+            else if (o.status == STATUS_INVALID_DEVICE_REQUEST)
+                ++refused;
+            else
+                ++other;
+            StackRig::close(o);
+        }
+    };
+    hostk::setSinkNull();
+    std::thread a(worker), b(worker);
+    a.join();
+    b.join();
+    hostk::setSinkCapture();
+    EXPECT_EQ(opened + refused, 400);
+    EXPECT_EQ(other, 0);
+    EXPECT_GT(opened, 0);
+    EXPECT_EQ(stack.wave->captureStream(), nullptr);
+    StackRig::Opened last = stack.open(true, format);
+    EXPECT_EQ(last.status, STATUS_SUCCESS);
+    StackRig::close(last);
+}
+
+constexpr ULONG kPeriod = 256;
+constexpr ULONG kPeriods = 5000;  // at least, each an onInput and an onOutput
+constexpr unsigned kCycles = 300; // at least, of the control thread
+constexpr unsigned char kPattern = 0x11;
+
+std::unique_ptr<AudioSM> makeRing(ULONG channels, ULONG frames) {
+    auto ring = std::make_unique<AudioSM>();
+    ring->mChannelsPerFrame = channels;
+    ring->mMaxFrames = frames;
+    return ring;
+}
+
+// One thread runs thousands of periods at dispatch level while the
+// other reshapes both channels, frees their buffers, detaches them, reopens
+// the streams and copies into the cyclic buffer as the port does.
+TEST(ConcurrencyDma, PeriodsRunSafelyWhileChannelsAreReshapedFreedAndDetached) {
+    hostk::setSinkNull(); // the control thread traces thousands of reallocations
+    StreamingRig rig;
+    ASSERT_TRUE(rig.started());
+    rig.setAttachChannels(8, 8);
+    MMEWaveStream* capture = rig.openStream(true, 2, 16);
+    MMEWaveStream* render = rig.openStream(false, 2, 16);
+    ASSERT_NE(capture, nullptr);
+    ASSERT_NE(render, nullptr);
+    MMEDMAEmulator* in = rig.channel(true);
+    MMEDMAEmulator* out = rig.channel(false);
+
+    auto captureRing = makeRing(8, 4096);
+    auto renderRing = makeRing(8, 4096);
+    for (ULONG i = 0; i < 8 * 4096; ++i)
+        captureRing->mSamples[i] = LONG(i * 2654435761u);
+    renderRing->mMMEReadPos = 0;
+
+    std::atomic<bool> stop{false};
+    std::atomic<ULONG> periodsRun{0};
+    std::atomic<unsigned> attachedPeriods{0};
+    std::thread periods([&] {
+        hostk::runAtDispatch([&] {
+            while (!stop.load() || periodsRun.load() < kPeriods) {
+                bool moved = in->onInput(captureRing.get(), renderRing.get(), kPeriod);
+                moved = out->onOutput(renderRing.get(), kPeriod, 1700) || moved;
+                if (moved)
+                    attachedPeriods.fetch_add(1, std::memory_order_relaxed);
+                periodsRun.fetch_add(1);
+            }
+        });
+    });
+
+    // The port's and the stream's side.
+    static const ULONG kShapes[][2] = {{2, 16}, {4, 24}, {8, 32}, {2, 24}, {1, 16}, {6, 32}};
+    std::vector<unsigned char> data(8 * 4096 * 4, kPattern);
+    unsigned cycle = 0;
+    bool reopened = true;
+    while (cycle < kCycles || periodsRun.load() < kPeriods) {
+        const ULONG* shape = kShapes[cycle % 6];
+        MMEWaveStream* streams[2] = {capture, render};
+        MMEDMAEmulator* channels[2] = {in, out};
+        for (int d = 0; d < 2; ++d) {
+            MMEDMAEmulator* channel = channels[d];
+            channel->setStreamFormat(streams[d], shape[0], shape[1], 0);
+            if (!d) {
+                std::vector<unsigned char> sink(channel->BufferSize());
+                channel->CopyFrom(sink.data(), channel->SystemAddress(), channel->BufferSize());
+            } else {
+                channel->CopyTo(channel->SystemAddress(), data.data(), channel->BufferSize());
+            }
+            (void)channel->position();
+            switch (cycle % 4) {
+            case 0:
+                channel->FreeBuffer();
+                break;
+            case 1:
+                channel->setStreamFormat(nullptr, 0, 0, 0);
+                break;
+            case 2:
+                channel->silence(channel->SystemAddress(), channel->BufferSize() / 2);
+                channel->clearBuffer();
+                break;
+            default:
+                channel->resetPosition();
+                break;
+            }
+        }
+        if (cycle % 64 == 63) {
+            // The port lets go of both streams and opens new ones.
+            rig.closeStream(capture);
+            rig.closeStream(render);
+            rig.setAttachChannels(8, 8);
+            capture = rig.openStream(true, 2, 16);
+            render = rig.openStream(false, 2, 16);
+            if (!capture || !render) {
+                reopened = false;
+                break;
+            }
+        }
+        ++cycle;
+        std::this_thread::yield();
+    }
+    stop = true;
+    periods.join();
+    ASSERT_TRUE(reopened) << "the driver refused to open the streams again";
+
+    // Every period moved the rings, whatever state the channels were in.
+    const ULONG run = periodsRun.load();
+    EXPECT_GE(run, kPeriods);
+    EXPECT_EQ(renderRing->mMMEReadPos, run * kPeriod);
+    EXPECT_EQ(renderRing->mWritePos, run * kPeriod);
+    EXPECT_GT(attachedPeriods.load(), 0u);
+    // The render ring holds only silence or the port's pattern in one of the
+    // widths: nothing torn, nothing from a freed or foreign buffer.
+    const std::set<LONG> allowed = {0, 0x00111100, 0x00111111};
+    for (ULONG i = 0; i < 8 * 4096; ++i)
+        ASSERT_TRUE(allowed.count(renderRing->mSamples[i]))
+            << "sample " << i << " = " << std::hex << renderRing->mSamples[i];
+}
+
+} // namespace
