@@ -31,7 +31,8 @@ protected:
         rig = std::make_unique<LightRig>(dev.get());
         EXPECT_EQ(rig->describe(), STATUS_SUCCESS);
     }
-    NTSTATUS validateBytes(const std::vector<UCHAR>& format, bool capture = true, ULONG size = ~0u) {
+    NTSTATUS validateBytes(const std::vector<UCHAR>& format, bool capture = true,
+                           ULONG size = ~0u) {
         std::memset(&result, 0xEE, sizeof(result));
         tracecap::clearTrace();
         return rig->wave->doValidateFormat(reinterpret_cast<const KSDATAFORMAT*>(format.data()),
@@ -65,29 +66,68 @@ TEST_F(Validation, ChannelsResolutionsAndAlignments) {
         const char* line;
         const char* absent;
     } cases[] = {
-        {"at the maximum", {48000, 8, 24, 24}, true, STATUS_SUCCESS, 8,
-         "chan/bits/freq valid 8 24 48000", "pinSupportsSettingEx returned false"},
+        {"at the maximum",
+         {48000, 8, 24, 24},
+         true,
+         STATUS_SUCCESS,
+         8,
+         "chan/bits/freq valid 8 24 48000",
+         "pinSupportsSettingEx returned false"},
         {"render at its maximum", {48000, 2, 16, 4}, false, STATUS_SUCCESS, 2, nullptr, nullptr},
-        {"lower, its own alignment", {48000, 2, 16, 4}, true, STATUS_SUCCESS, 8,
-         "Accept lower channel format ch/bits/align 2 16 4", nullptr},
-        {"lower, the range's alignment", {48000, 2, 16, 16}, true, STATUS_SUCCESS, 8,
+        {"lower, its own alignment",
+         {48000, 2, 16, 4},
+         true,
+         STATUS_SUCCESS,
+         8,
+         "Accept lower channel format ch/bits/align 2 16 4",
+         nullptr},
+        {"lower, the range's alignment",
+         {48000, 2, 16, 16},
+         true,
+         STATUS_SUCCESS,
+         8,
          "pinSupportsSettingEx returned true (less channels)",
          "Accept lower channel format ch/bits/align 2 16 16"},
-        {"one even count below", {48000, 6, 24, 18}, true, STATUS_SUCCESS, 8,
-         "Accept lower channel format ch/bits/align 6 24 18", nullptr},
+        {"one even count below",
+         {48000, 6, 24, 18},
+         true,
+         STATUS_SUCCESS,
+         8,
+         "Accept lower channel format ch/bits/align 6 24 18",
+         nullptr},
         {"one below, odd", {48000, 7, 24, 21}, true, STATUS_NOT_SUPPORTED, kZero, nullptr, nullptr},
         {"one above", {48000, 9, 24, 27}, true, STATUS_NOT_SUPPORTED, kZero, nullptr, nullptr},
         {"two above", {48000, 10, 24, 30}, true, STATUS_NOT_SUPPORTED, kZero, nullptr, nullptr},
-        {"render one even count above", {48000, 4, 16, 8}, false, STATUS_NOT_SUPPORTED, kZero,
-         nullptr, nullptr},
-        {"lower, another alignment", {48000, 2, 16, 8}, true, STATUS_NOT_SUPPORTED, kZero,
-         "nExpectedBlockAlign != pFormat->nBlockAlign 16 8", nullptr},
-        {"at the maximum, another alignment", {48000, 8, 24, 16}, true, STATUS_NOT_SUPPORTED, kZero,
-         nullptr, nullptr},
+        {"render one even count above",
+         {48000, 4, 16, 8},
+         false,
+         STATUS_NOT_SUPPORTED,
+         kZero,
+         nullptr,
+         nullptr},
+        {"lower, another alignment",
+         {48000, 2, 16, 8},
+         true,
+         STATUS_NOT_SUPPORTED,
+         kZero,
+         "nExpectedBlockAlign != pFormat->nBlockAlign 16 8",
+         nullptr},
+        {"at the maximum, another alignment",
+         {48000, 8, 24, 16},
+         true,
+         STATUS_NOT_SUPPORTED,
+         kZero,
+         nullptr,
+         nullptr},
         {"odd count", {48000, 3, 16, 6}, true, STATUS_NOT_SUPPORTED, kZero, nullptr, nullptr},
         {"no channels", {48000, 0, 16, 0}, true, STATUS_NOT_SUPPORTED, kZero, nullptr, nullptr},
         {"another rate", {44100, 2, 16, 4}, true, STATUS_NOT_SUPPORTED, kZero, nullptr, nullptr},
-        {"32 bits outside 16..24", {48000, 2, 32, 8}, true, STATUS_NOT_SUPPORTED, kZero, nullptr,
+        {"32 bits outside 16..24",
+         {48000, 2, 32, 8},
+         true,
+         STATUS_NOT_SUPPORTED,
+         kZero,
+         nullptr,
          nullptr},
         {"8 bits", {48000, 8, 8, 8}, true, STATUS_NOT_SUPPORTED, kZero, nullptr, nullptr},
         {"20 bits", {48000, 8, 20, 20}, true, STATUS_NOT_SUPPORTED, kZero, nullptr, nullptr},
@@ -97,7 +137,8 @@ TEST_F(Validation, ChannelsResolutionsAndAlignments) {
         EXPECT_EQ(validate(c.desc, c.capture), c.status);
         if (c.resultChannels == kZero) {
             EXPECT_TRUE(resultIsZero());
-            EXPECT_TRUE(tracecap::containsLine("pinSupportsSettingEx returned false (less channels)"));
+            EXPECT_TRUE(
+                tracecap::containsLine("pinSupportsSettingEx returned false (less channels)"));
         } else {
             EXPECT_EQ(result.MaximumChannels, c.resultChannels);
         }
@@ -292,8 +333,7 @@ TEST_F(Intersection, RefusalsInTheirOrder) {
         {&client, &notPcm, 0, STATUS_NO_MATCH,
          m + "!IsEqualGUIDAligned(pMyDataRange->SubFormat, KSDATAFORMAT_SUBTYPE_PCM )", kNoLength},
         {&client, &notAudio, 0, STATUS_NO_MATCH,
-         m + "!IsEqualGUIDAligned(pMyDataRange->MajorFormat, KSDATAFORMAT_TYPE_AUDIO )",
-         kNoLength},
+         m + "!IsEqualGUIDAligned(pMyDataRange->MajorFormat, KSDATAFORMAT_TYPE_AUDIO )", kNoLength},
         // The bridge pins' analog range ends at the pin's range.
         {&client, &rig->wave->descriptor()->BridgeDataRange, WAVE_PIN_CAPTURE_BRIDGE,
          STATUS_NO_MATCH, m + "pMyDataRange->FormatSize != sizeof(KSDATARANGE_AUDIO)", kNoLength},
