@@ -78,7 +78,7 @@ TEST(ObjectsConcurrency, ParallelAddRefReleaseKeepsTheCountAndDeletesOnce) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 6; ++t)
         threads.emplace_back([probe] {
-            for (int i = 0; i < 20000; ++i) {
+            for (int i = 0; i < 5000; ++i) {
                 probe->AddRef();
                 probe->Release();
             }
@@ -95,7 +95,7 @@ TEST(ObjectsConcurrency, ParallelAddRefReleaseKeepsTheCountAndDeletesOnce) {
     // sees 0 and deletes, and none reads the count again after its own
     // decrement (the object may be gone; the sanitizers see such a read).
     constexpr int kHolders = 6;
-    for (int round = 0; round < 100; ++round) {
+    for (int round = 0; round < 50; ++round) {
         Counters c;
         Probe* p = new Probe(&c);
         for (int i = 0; i < kHolders; ++i)
