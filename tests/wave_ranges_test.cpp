@@ -504,17 +504,6 @@ TEST(GenericDescriptor, RangeSlotsAndPointersStayInsideTheBlock) {
     EXPECT_TRUE(sameRange(r, clientRange(6, 24, 24, 96000, 96000)));
 }
 
-TEST(GenericDescriptor, SizeTracedAndAllocationFailureGivesNone) {
-    tracecap::clearTrace();
-    hostk::failAllocation(1);
-    EXPECT_EQ(generateDefaultDescriptor(), nullptr);
-    EXPECT_TRUE(tracecap::containsLine("sizeof(PtGenericDescriptor) is " +
-                                       std::to_string(sizeof(PtGenericDescriptor))));
-    EXPECT_TRUE(tracecap::containsLine("+ generateDefaultDescriptor 0x00000000"));
-    EXPECT_TRUE(tracecap::containsLine("- generateDefaultDescriptor"));
-    EXPECT_EQ(hostk::poolStats().liveBlocks, 0u);
-}
-
 TEST(WavePinLookups, StreamingPinsFoundOnlyWithRangesInARecordTheMiniportOwns) {
     LightRig rig; // no device-info record: the streaming pins stay empty
     EXPECT_EQ(rig.wave->getPinDescriptor(0), nullptr);
