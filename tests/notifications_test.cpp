@@ -288,23 +288,4 @@ TEST_F(Exchange, NothingMovesWithoutAttachSharedMemoryRingsOrChannels) {
     EXPECT_EQ(render->mMMEReadPos, 1000u);
 }
 
-TEST_F(Notifications, WithoutAttachTimerTheAsioNoticesOnlyPrint) {
-    PDEVICE_OBJECT fdo = hostk::createDeviceObject(nullptr, 2, 0);
-    hostk::failAllocation(2); // the adapter, then its timer
-    MMEAdapter* bare = MMEAdapter::create(fdo, nullptr);
-    ASSERT_NE(bare, nullptr);
-    EXPECT_EQ(bare->attachTimer(), nullptr);
-    bare->setWaveRunning(true);
-    tracecap::clearTrace();
-    bare->onNotify(MMENotify_OnAsioDetached, 0);
-    bare->onNotify(MMENotify_OnAsioAttached, 0);
-    bare->onNotify(MMENotify_OnAsioDetached, 0);
-    hostk::advanceTime(2000 * kMs);
-    EXPECT_EQ(tracecap::traceBodies(),
-              (std::vector<std::string>{"MMENotify_OnAsioDetached", "MMENotify_OnAsioAttached", "",
-                                        "MMENotify_OnAsioDetached"}));
-    bare->Release();
-    hostk::deleteDeviceObject(fdo);
-}
-
 } // namespace
