@@ -70,6 +70,22 @@ public:
     NTSTATUS startStatus = STATUS_UNSUCCESSFUL;
 };
 
+// An adapter that was never started, on a device object of its own, with no
+// USB device unless one is given.
+struct BareAdapter {
+    explicit BareAdapter(PDEVICE_OBJECT usb = nullptr)
+        : fdo(hostk::createDeviceObject(nullptr, 2, 0)), adapter(MMEAdapter::create(fdo, usb)) {}
+    ~BareAdapter() {
+        if (adapter)
+            adapter->Release();
+        hostk::deleteDeviceObject(fdo);
+    }
+    BareAdapter(const BareAdapter&) = delete;
+    BareAdapter& operator=(const BareAdapter&) = delete;
+    PDEVICE_OBJECT fdo;
+    MMEAdapter* adapter;
+};
+
 // A ChannelConfig from its six fields, in record order.
 inline ChannelConfig config(ULONG fr, ULONG inCH, ULONG outCH, ULONG inRes, ULONG outRes,
                             ULONG word = 0) {

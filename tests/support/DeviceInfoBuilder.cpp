@@ -40,40 +40,22 @@ MMEDeviceAltSetting& DeviceInfoBuilder::addAlt(bool input, uint8_t bits, uint8_t
     return alt;
 }
 
-static void setRates(MMEDeviceAltSetting& alt, std::initializer_list<uint32_t> rates) {
+DeviceInfoBuilder& DeviceInfoBuilder::mode(bool input, uint8_t bits, uint8_t channels,
+                                           std::initializer_list<uint32_t> rates) {
     if (rates.size() > MME_DEVICE_MAX_RATES)
         throw std::length_error("DeviceInfoBuilder: too many rates");
+    MMEDeviceAltSetting& alt = addAlt(input, bits, channels);
     alt.rateKind = MME_RATES_DISCRETE;
     alt.numRates = static_cast<UCHAR>(rates.size());
     unsigned i = 0;
     for (uint32_t r : rates)
         alt.rates[i++] = r;
-}
-
-DeviceInfoBuilder& DeviceInfoBuilder::input(uint8_t bits, uint8_t channels,
-                                            std::initializer_list<uint32_t> rates) {
-    setRates(addAlt(true, bits, channels), rates);
-    return *this;
-}
-
-DeviceInfoBuilder& DeviceInfoBuilder::output(uint8_t bits, uint8_t channels,
-                                             std::initializer_list<uint32_t> rates) {
-    setRates(addAlt(false, bits, channels), rates);
     return *this;
 }
 
 DeviceInfoBuilder& DeviceInfoBuilder::inputRange(uint8_t bits, uint8_t channels, uint32_t lowest,
                                                  uint32_t highest) {
     MMEDeviceAltSetting& alt = addAlt(true, bits, channels);
-    alt.rateKind = 1;
-    alt.lowestRate = lowest;
-    alt.highestRate = highest;
-    return *this;
-}
-
-DeviceInfoBuilder& DeviceInfoBuilder::outputRange(uint8_t bits, uint8_t channels, uint32_t lowest,
-                                                  uint32_t highest) {
-    MMEDeviceAltSetting& alt = addAlt(false, bits, channels);
     alt.rateKind = 1;
     alt.lowestRate = lowest;
     alt.highestRate = highest;

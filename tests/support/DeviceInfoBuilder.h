@@ -1,19 +1,11 @@
 // Builds a device-info record (the USB driver's description of the device's
-// formats) from a compact description, for the wave filter's tests:
-//
-//   DeviceInfoBuilder dev;
-//   dev.ids(0x1234, 0x0001)
-//       .input(24, 2, {48000}).input(24, 8, {48000})   // input interface, 2 alt settings
-//       .output(16, 2, {48000});                      // output interface, 1 alt setting
-//   adapter.linkInfo().mpAPIDeviceInfo = dev.get();
-//
-// Configuration 0 gets one input interface (direction 1, IN endpoint 0x81)
-// and one output interface (direction 0, OUT endpoint 0x01), created on
-// first use; each mode is one alternate setting with one usable endpoint of
-// 512 bytes. lastAlt()/lastInterface() allow odd records to be made by hand.
-//
-// ListGuard installs a table in one of the driver's device lists for its
-// scope: ListGuard guard(STEREO_16BIT_DEVICES, {{0x1111, 0x2222}});
+// formats) for the wave filter's tests:
+//   dev.ids(0x1234, 0x0001).input(24, 2, {48000}).input(24, 8, {48000}).output(16, 2, {48000});
+// Configuration 0 gets one input interface (IN endpoint 0x81) and one output
+// interface (OUT endpoint 0x01) on first use; each mode is one alternate
+// setting with one 512-byte endpoint. lastAlt()/lastInterface() allow odd
+// records by hand. ListGuard installs a table in one of the driver's device
+// lists for its scope: ListGuard guard(STEREO_16BIT_DEVICES, {{0x1111, 0x2222}});
 #pragma once
 
 #include "driver/common/MMEAdapterInfo.h"
@@ -31,15 +23,17 @@ public:
     DeviceInfoBuilder();
 
     DeviceInfoBuilder& ids(uint16_t vendor, uint16_t product, uint16_t third = 0);
-    // Discrete rates.
-    DeviceInfoBuilder& input(uint8_t bits, uint8_t channels, std::initializer_list<uint32_t> rates);
+    // Discrete rates, or a continuous range lowest..highest.
+    DeviceInfoBuilder& input(uint8_t bits, uint8_t channels,
+                             std::initializer_list<uint32_t> rates) {
+        return mode(true, bits, channels, rates);
+    }
     DeviceInfoBuilder& output(uint8_t bits, uint8_t channels,
-                              std::initializer_list<uint32_t> rates);
-    // Continuous range lowest..highest.
+                              std::initializer_list<uint32_t> rates) {
+        return mode(false, bits, channels, rates);
+    }
     DeviceInfoBuilder& inputRange(uint8_t bits, uint8_t channels, uint32_t lowest,
                                   uint32_t highest);
-    DeviceInfoBuilder& outputRange(uint8_t bits, uint8_t channels, uint32_t lowest,
-                                   uint32_t highest);
 
     MMEDeviceAltSetting& lastAlt();
     MMEDeviceInterface& lastInterface();
@@ -48,6 +42,8 @@ public:
 
 private:
     MMEDeviceAltSetting& addAlt(bool input, uint8_t bits, uint8_t channels);
+    DeviceInfoBuilder& mode(bool input, uint8_t bits, uint8_t channels,
+                            std::initializer_list<uint32_t> rates);
 
     std::unique_ptr<MMEDeviceInfo> mInfo;
     int mInputInterface = -1;
