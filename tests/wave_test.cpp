@@ -362,7 +362,10 @@ TEST_F(Wave, NormalizePhysicalPosition) {
     } cases[] = {{{48000, 2, 16}, 44100, 176400, 10000000, STATUS_SUCCESS},
                  {{48000, 2, 16}, 44100, -176400, -10000000, STATUS_SUCCESS},
                  // No overflow of the intermediate product: a billion seconds.
-                 {{48000, 2, 16}, 44100, 44100LL * 4 * 1000000000LL, 10000000LL * 1000000000LL,
+                 {{48000, 2, 16},
+                  44100,
+                  44100LL * 4 * 1000000000LL,
+                  10000000LL * 1000000000LL,
                   STATUS_SUCCESS},
                  {{48000, 2, 16}, 0, 1000, 0, STATUS_INVALID_DEVICE_STATE},
                  {{48000, 2, 24}, 48000, 288000, 9999996, STATUS_SUCCESS}, // quotient truncated
@@ -412,7 +415,7 @@ TEST_F(Wave, StreamInterfacesPositionAndSilence) {
 }
 
 TEST_F(Wave, RunCarriesTheFormatOnceAndNoChangeWhileRunning) {
-    MMEWaveStream* s = open(false, {44100, 2, 16});           // the hardware runs at 48000 Hz
+    MMEWaveStream* s = open(false, {44100, 2, 16}); // the hardware runs at 48000 Hz
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(stack.usb.callCount(USBCall_ChangeConfig), 0u); // Init only records it
     EXPECT_FALSE(s->setFormatCalled());
