@@ -102,8 +102,7 @@ TEST(Directions, IntersectionOffersOnlyTheRateOfAnOpenStream) {
 
 TEST(Directions, RenderAloneChangesTheRateAndCaptureThenFollowsIt) {
     Rig rig;
-    auto out = std::make_shared<usbsim::MemoryOutput>();
-    rig.model().setOutput(out);
+    auto out = rig.output();
     auto render = rig.open(false, 44100, 2, 24);
     ASSERT_TRUE(render);
     const auto sent = e2e::noise(2 * 3000, 24, 4);
@@ -143,8 +142,7 @@ TEST(Directions, AStoppedStreamCarriesItsFormatAgainAfterTheOtherStarted) {
     for (bool otherStarts : {true, false}) {
         SCOPED_TRACE(otherStarts ? "capture starts meanwhile" : "nothing else starts");
         Rig rig;
-        auto out = std::make_shared<usbsim::MemoryOutput>();
-        rig.model().setOutput(out);
+        auto out = rig.output();
         auto render = rig.open(false, 48000, 2, 16);
         ASSERT_TRUE(render);
         ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
@@ -214,8 +212,7 @@ TEST(States, StartingWalksUpAndClosingWalksBackThroughEveryState) {
 
 TEST(States, RepeatedStopAndStartPlayEachRunFromItsFirstFrame) {
     Rig rig;
-    auto out = std::make_shared<usbsim::MemoryOutput>();
-    rig.model().setOutput(out);
+    auto out = rig.output();
     auto render = rig.open(false, 48000, 2, 16);
     ASSERT_TRUE(render);
     std::vector<int32_t> heard;
@@ -245,8 +242,7 @@ TEST(States, RepeatedStopAndStartPlayEachRunFromItsFirstFrame) {
 
 TEST(States, PauseAndResumeLoseNothingAndRepeatNothing) {
     Rig rig;
-    auto out = std::make_shared<usbsim::MemoryOutput>();
-    rig.model().setOutput(out);
+    auto out = rig.output();
     auto render = rig.open(false, 48000, 2, 24);
     ASSERT_TRUE(render);
     const size_t frames = 40 * 256 + 100;
@@ -281,8 +277,7 @@ constexpr size_t kPeriodsPerSecond = 48000 / 256; // 187.5, rounded down
 
 TEST(Asio, StreamsPauseWhileItHoldsTheDeviceAndResumeThroughTheAttachTimer) {
     Rig rig;
-    auto out = std::make_shared<usbsim::MemoryOutput>();
-    rig.model().setOutput(out);
+    auto out = rig.output();
     auto render = rig.open(false, 48000, 2, 16);
     auto capture = rig.open(true, 48000, 2, 16);
     ASSERT_TRUE(render && capture);

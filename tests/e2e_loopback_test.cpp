@@ -118,8 +118,7 @@ TEST(Channels, RenderOnEightRingChannelsIsZeroPadded) {
     for (USHORT channels : {2, 6}) {
         SCOPED_TRACE(std::to_string(channels) + " channels");
         Rig rig;
-        auto out = std::make_shared<usbsim::MemoryOutput>();
-        rig.model().setOutput(out);
+        auto out = rig.output();
         auto render = rig.open(false, 48000, channels, 16);
         ASSERT_TRUE(render);
         const size_t frames = 3000;
@@ -211,8 +210,7 @@ struct JustInTime {
 JustInTime justInTime(size_t periods, size_t prefill, std::vector<size_t> skipped) {
     JustInTime r;
     Rig rig;
-    auto out = std::make_shared<usbsim::MemoryOutput>();
-    rig.model().setOutput(out);
+    auto out = rig.output();
     auto render = rig.open(false, 48000, 2, 16);
     EXPECT_TRUE(render);
     if (!render)
@@ -277,8 +275,7 @@ public:
 
 TEST(Glitches, AStarvedSourceGivesSilenceEveryPeriod) {
     Rig rig;
-    auto out = std::make_shared<usbsim::MemoryOutput>();
-    rig.model().setOutput(out);
+    auto out = rig.output();
     StarvedSource source;
     hostpc::StreamOptions options;
     options.source = &source;
@@ -333,8 +330,7 @@ TEST(Overruns, CountedWhenTheClientDoesNotReadAndWhatWasKeptIsIntact) {
 
 TEST(Flood, WritesTakeWhatFitsAndEverythingTakenIsPlayed) {
     Rig rig;
-    auto out = std::make_shared<usbsim::MemoryOutput>();
-    rig.model().setOutput(out);
+    auto out = rig.output();
     hostpc::StreamOptions options;
     options.queueFrames = 2048;
     auto render = rig.open(false, 48000, 2, 16, nullptr, options);
