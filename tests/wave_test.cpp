@@ -182,6 +182,7 @@ TEST_F(Wave, NewStreamHandsOutCountedReferencesOncePerDirection) {
     EXPECT_EQ(second.dma, nullptr);
     EXPECT_EQ(second.group, nullptr);
     EXPECT_EQ(stack.wave->captureStream(), capture.object());
+    EXPECT_EQ(captureDma->stream(), capture.object());
     EXPECT_EQ(refs(capture.stream), 2);
 
     // The other direction opens once, with the same service group.
