@@ -316,31 +316,6 @@ TEST(ChannelMapping, DropKeepsAndPadWidensTheFirstChannelsOfEachFrame) {
     }
 }
 
-TEST(ConvertInput, RingFramesBecomeStreamPcmOfEachWidth) {
-    // 8-channel ring, 2-channel stream: ring channels 2..7 are dropped.
-    const ULONG frames = 5, ring = 8, wdm = 2;
-    auto ringFrames = randomSamples(frames * ring, 5);
-    for (ULONG bits : {16u, 24u, 32u}) {
-        SCOPED_TRACE(bits);
-        auto scratch = ringFrames;
-        std::vector<uint8_t> out(frames * wdm * 4 + 4, 0xEE);
-        convertInput(frames, scratch.data(), ring, out.data(), wdm, bits);
-        // The scratch is compacted: its first frames hold the kept channels.
-        std::vector<LONG> kept;
-        for (ULONG i = 0; i < frames * wdm; ++i)
-            kept.push_back(ringFrames[(i / wdm) * ring + i % wdm]);
-        EXPECT_EQ(std::vector<LONG>(scratch.begin(), scratch.begin() + frames * wdm), kept);
-        const size_t end = frames * wdm * bits / 8;
-        EXPECT_EQ(std::vector<uint8_t>(out.begin(), out.begin() + end), oraclePack(kept, bits));
-        EXPECT_EQ(out[end], 0xEE);
-    }
-    // The documented 16-bit example.
-    std::vector<LONG> one = {0x12345678, 1, 2, 3, 4, 5, 6, 7};
-    uint16_t pcm = 0;
-    convertInput(1, one.data(), 8, &pcm, 1, 16);
-    EXPECT_EQ(pcm, 0x1234);
-}
-
 TEST(ConvertInput, RefusedArgumentsUnknownWidthAndInPlace) {
     std::vector<LONG> src = {1, 2, 3, 4};
     uint8_t dst[16];
@@ -364,44 +339,6 @@ TEST(ConvertInput, RefusedArgumentsUnknownWidthAndInPlace) {
     EXPECT_EQ(std::vector<LONG>(buf.begin(), buf.begin() + 3), (std::vector<LONG>{1, 3, 5}));
 }
 
-TEST(ConvertOutput, StreamPcmBecomesRingFramesOfEachWidth) {
-    // A 2-channel stream on rings of the widths with loops of their own and
-    // one without, through the render shift. The stream ends right before
-    // an unmapped page: the last frame must not be read past.
-    const ULONG wdm = 2;
-    for (ULONG ring : {3u, 8u, 12u, 32u}) {
-        for (ULONG frames : {1u, 9u}) {
-            for (ULONG bits : {16u, 24u, 32u}) {
-                SCOPED_TRACE(testing::Message() << ring << " ring channels, " << frames
-                                                << " frames, " << bits << " bits");
-                const ULONG width = bits / 8;
-                auto bytes = randomBytes(frames * wdm * width, bits + ring);
-                GuardedBytes pcm(bytes.size());
-                std::memcpy(pcm.data(), bytes.data(), bytes.size());
-                std::vector<LONG> out(frames * ring + 1, 0x3C3C3C3C),
-                    expected(frames * ring + 1, 0);
-                expected.back() = 0x3C3C3C3C;
-                convertOutput(frames, pcm.data(), wdm, bits, out.data(), ring);
-                shiftRight8(out.data(), frames * ring);
-                for (ULONG f = 0; f < frames; ++f) {
-                    for (ULONG c = 0; c < wdm; ++c) {
-                        uint32_t raw = 0;
-                        std::memcpy(&raw, bytes.data() + (f * wdm + c) * width, width);
-                        expected[f * ring + c] = ringFromWdm(raw, bits);
-                    }
-                }
-                EXPECT_EQ(out, expected);
-            }
-        }
-    }
-    // The documented render values at 16 bits.
-    const int16_t doc[3] = {int16_t(0x8000), 0x0001, 0x7FFF};
-    std::vector<LONG> docOut(3 * 2);
-    convertOutput(3, doc, 1, 16, docOut.data(), 2);
-    shiftRight8(docOut.data(), 6);
-    EXPECT_EQ(docOut, (std::vector<LONG>{LONG(0xFF800000u), 0, 0x00000100, 0, 0x007FFF00, 0}));
-}
-
 TEST(ConvertOutput, RefusalsUnknownWidthAndInPlaceWidening) {
     uint8_t src[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     std::vector<LONG> dst(8, 0x11);
@@ -422,26 +359,64 @@ TEST(ConvertOutput, RefusalsUnknownWidthAndInPlaceWidening) {
     EXPECT_EQ(same, (std::vector<LONG>{100, 0, 200, 0, 300, 0}));
 }
 
-TEST_P(KernelPaths, StreamPcmSurvivesRenderFormatThenCaptureFormat) {
-    // Working-format round trip: convertOutput then convertInput gives the
-    // stream's own samples back for every width and channel layout.
-    for (ULONG bits : {16u, 24u, 32u}) {
-        for (ULONG wdm : {1u, 2u, 3u, 8u}) {
-            for (ULONG ring : {wdm, wdm + 1, 8u, 32u}) {
-                if (ring < wdm)
-                    continue;
-                SCOPED_TRACE(testing::Message() << bits << " bits " << wdm << "->" << ring);
-                const ULONG frames = 67, width = bits / 8;
-                auto pcm = randomBytes(frames * wdm * width, bits * wdm * ring);
-                std::vector<LONG> work(frames * ring);
-                convertOutput(frames, pcm.data(), wdm, bits, work.data(), ring);
-                std::vector<uint8_t> back(pcm.size() + 1, 0xA5);
-                convertInput(frames, work.data(), ring, back.data(), wdm, bits);
-                EXPECT_TRUE(std::equal(pcm.begin(), pcm.end(), back.begin()));
-                EXPECT_EQ(back[pcm.size()], 0xA5);
-            }
-        }
-    }
+// The staged conversions by the rules for every width and layout: ring
+// frames keep the stream's channels (the scratch compacted to them) and
+// become PCM of the width; stream PCM becomes ring frames padded with zeros
+// and, through the render shift, the render ring's values. The stream ends
+// right before an unmapped page; what convertOutput made comes back whole.
+TEST_P(KernelPaths, StagedConversionsFollowTheRulesForEveryLayout) {
+    for (ULONG bits : {16u, 24u, 32u})
+        for (ULONG wdm : {1u, 2u, 3u})
+            for (ULONG ring : {wdm, wdm + 1, 8u, 12u, 32u})
+                for (ULONG frames : {1u, 9u, 67u}) {
+                    SCOPED_TRACE(testing::Message() << bits << " bits " << wdm << " of " << ring
+                                                    << " channels, " << frames << " frames");
+                    const ULONG width = bits / 8;
+                    const size_t pcmBytes = size_t(frames) * wdm * width;
+                    auto ringFrames = randomSamples(size_t(frames) * ring, frames + ring);
+                    std::vector<uint8_t> out(pcmBytes + 1, 0xEE);
+                    auto scratch = ringFrames;
+                    convertInput(frames, scratch.data(), ring, out.data(), wdm, bits);
+                    std::vector<LONG> kept;
+                    for (ULONG i = 0; i < frames * wdm; ++i)
+                        kept.push_back(ringFrames[(i / wdm) * ring + i % wdm]);
+                    ASSERT_EQ(std::vector<LONG>(scratch.begin(), scratch.begin() + kept.size()),
+                              kept);
+                    ASSERT_EQ(std::vector<uint8_t>(out.begin(), out.end() - 1),
+                              oraclePack(kept, bits));
+                    ASSERT_EQ(out.back(), 0xEE);
+
+                    auto bytes = randomBytes(pcmBytes, bits * wdm * ring);
+                    GuardedBytes pcm(pcmBytes);
+                    std::memcpy(pcm.data(), bytes.data(), pcmBytes);
+                    std::vector<LONG> work(size_t(frames) * ring + 1, 0x3C3C3C3C);
+                    std::vector<LONG> expected(work.size(), 0);
+                    expected.back() = 0x3C3C3C3C;
+                    convertOutput(frames, pcm.data(), wdm, bits, work.data(), ring);
+                    std::vector<uint8_t> back(pcmBytes + 1, 0xA5);
+                    auto copy = work;
+                    convertInput(frames, copy.data(), ring, back.data(), wdm, bits);
+                    ASSERT_TRUE(std::equal(bytes.begin(), bytes.end(), back.begin()));
+                    ASSERT_EQ(back.back(), 0xA5);
+                    shiftRight8(work.data(), frames * ring);
+                    for (ULONG f = 0; f < frames; ++f)
+                        for (ULONG c = 0; c < wdm; ++c) {
+                            uint32_t raw = 0;
+                            std::memcpy(&raw, bytes.data() + (f * wdm + c) * width, width);
+                            expected[f * ring + c] = ringFromWdm(raw, bits);
+                        }
+                    ASSERT_EQ(work, expected);
+                }
+    // The documented examples at 16 bits.
+    std::vector<LONG> one = {0x12345678, 1, 2, 3, 4, 5, 6, 7};
+    uint16_t pcm16 = 0;
+    convertInput(1, one.data(), 8, &pcm16, 1, 16);
+    EXPECT_EQ(pcm16, 0x1234);
+    const int16_t doc[3] = {int16_t(0x8000), 0x0001, 0x7FFF};
+    std::vector<LONG> docOut(3 * 2);
+    convertOutput(3, doc, 1, 16, docOut.data(), 2);
+    shiftRight8(docOut.data(), 6);
+    EXPECT_EQ(docOut, (std::vector<LONG>{LONG(0xFF800000u), 0, 0x00000100, 0, 0x007FFF00, 0}));
 }
 
 } // namespace

@@ -119,67 +119,51 @@ protected:
     StreamingRig mRig;
 };
 
+// Each step shapes the channel again: the cyclic buffer is 4096 frames of
+// the stream, the scratch 2048 frames of the configured ring channels; a
+// size that stays keeps its buffer (cleared), one that changes is replaced.
 TEST_F(DmaFormat, BufferSizesFollowStreamFormatAndConfiguration) {
-    MMEWaveStream* capture = open(true, 2, 24);
-    MMEDMAEmulator* in = mRig.channel(true);
-    EXPECT_EQ(in->stream(), capture);
-    EXPECT_EQ((std::vector<ULONG>{in->BufferSize(), in->AllocatedBufferSize(),
-                                  in->MaximumBufferSize(), in->usbBufferBytes(), in->usbChannels(),
-                                  in->wdmChannels(), in->wdmBits()}),
-              (std::vector<ULONG>{24576, 24576, 24576, 65536, 8, 2, 24}));
-    ASSERT_NE(in->SystemAddress(), nullptr);
-    EXPECT_TRUE(allAre(in->SystemAddress(), 24576));
-
-    MMEWaveStream* render = open(false, 2, 16);
-    MMEDMAEmulator* out = mRig.channel(false);
-    EXPECT_EQ(out->stream(), render);
-    EXPECT_EQ(out->BufferSize(), 16384u);
-    EXPECT_EQ(out->usbBufferBytes(), 65536u);
-
-    // 32-bit samples of a 6-channel configuration.
-    mRig.setAttachChannels(6, 6);
-    EXPECT_TRUE(out->setStreamFormat(render, 4, 32, 0));
-    EXPECT_EQ(out->BufferSize(), 4u * 4096 * 4);
-    EXPECT_EQ(out->usbBufferBytes(), 6u * 2048 * 4);
-}
-
-TEST_F(DmaFormat, TheSameFormatTwiceKeepsBothBuffersButClearsThem) {
-    MMEWaveStream* s = open(true, 2, 24);
-    MMEDMAEmulator* in = mRig.channel(true);
-    void* cyclic = in->SystemAddress();
-    std::memset(cyclic, 0x5C, in->BufferSize());
-    in->Start(3000, TRUE);
-    ASSERT_EQ(in->position(), 3000u);
-
-    tracecap::clearTrace();
-    EXPECT_TRUE(in->setStreamFormat(s, 2, 24, 0));
-    EXPECT_EQ(in->SystemAddress(), cyclic);
-    EXPECT_TRUE(allAre(cyclic, in->BufferSize()));
-    EXPECT_EQ(in->position(), 0u);
-    EXPECT_EQ(in->transferOffset(), 0u);
-    EXPECT_EQ(tracecap::countLines("mUSBBufferBytes equal"), 1u) << tracecap::dumpTrace();
-    EXPECT_EQ(tracecap::countLines("mWDMBufferBytes equal"), 1u);
-    EXPECT_FALSE(tracecap::containsLineStartingWith("mWDMBufferBytes differs"));
-}
-
-TEST_F(DmaFormat, OnlyTheBufferWhoseSizeChangesIsReplaced) {
-    MMEWaveStream* s = open(false, 2, 24);
-    MMEDMAEmulator* out = mRig.channel(false);
-    const ULONG scratchBytes = out->usbBufferBytes();
-
-    tracecap::clearTrace();
-    EXPECT_TRUE(out->setStreamFormat(s, 4, 24, 0)); // the stream's channels only
-    EXPECT_EQ(out->BufferSize(), 4u * 4096 * 3);
-    EXPECT_EQ(out->usbBufferBytes(), scratchBytes);
-    checks::expectLines({"mUSBBufferBytes equal", "mWDMBufferBytes differs old/new  24576 49152"});
-
-    void* cyclic = out->SystemAddress();
-    mRig.setAttachChannels(8, 2); // the configuration's channels only
-    tracecap::clearTrace();
-    EXPECT_TRUE(out->setStreamFormat(s, 4, 24, 0));
-    EXPECT_EQ(out->SystemAddress(), cyclic);
-    EXPECT_EQ(out->usbBufferBytes(), 2u * 2048 * 4);
-    checks::expectLines({"mUSBBufferBytes differs old/new  65536 16384", "mWDMBufferBytes equal"});
+    struct {
+        bool capture;
+        ULONG channels, bits, usb, cyclic, scratch;
+        const char* usbLine;
+        const char* wdmLine;
+    } steps[] = {
+        {true, 2, 24, 8, 24576, 65536, nullptr, nullptr},
+        {true, 2, 24, 8, 24576, 65536, "mUSBBufferBytes equal", "mWDMBufferBytes equal"},
+        {false, 2, 24, 8, 24576, 65536, nullptr, nullptr},
+        {false, 4, 24, 8, 49152, 65536, "mUSBBufferBytes equal",
+         "mWDMBufferBytes differs old/new  24576 49152"},
+        {false, 4, 24, 2, 49152, 16384, "mUSBBufferBytes differs old/new  65536 16384",
+         "mWDMBufferBytes equal"},
+        {false, 4, 32, 6, 4 * 4096 * 4, 6 * 2048 * 4, nullptr, nullptr},
+        {false, 2, 16, 8, 16384, 65536, nullptr, nullptr},
+    };
+    MMEWaveStream* streams[2] = {mRig.openStream(false, 2, 16), mRig.openStream(true, 2, 16)};
+    for (const auto& s : steps) {
+        SCOPED_TRACE(testing::Message() << s.channels << "x" << s.bits << " on " << s.usb);
+        MMEDMAEmulator* dma = mRig.channel(s.capture);
+        dma->Start(3000, TRUE);
+        void* before = dma->SystemAddress();
+        const ULONG beforeBytes = dma->BufferSize();
+        mRig.setAttachChannels(s.usb, s.usb);
+        tracecap::clearTrace();
+        EXPECT_TRUE(dma->setStreamFormat(streams[s.capture], s.channels, s.bits, 0));
+        EXPECT_EQ(dma->stream(), streams[s.capture]);
+        EXPECT_EQ((std::vector<ULONG>{dma->BufferSize(), dma->AllocatedBufferSize(),
+                                      dma->MaximumBufferSize(), dma->usbBufferBytes(),
+                                      dma->usbChannels(), dma->wdmChannels(), dma->wdmBits(),
+                                      dma->position(), dma->transferOffset()}),
+                  (std::vector<ULONG>{s.cyclic, s.cyclic, s.cyclic, s.scratch, s.usb, s.channels,
+                                      s.bits, 0, 0}));
+        ASSERT_NE(dma->SystemAddress(), nullptr);
+        EXPECT_TRUE(allAre(dma->SystemAddress(), s.cyclic));
+        if (s.usbLine) {
+            checks::expectLines({s.usbLine, s.wdmLine});
+            EXPECT_EQ(dma->SystemAddress() == before, beforeBytes == s.cyclic);
+        }
+        std::memset(dma->SystemAddress(), 0x5C, s.cyclic);
+    }
 }
 
 TEST_F(DmaFormat, RefusedFormatsLeaveTheChannelDetachedWithItsBuffers) {

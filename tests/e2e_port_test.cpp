@@ -246,43 +246,6 @@ TEST(Intersection, PinsDescribeTheStreamingAndBridgePins) {
     }
 }
 
-// ---- Client queue ----
-
-TEST(ClientQueue, KeepsOrderAcrossTheWrapAndMapsContiguousPieces) {
-    hostpc::ByteQueue q(10);
-    const char text[] = "abcdefghijklmnop";
-    EXPECT_EQ(q.put(text, 7), 7u);
-    char out[16] = {};
-    EXPECT_EQ(q.get(out, 5), 5u);
-    EXPECT_EQ(std::string(out, 5), "abcde");
-    EXPECT_EQ(q.put(text + 7, 9), 8u) << "room for eight";
-    EXPECT_EQ(q.room(), 0u);
-
-    const UCHAR* piece = nullptr;
-    hostpc::RenderSource& source = q;
-    EXPECT_EQ(source.map(&piece, 100), 5u) << "up to the end of the storage";
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(piece), 5), "fghij");
-    source.release(5);
-    EXPECT_EQ(source.map(&piece, 100), 5u);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(piece), 5), "klmno");
-    source.release(50); // no more than is there
-    EXPECT_EQ(q.used(), 0u);
-
-    hostpc::CaptureSink& sink = q;
-    UCHAR* room = nullptr;
-    EXPECT_EQ(sink.map(&room, 100), 5u) << "room to the end of the storage first";
-    std::memcpy(room, "12345", 5);
-    sink.commit(5);
-    EXPECT_EQ(sink.map(&room, 3), 3u);
-    std::memcpy(room, "678", 3);
-    sink.commit(3);
-    EXPECT_EQ(q.get(out, 16), 8u);
-    EXPECT_EQ(std::string(out, 8), "12345678");
-    q.put(text, 4);
-    q.clear();
-    EXPECT_EQ(q.used(), 0u);
-}
-
 // ---- A filter whose device is gone ----
 
 TEST(RemovedFilter, AnswersThatTheDeviceIsGone) {

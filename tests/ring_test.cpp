@@ -1,6 +1,6 @@
 // Shared sample ring: writes and reads around the ring's end and around
-// 2^32, the available-frame count, the clock mapping, and refusal of rings
-// whose header breaks the invariants.
+// 2^32 against a model of the ring, the available-frame count, the clock
+// mapping, and refusal of rings whose header breaks the invariants.
 #include "driver/common/AudioSM.h"
 
 #include <gtest/gtest.h>
@@ -22,203 +22,180 @@ std::unique_ptr<AudioSM> makeRing(ULONG channels, ULONG maxFrames) {
 // Frames whose samples encode (frame, channel) so misplacement shows.
 std::vector<LONG> pattern(ULONG frames, ULONG channels, LONG base) {
     std::vector<LONG> v(size_t(frames) * channels);
-    for (ULONG f = 0; f < frames; ++f)
-        for (ULONG c = 0; c < channels; ++c)
-            v[size_t(f) * channels + c] = base + LONG(f * 16 + c);
+    for (size_t i = 0; i < v.size(); ++i)
+        v[i] = base + LONG(i / channels * 16 + i % channels);
     return v;
 }
 
-std::vector<LONG> ringFrames(const AudioSM& ring, ULONG index, ULONG frames) {
-    const ULONG n = ring.mChannelsPerFrame;
-    return std::vector<LONG>(ring.mSamples + size_t(index) * n,
-                             ring.mSamples + size_t(index + frames) * n);
+enum Kind { Data, Silence, NoSource };
+
+struct WriteCase {
+    const char* name;
+    Kind kind;
+    ULONG channels, maxFrames, writePos, offset, frames;
+    int writes;
+};
+
+// The writer's frames go to (position + offset) mod maxFrames on; data longer
+// than the ring is refused outright, silence that long silences all of it.
+const WriteCase kWrites[] = {
+    {"EndsExactlyAtTheRingsEnd", Data, 2, 100, 90, 0, 10, 1},
+    {"PastTheEndContinuesAtIndexZero", Data, 3, 64, 60, 0, 10, 1},
+    {"OffsetPlacesFramesAheadPositionMovesByFrames", Data, 2, 4096, 100, 1700, 256, 2},
+    {"IndexComesFromTheWrappedPosition", Data, 1, 1000, 0xFFFFFFFFu, 0, 1, 2},
+    {"ExactlyTheRingsSize", Data, 2, 64, 10, 0, 64, 1},
+    {"DataLongerThanTheRingIsRefused", Data, 1, 8, 0, 0, 20, 1},
+    {"ZeroFramesSetOnlyTheOffset", Data, 2, 128, 5, 3, 0, 1},
+    {"SilenceAcrossTheEnd", Silence, 2, 50, 40, 5, 20, 1},
+    {"SilenceLongerThanTheRingSilencesAllOfIt", Silence, 1, 8, 3, 0, 20, 1},
+    {"ZeroFramesOfSilence", Silence, 2, 128, 5, 9, 0, 1},
+    {"NoSourceMovesOnlyPositions", NoSource, 2, 128, 5, 4, 20, 1},
+};
+
+class RingWrite : public ::testing::TestWithParam<WriteCase> {};
+
+TEST_P(RingWrite, PlacesFramesAsTheModelDoes) {
+    const WriteCase& c = GetParam();
+    auto ring = makeRing(c.channels, c.maxFrames);
+    const size_t samples = size_t(c.channels) * c.maxFrames + 16; // 16 beyond the ring
+    std::fill_n(ring->mSamples, samples, 3);
+    std::vector<LONG> model(ring->mSamples, ring->mSamples + samples);
+    ring->mWritePos = c.writePos;
+    ULONG pos = c.writePos, offset = 0;
+    for (int w = 0; w < c.writes; ++w) {
+        const auto data = pattern(c.frames, c.channels, 1000 * (w + 1));
+        if (c.kind == Silence)
+            ring->writeSilence(c.frames, c.offset);
+        else
+            ring->writeFrames(c.kind == Data ? data.data() : nullptr, c.frames, c.offset);
+        if (c.kind == Data && c.frames > c.maxFrames)
+            continue;
+        offset = c.offset;
+        const ULONG fill = c.kind == NoSource ? 0 : std::min(c.frames, c.maxFrames);
+        for (ULONG f = 0; f < fill; ++f)
+            for (ULONG ch = 0; ch < c.channels; ++ch)
+                model[size_t((pos + offset) % c.maxFrames + f) % c.maxFrames * c.channels + ch] =
+                    c.kind == Data ? data[size_t(f) * c.channels + ch] : 0;
+        pos += c.frames;
+    }
+    EXPECT_EQ(std::vector<LONG>(ring->mSamples, ring->mSamples + samples), model);
+    EXPECT_EQ(ring->mWritePos, pos);
+    EXPECT_EQ(ring->mWriteOffset, offset);
 }
 
-TEST(RingWrite, OnePieceUpToTheRingEndTwoPiecesPastIt) {
-    // Frames ending exactly at the ring's end: index 0 is left alone.
-    auto ring = makeRing(2, 100);
-    ring->mSamples[0] = ring->mSamples[1] = 0x5A5A;
-    ring->mWritePos = 90;
-    auto data = pattern(10, 2, 1000);
-    ring->writeFrames(data.data(), 10, 0);
-    EXPECT_EQ(ringFrames(*ring, 90, 10), data);
-    EXPECT_EQ(ringFrames(*ring, 0, 1), (std::vector<LONG>{0x5A5A, 0x5A5A}));
-    EXPECT_EQ(ring->mWritePos, 100u);
+INSTANTIATE_TEST_SUITE_P(Ring, RingWrite, ::testing::ValuesIn(kWrites),
+                         [](const ::testing::TestParamInfo<WriteCase>& info) {
+                             return std::string(info.param.name);
+                         });
 
-    // Past the end: the rest continues at index 0, in order.
-    ring = makeRing(3, 64);
-    ring->mWritePos = 60;
-    data = pattern(10, 3, 7);
-    ring->writeFrames(data.data(), 10, 0);
-    EXPECT_EQ(ringFrames(*ring, 60, 4), std::vector<LONG>(data.begin(), data.begin() + 4 * 3));
-    EXPECT_EQ(ringFrames(*ring, 0, 6), std::vector<LONG>(data.begin() + 4 * 3, data.end()));
-    EXPECT_EQ(ring->mWritePos, 70u);
-}
+struct ReadCase {
+    const char* name;
+    ULONG channels, maxFrames, readPos, frames;
+    bool destination;
+    AudioSMCopy copy;
+};
 
-TEST(RingWrite, OffsetPlacesFramesAheadButPositionAdvancesByFramesOnly) {
-    auto ring = makeRing(2, 4096);
-    ring->mWritePos = 100;
-    auto first = pattern(256, 2, 1);
-    auto second = pattern(256, 2, 50000);
-    ring->writeFrames(first.data(), 256, 1700);
-    EXPECT_EQ(ring->mWritePos, 356u);
-    EXPECT_EQ(ring->mWriteOffset, 1700u);
-    EXPECT_EQ(ringFrames(*ring, 1800, 256), first);
-    // The next write with the same offset continues where the last ended.
-    ring->writeFrames(second.data(), 256, 1700);
-    EXPECT_EQ(ringFrames(*ring, 2056, 256), second);
-    EXPECT_EQ(ring->mWritePos, 612u);
-    // The writer's frontier is mWritePos + mWriteOffset.
-    EXPECT_EQ(ring->framesAvailable(100), 612u + 1700u - 100u);
-}
+// Copying reads take at most the ring; skips (no destination or no copy
+// routine) move the position by any count; zeroSamples reads silence.
+const ReadCase kReads[] = {
+    {"TwoPiecesAcrossTheEnd", 4, 32, 32 * 5 + 26, 12, true, copySamples},
+    {"EndsExactlyAtTheRingsEnd", 4, 32, 20, 12, true, copySamples},
+    {"ExactlyTheRingsSize", 2, 16, 7, 16, true, copySamples},
+    {"LongerThanTheRingIsRefused", 2, 16, 7, 17, true, copySamples},
+    {"NoDestinationSkips", 2, 16, 10, 1000, false, copySamples},
+    {"NoCopyRoutineSkips", 2, 16, 10, 4, true, nullptr},
+    {"ZeroSamplesAcrossTheEnd", 2, 16, 12, 10, true, zeroSamples},
+};
 
-TEST(RingWrite, ZeroFramesOrNoSourceChangeOnlyWhatTheyMust) {
-    auto ring = makeRing(2, 128);
-    ring->mWritePos = 5;
-    ring->mSamples[10] = 77;
-    ring->writeFrames(nullptr, 0, 3);
-    ring->writeSilence(0, 9);
-    EXPECT_EQ(ring->mWritePos, 5u);
-    EXPECT_EQ(ring->mWriteOffset, 9u);
-    EXPECT_EQ(ring->mSamples[10], 77);
+class RingRead : public ::testing::TestWithParam<ReadCase> {};
 
-    ring->writeFrames(nullptr, 20, 4); // no source: offset and position only
-    EXPECT_EQ(ring->mWritePos, 25u);
-    EXPECT_EQ(ring->mWriteOffset, 4u);
-    EXPECT_EQ(ring->mSamples[10], 77);
-}
-
-TEST(RingWrite, SilenceZeroesTheFramesAtTheOffsetAcrossTheEnd) {
-    auto ring = makeRing(2, 50);
-    std::fill(std::begin(ring->mSamples), std::begin(ring->mSamples) + 100, 3);
-    ring->mWritePos = 40;
-    ring->writeSilence(20, 5); // frames 45..49 and 0..14
-    std::vector<LONG> expected(100, 3);
-    std::fill(expected.begin(), expected.begin() + 30, 0);
-    std::fill(expected.begin() + 90, expected.end(), 0);
-    EXPECT_EQ(ringFrames(*ring, 0, 50), expected);
-    EXPECT_EQ(ring->mWritePos, 60u);
-}
-
-TEST(RingWrite, PeriodLongerThanTheRing) {
-    auto ring = makeRing(1, 8);
-    std::fill(std::begin(ring->mSamples), std::begin(ring->mSamples) + 12, 9);
-    auto data = pattern(20, 1, 1);
-    // Data that would overwrite itself is refused outright.
-    ring->writeFrames(data.data(), 20, 0);
-    EXPECT_EQ(ring->mWritePos, 0u);
-    EXPECT_EQ(ring->mSamples[0], 9);
-    // Silence that long silences the whole ring and still advances.
-    ring->writeSilence(20, 0);
-    EXPECT_EQ(ring->mWritePos, 20u);
-    // Samples 8..11 lie beyond the ring.
-    EXPECT_EQ(std::vector<LONG>(ring->mSamples, ring->mSamples + 12),
-              (std::vector<LONG>{0, 0, 0, 0, 0, 0, 0, 0, 9, 9, 9, 9}));
-}
-
-TEST(RingRead, CopiesOneOrTwoPiecesAndAdvancesThePosition) {
-    auto ring = makeRing(4, 32);
-    auto data = pattern(32, 4, 100);
+TEST_P(RingRead, DeliversFramesAsTheModelDoes) {
+    const ReadCase& c = GetParam();
+    auto ring = makeRing(c.channels, c.maxFrames);
+    const auto data = pattern(c.maxFrames, c.channels, 100);
     std::copy(data.begin(), data.end(), ring->mSamples);
-    std::vector<LONG> out(12 * 4, -1);
-    ULONG pos = 32 * 5 + 26; // index 26: 6 frames to the end, 6 from the start
-    ring->readFrames(pos, out.data(), 12, copySamples);
-    EXPECT_EQ(pos, 32u * 5 + 38);
-    std::vector<LONG> expected(data.begin() + 26 * 4, data.end());
-    expected.insert(expected.end(), data.begin(), data.begin() + 6 * 4);
-    EXPECT_EQ(out, expected);
+    std::vector<LONG> out(size_t(c.frames + 1) * c.channels, -1), model = out;
+    const bool copying = c.destination && c.copy;
+    ULONG pos = c.readPos;
+    ring->readFrames(pos, c.destination ? out.data() : nullptr, c.frames, c.copy);
+    const bool refused = copying && c.frames > c.maxFrames;
+    EXPECT_EQ(pos, refused ? c.readPos : c.readPos + c.frames);
+    for (ULONG f = 0; copying && !refused && f < c.frames; ++f)
+        for (ULONG ch = 0; ch < c.channels; ++ch)
+            model[size_t(f) * c.channels + ch] =
+                c.copy == zeroSamples
+                    ? 0
+                    : data[size_t((c.readPos + f) % c.maxFrames) * c.channels + ch];
+    EXPECT_EQ(out, model);
+    EXPECT_EQ(std::vector<LONG>(ring->mSamples, ring->mSamples + data.size()), data);
 }
 
-TEST(RingRead, SkippedWithoutDestinationOrCopyRoutineAndSilencedByZeroSamples) {
-    auto ring = makeRing(2, 16);
-    auto data = pattern(16, 2, 1);
-    std::copy(data.begin(), data.end(), ring->mSamples);
-    std::vector<LONG> out(10 * 2 + 1, -1);
-    ULONG pos = 10;
-    ring->readFrames(pos, nullptr, 4, copySamples);
-    EXPECT_EQ(pos, 14u);
-    ring->readFrames(pos, out.data(), 4, nullptr);
-    EXPECT_EQ(pos, 18u);
-    EXPECT_EQ(out, std::vector<LONG>(21, -1));
-    // Skipping does not need the frames to fit the ring.
-    ring->readFrames(pos, nullptr, 1000, nullptr);
-    EXPECT_EQ(pos, 1018u);
-
-    // zeroSamples delivers silence for the frames read, across the end, and
-    // advances like a copy.
-    pos = 12;
-    ring->readFrames(pos, out.data(), 10, zeroSamples);
-    EXPECT_EQ(pos, 22u);
-    std::vector<LONG> expected(21, 0);
-    expected[20] = -1; // guard after the frames read
-    EXPECT_EQ(out, expected);
-    EXPECT_EQ(ringFrames(*ring, 0, 16), data); // the ring itself is untouched
-}
+INSTANTIATE_TEST_SUITE_P(Ring, RingRead, ::testing::ValuesIn(kReads),
+                         [](const ::testing::TestParamInfo<ReadCase>& info) {
+                             return std::string(info.param.name);
+                         });
 
 TEST(RingPositions, AvailableFramesAreUnsignedModulo2To32) {
+    struct {
+        ULONG writePos, offset, readPos, available;
+    } cases[] = {{500, 0, 510, 4294967286u},
+                 {500, 0, 244, 256},
+                 {0x10, 0, 0xFFFFFFF0u, 0x20},
+                 {0xFFFFFF00u, 0x200, 0xFFFFFF00u, 0x200},
+                 {612, 1700, 100, 612 + 1700 - 100}};
     auto ring = makeRing(2, 1024);
-    ring->mWritePos = 500;
-    ring->mWriteOffset = 0;
-    EXPECT_EQ(ring->framesAvailable(510), 4294967286u);
-    EXPECT_EQ(ring->framesAvailable(244), 256u);
-    ring->mWritePos = 0x00000010;
-    ring->mWriteOffset = 0;
-    EXPECT_EQ(ring->framesAvailable(0xFFFFFFF0u), 0x20u);
-    ring->mWritePos = 0xFFFFFF00u;
-    ring->mWriteOffset = 0x200;
-    EXPECT_EQ(ring->framesAvailable(0xFFFFFF00u), 0x200u);
-}
-
-TEST(RingPositions, IndexComesFromTheWrappedPosition) {
-    auto ring = makeRing(1, 1000); // does not divide 2^32
-    ring->mWritePos = 0xFFFFFFFFu;
-    LONG a = 11, b = 22;
-    ring->writeFrames(&a, 1, 0); // index 0xFFFFFFFF % 1000 = 295
-    EXPECT_EQ(ring->mSamples[295], 11);
-    EXPECT_EQ(ring->mWritePos, 0u);
-    ring->writeFrames(&b, 1, 0); // position 0 maps to index 0: the index jumps
-    EXPECT_EQ(ring->mSamples[0], 22);
-    EXPECT_EQ(ring->mSamples[296], 0);
+    for (const auto& c : cases) {
+        ring->mWritePos = c.writePos;
+        ring->mWriteOffset = c.offset;
+        EXPECT_EQ(ring->framesAvailable(c.readPos), c.available) << c.writePos << "/" << c.readPos;
+    }
 }
 
 // A writer and a reader that move the same chunks agree across the 2^32
 // wrap for any ring size; with a ring size that divides 2^32 they agree
 // whatever chunks each side uses.
-void roundTrip(ULONG maxFrames, ULONG writeChunk, ULONG readChunk, ULONG start) {
-    auto ring = makeRing(3, maxFrames);
-    ring->mWritePos = start;
-    ULONG readPos = start;
-    std::mt19937 rng(maxFrames ^ writeChunk ^ readChunk);
-    std::vector<LONG> sent, received;
-    for (int round = 0; round < 40; ++round) {
-        auto data = pattern(writeChunk, 3, LONG(rng() & 0xFFFFFF));
-        ring->writeFrames(data.data(), writeChunk, 0);
-        sent.insert(sent.end(), data.begin(), data.end());
-        while (ring->framesAvailable(readPos) >= readChunk) {
-            std::vector<LONG> out(size_t(readChunk) * 3);
-            ring->readFrames(readPos, out.data(), readChunk, copySamples);
-            received.insert(received.end(), out.begin(), out.end());
-        }
-    }
-    ASSERT_GT(received.size(), 0u);
-    EXPECT_TRUE(std::equal(received.begin(), received.end(), sent.begin()));
-    EXPECT_EQ(readPos - start, ULONG(received.size() / 3));
-}
-
 TEST(RingPositions, DataSurvivesTheWrapOfPositionsAt2To32) {
-    roundTrip(1000, 256, 256, 0xFFFFF000u);
-    roundTrip(1024, 256, 100, 0xFFFFF010u);
-    roundTrip(4096, 300, 256, 0xFFFFFE00u);
+    struct {
+        ULONG maxFrames, writeChunk, readChunk, start;
+    } cases[] = {{1000, 256, 256, 0xFFFFF000u},
+                 {1024, 256, 100, 0xFFFFF010u},
+                 {4096, 300, 256, 0xFFFFFE00u}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.maxFrames);
+        auto ring = makeRing(3, c.maxFrames);
+        ring->mWritePos = c.start;
+        ULONG readPos = c.start;
+        std::mt19937 rng(c.maxFrames ^ c.writeChunk ^ c.readChunk);
+        std::vector<LONG> sent, received;
+        for (int round = 0; round < 40; ++round) {
+            auto data = pattern(c.writeChunk, 3, LONG(rng() & 0xFFFFFF));
+            ring->writeFrames(data.data(), c.writeChunk, 0);
+            sent.insert(sent.end(), data.begin(), data.end());
+            while (ring->framesAvailable(readPos) >= c.readChunk) {
+                std::vector<LONG> out(size_t(c.readChunk) * 3);
+                ring->readFrames(readPos, out.data(), c.readChunk, copySamples);
+                received.insert(received.end(), out.begin(), out.end());
+            }
+        }
+        ASSERT_GT(received.size(), 0u);
+        EXPECT_TRUE(std::equal(received.begin(), received.end(), sent.begin()));
+        EXPECT_EQ(readPos - c.start, ULONG(received.size() / 3));
+    }
 }
 
 TEST(RingHeader, BrokenInvariantsAreRefusedByEveryOperation) {
-    struct Case {
+    struct {
         ULONG channels, frames;
-    } bad[] = {{0, 100}, {2, 0}, {2, 65537}, {131073, 1}, {0x10000, 0x10000}};
-    for (const Case& c : bad) {
+        bool usable;
+    } cases[] = {
+        {0, 100, false},           {2, 0, false},     {2, 65537, false}, {131073, 1, false},
+        {0x10000, 0x10000, false}, {32, 4097, false}, {1, 131072, true}, {32, 4096, true}};
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.channels << "x" << c.frames);
         auto ring = makeRing(c.channels, c.frames);
-        EXPECT_FALSE(ring->isUsable());
+        EXPECT_EQ(ring->isUsable(), c.usable);
+        if (c.usable)
+            continue;
         ring->mWritePos = 10;
         ring->mWriteOffset = 3;
         LONG src[4] = {1, 2, 3, 4};
@@ -232,9 +209,6 @@ TEST(RingHeader, BrokenInvariantsAreRefusedByEveryOperation) {
         EXPECT_EQ(pos, 5u);
         EXPECT_EQ(dst[0], 9);
     }
-    EXPECT_TRUE(makeRing(1, 131072)->isUsable());
-    EXPECT_TRUE(makeRing(32, 4096)->isUsable());
-    EXPECT_FALSE(makeRing(32, 4097)->isUsable());
 }
 
 TEST(RingHeader, ACallerSizedForAnotherChannelCountIsRefused) {
@@ -272,31 +246,28 @@ TEST(RingClock, MapsPositionsThroughTheSelectedBlock) {
     ring->mClockA = {100, 0, 5000, 0, 10, 3};
     ring->mClockB = {0, 0, 777, 0, 1, 0}; // no mapping
     ring->mClockSelect = 1;
-    const AudioSMClock& a = ring->currentClock();
-    EXPECT_EQ(&a, &ring->mClockA);
-    EXPECT_EQ(a.stampOf(97), 4990); // -3 * 10 / 3 = -10
-    EXPECT_EQ(a.stampOf(130), 5100);
-    EXPECT_EQ(a.stampOf(101), 5003); // 10 / 3 truncates
-    EXPECT_EQ(a.stampOf(99), 4997);  // -10 / 3 truncates toward zero
+    EXPECT_EQ(&ring->currentClock(), &ring->mClockA);
     ring->mClockSelect = 0;
-    const AudioSMClock& b = ring->currentClock();
-    EXPECT_EQ(&b, &ring->mClockB);
-    EXPECT_EQ(b.stampOf(0), 0);
-    EXPECT_EQ(b.stampOf(123456), 0);
-}
+    EXPECT_EQ(&ring->currentClock(), &ring->mClockB);
 
-TEST(RingClock, WidenedSignedArithmeticThatNeverTraps) {
-    AudioSMClock c = {0xFFFFFFF0u, 0, 1000, 0, 1, 1};
-    // Positions are widened before the signed subtraction: no wrap-around
-    // folding, position 0x10 is far below framePos.
-    EXPECT_EQ(c.stampOf(0x10), 1000 + 0x10 - int64_t(0xFFFFFFF0u));
-    EXPECT_EQ(c.stampOf(0xFFFFFFFFu), 1015);
-    c = {0, 0, 0, 0, INT64_MIN, -1};
-    EXPECT_EQ(c.stampOf(1), INT64_MIN); // INT64_MIN / -1 wraps instead of faulting
-    c = {0, 0, 0, 0, INT64_MAX, 1};
-    EXPECT_EQ(c.stampOf(1), INT64_MAX);
-    c = {0, 0, 5, 0, 7, -1};
-    EXPECT_EQ(c.stampOf(3), 5 - 21);
+    // Positions are widened before the signed subtraction (no folding at
+    // 2^32), quotients truncate toward zero, and nothing traps.
+    struct {
+        AudioSMClock clock;
+        ULONG position;
+        int64_t stamp;
+    } cases[] = {{ring->mClockA, 97, 4990},
+                 {ring->mClockA, 130, 5100},
+                 {ring->mClockA, 101, 5003},
+                 {ring->mClockA, 99, 4997},
+                 {ring->mClockB, 123456, 0},
+                 {{0xFFFFFFF0u, 0, 1000, 0, 1, 1}, 0x10, 1000 + 0x10 - int64_t(0xFFFFFFF0u)},
+                 {{0xFFFFFFF0u, 0, 1000, 0, 1, 1}, 0xFFFFFFFFu, 1015},
+                 {{0, 0, 0, 0, INT64_MIN, -1}, 1, INT64_MIN},
+                 {{0, 0, 0, 0, INT64_MAX, 1}, 1, INT64_MAX},
+                 {{0, 0, 5, 0, 7, -1}, 3, 5 - 21}};
+    for (const auto& c : cases)
+        EXPECT_EQ(c.clock.stampOf(c.position), c.stamp) << c.position;
 }
 
 } // namespace

@@ -47,6 +47,13 @@ public:
     MMEAdapter* adapter() const { return harness.adapter(); }
     bool started() const { return NT_SUCCESS(harness.startStatus) && filter && filter->valid(); }
 
+    // What the device plays from now on.
+    std::shared_ptr<usbsim::MemoryOutput> output() {
+        auto out = std::make_shared<usbsim::MemoryOutput>();
+        model().setOutput(out);
+        return out;
+    }
+
     // Whether the driver takes a new pin of this direction now: it serves
     // one stream per direction, so a stream it still holds shows here.
     bool directionFree(bool capture) {
@@ -122,42 +129,25 @@ private:
     bool mEnded = false;
 };
 
-// ---- PCM samples as the stream carries them ----
-
-inline size_t bytesPerSample(unsigned bits) {
-    return bits / 8;
-}
-
-// Signed value of `bits` bits, little-endian, at p.
-inline int32_t unpackSample(const uint8_t* p, unsigned bits) {
-    switch (bits) {
-    case 16:
-        return int16_t(uint16_t(p[0] | (p[1] << 8)));
-    case 24:
-        return int32_t(uint32_t(p[0] << 8 | p[1] << 16 | uint32_t(p[2]) << 24)) >> 8;
-    default:
-        return int32_t(uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 |
-                       uint32_t(p[3]) << 24);
-    }
-}
-
-inline void packSample(uint8_t* p, unsigned bits, int32_t v) {
-    const uint32_t u = uint32_t(v);
-    for (size_t i = 0; i < bytesPerSample(bits); ++i)
-        p[i] = uint8_t(u >> (8 * i));
-}
+// ---- PCM samples as the stream carries them (signed, little-endian) ----
 
 inline std::vector<int32_t> unpack(const std::vector<uint8_t>& bytes, unsigned bits) {
-    std::vector<int32_t> out(bytes.size() / bytesPerSample(bits));
-    for (size_t i = 0; i < out.size(); ++i)
-        out[i] = unpackSample(&bytes[i * bytesPerSample(bits)], bits);
+    const size_t width = bits / 8;
+    std::vector<int32_t> out(bytes.size() / width);
+    for (size_t i = 0; i < out.size(); ++i) {
+        uint32_t u = 0;
+        for (size_t k = 0; k < width; ++k)
+            u |= uint32_t(bytes[i * width + k]) << (8 * k + 32 - bits);
+        out[i] = int32_t(u) >> (32 - bits);
+    }
     return out;
 }
 
 inline std::vector<uint8_t> pack(const std::vector<int32_t>& samples, unsigned bits) {
-    std::vector<uint8_t> out(samples.size() * bytesPerSample(bits));
-    for (size_t i = 0; i < samples.size(); ++i)
-        packSample(&out[i * bytesPerSample(bits)], bits, samples[i]);
+    const size_t width = bits / 8;
+    std::vector<uint8_t> out(samples.size() * width);
+    for (size_t i = 0; i < out.size(); ++i)
+        out[i] = uint8_t(uint32_t(samples[i / width]) >> (8 * (i % width)));
     return out;
 }
 

@@ -3,15 +3,7 @@
 // with the ring's own readFrames, converted as a whole with convertInput /
 // convertOutput, shifted into the render ring's format with shiftRight8 and
 // put into the ring with writeFrames. It runs on copies of a channel's state
-// and of the rings taken before the driver's call:
-//
-//   std::string diff = streamtest::compareWithStaged(
-//       *dma, captureRing, renderRing,
-//       [&] { return dma->onInput(captureRing, renderRing, 256); },
-//       [&](streamtest::StagedChannel& ch, AudioSM* c, AudioSM* r) {
-//           return streamtest::stagedInput(ch, c, r, 256); });
-//   EXPECT_EQ(diff, "");
-//
+// and of the rings taken before the driver's call (compareWithStaged).
 // Header only, so the fuzz targets use it too.
 #pragma once
 
@@ -171,7 +163,8 @@ inline bool stagedOutput(StagedChannel& ch, AudioSM* render, ULONG frames, ULONG
     return true;
 }
 
-// What differs first between two rings ("" when nothing does).
+// What differs first between two rings, or between the reference's channel
+// and the driver's ("" when nothing does).
 inline std::string ringDifference(const AudioSM& expected, const AudioSM& actual) {
     if (std::memcmp(&expected, &actual, sizeof(AudioSM)) == 0)
         return "";
@@ -180,20 +173,18 @@ inline std::string ringDifference(const AudioSM& expected, const AudioSM& actual
             return "sample " + std::to_string(i) + ": staged " +
                    std::to_string(expected.mSamples[i]) + ", driver " +
                    std::to_string(actual.mSamples[i]);
-    return "ring header (positions: staged write " + std::to_string(expected.mWritePos) + "+" +
-           std::to_string(expected.mWriteOffset) + " read " + std::to_string(expected.mMMEReadPos) +
-           ", driver write " + std::to_string(actual.mWritePos) + "+" +
-           std::to_string(actual.mWriteOffset) + " read " + std::to_string(actual.mMMEReadPos) +
-           ")";
+    return "ring header (staged write/offset/read " + std::to_string(expected.mWritePos) + "/" +
+           std::to_string(expected.mWriteOffset) + "/" + std::to_string(expected.mMMEReadPos) +
+           ", driver " + std::to_string(actual.mWritePos) + "/" +
+           std::to_string(actual.mWriteOffset) + "/" + std::to_string(actual.mMMEReadPos) + ")";
 }
 
-// What differs first between the reference's channel and the driver's.
 inline std::string channelDifference(const StagedChannel& expected, MMEDMAEmulator& dma) {
+    const auto* at = static_cast<const unsigned char*>(dma.SystemAddress());
     if (expected.transferOffset != dma.transferOffset() || expected.position != dma.position())
         return "channel offset/position: staged " + std::to_string(expected.transferOffset) + "/" +
                std::to_string(expected.position) + ", driver " +
                std::to_string(dma.transferOffset()) + "/" + std::to_string(dma.position());
-    const auto* at = static_cast<const unsigned char*>(dma.SystemAddress());
     if (expected.cyclic.size() != dma.BufferSize())
         return "cyclic buffer size";
     for (size_t i = 0; i < expected.cyclic.size(); ++i)

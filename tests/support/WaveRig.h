@@ -1,16 +1,14 @@
-// Rigs for the wave and topology miniport tests (header only).
+// Rigs for the wave layer (header only).
 //
-// LightRig: a wave miniport bound, through its Init, to an adapter that was
-// never started and to a stand-in wave port. The test writes the adapter's
-// link record itself (device-info record, hardware settings); the adapter
-// has no DMA channels and no USB driver, so streams cannot be opened.
+// LightRig: a wave miniport Init-bound to an adapter that was never started
+// and to a stand-in port; the test writes the link record itself, and no
+// stream can open (no DMA channels).
 //
-// StackRig: the whole driver loaded on the host port-class library and the
-// model USB driver, started; the wave miniport is the one the host wave port
-// drives. Streams open with the adapter's real DMA channels.
-//
-// Formats: makeFormat() builds a KSDATAFORMAT followed by a WAVEFORMATEX (or
-// WAVEFORMATEXTENSIBLE) in a byte buffer of exactly the stated size.
+// StackRig: the whole driver started on the host port-class library and the
+// model USB driver; streams open through NewStream with the real DMA
+// channels. openStream() holds the references the port would and lets go of
+// them in closeStream() or the destructor; the model's period clock runs
+// only when a test runs it.
 #pragma once
 
 #include "driver/adapter/MMEAdapter.h"
@@ -177,15 +175,40 @@ public:
         wave->Release(); // the port holds it for the rig's lifetime
         adapter = wave->adapter();
     }
-    ~StackRig() { loader.removeDevice(usb.pdo()); }
+    ~StackRig() {
+        while (!held.empty())
+            closeStream(held.back().object());
+        loader.removeDevice(usb.pdo());
+    }
     StackRig(const StackRig&) = delete;
     StackRig& operator=(const StackRig&) = delete;
 
     using Opened = OpenedStream;
     Opened open(bool capture, std::vector<UCHAR>& format) {
-        return openStream(wave, capture, format);
+        return wavetest::openStream(wave, capture, format);
     }
-    static void close(Opened& o) { closeStream(o); }
+    static void close(Opened& o) { wavetest::closeStream(o); }
+
+    bool started() const { return wave != nullptr; }
+    MMEDMAEmulator* channel(bool capture) const {
+        return capture ? adapter->getCaptureDMAChannel() : adapter->getRenderDMAChannel();
+    }
+    // The configuration the channels size their scratch buffers from.
+    void setAttachChannels(ULONG inCH, ULONG outCH) {
+        adapter->linkInfo().mcAttachChannels.inCH = inCH;
+        adapter->linkInfo().mcAttachChannels.outCH = outCH;
+    }
+    // A plain PCM stream held by the rig; null when NewStream refuses.
+    MMEWaveStream* openStream(bool capture, ULONG channels, ULONG bits, ULONG rate = 48000);
+    void closeStream(MMEWaveStream* stream) {
+        for (auto it = held.begin(); it != held.end(); ++it)
+            if (it->object() == stream) {
+                Opened o = *it;
+                held.erase(it);
+                close(o);
+                return;
+            }
+    }
 
     usbsim::UsbDriverModel usb;
     hostpc::DriverLoader loader;
@@ -193,6 +216,7 @@ public:
     PUNKNOWN wavePort = nullptr;
     MMEWave* wave = nullptr;
     MMEAdapter* adapter = nullptr;
+    std::vector<Opened> held;
 };
 
 struct FormatDesc {
@@ -234,6 +258,17 @@ inline std::vector<UCHAR> makeFormat(const FormatDesc& s) {
     f.WaveFormatExt.SubFormat = KSDATAFORMAT_SUBTYPE_PCM;
     std::memcpy(buffer.data(), &f, std::min<size_t>(bufferSize, natural));
     return buffer;
+}
+
+inline MMEWaveStream* StackRig::openStream(bool capture, ULONG channels, ULONG bits, ULONG rate) {
+    std::vector<UCHAR> format = makeFormat({rate, USHORT(channels), USHORT(bits)});
+    Opened o = open(capture, format);
+    if (o.status != STATUS_SUCCESS || !o.stream) {
+        close(o);
+        return nullptr;
+    }
+    held.push_back(o);
+    return o.object();
 }
 
 inline const WAVEFORMATEX* waveOf(const std::vector<UCHAR>& format) {
