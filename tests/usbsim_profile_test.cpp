@@ -1,12 +1,11 @@
-// Device profiles of the model USB driver: the built-in default and the
-// device-info record it produces, the sample JSON profiles, validation
-// errors that name the offending field, and the acceptance of changes.
+// Device profiles of the model USB driver: the built-in default and its
+// device-info record, the sample JSON profiles, errors that name the
+// offending field, and the acceptance of changes.
 #include "usbsim/Profile.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <cctype>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -32,25 +31,8 @@ bool sameRecord(const MMEDeviceInfo& a, const MMEDeviceInfo& b) {
     return std::memcmp(&a, &b, sizeof a) == 0;
 }
 
-// Loads the default profile's JSON, lets the case change it, and returns
-// the error message the reader gives.
-std::string errorAfter(const std::function<void(json&)>& change) {
-    json j = DeviceProfile::builtInDefault().toJson();
-    change(j);
-    try {
-        DeviceProfile::fromJson(j);
-    } catch (const ProfileError& e) {
-        return e.what();
-    }
-    return "(accepted)";
-}
-
-json& alt(json& j, int itf, int a) {
-    return j["configurations"][0]["interfaces"][itf]["altSettings"][a];
-}
-
 // The field and the message of the ProfileError fn throws.
-template <class Fn> std::pair<std::string, std::string> profileErrorOf(Fn&& fn) {
+std::pair<std::string, std::string> profileErrorOf(const std::function<void()>& fn) {
     try {
         fn();
     } catch (const ProfileError& e) {
@@ -59,26 +41,27 @@ template <class Fn> std::pair<std::string, std::string> profileErrorOf(Fn&& fn) 
     return {"(accepted)", "(accepted)"};
 }
 
+json& alt(json& j, int itf, int a) {
+    return j["configurations"][0]["interfaces"][itf]["altSettings"][a];
+}
+
 } // namespace
 
-TEST(UsbsimProfileDefault, RecordDescribesAnEightByEightDevice) {
+TEST(UsbsimProfile, DefaultRecordDescribesAnEightByEightDevice) {
     const DeviceProfile p = DeviceProfile::builtInDefault();
     auto info = recordOf(p);
     EXPECT_EQ(info->vendorId, p.vendorId);
-    EXPECT_EQ(info->productId, p.productId);
     EXPECT_EQ(info->thirdWord, p.thirdWord);
     ASSERT_EQ(info->numConfigurations, 1);
     const MMEDeviceConfiguration& cfg = info->configurations[0];
     ASSERT_EQ(cfg.numInterfaces, 2);
     EXPECT_EQ(cfg.interfaces[0].direction, MME_DIRECTION_OUTPUT);
     EXPECT_EQ(cfg.interfaces[1].direction, MME_DIRECTION_INPUT);
-    const ULONG rates[] = {44100, 48000, 88200, 96000, 176400, 192000};
+    const ULONG rates[] = {44100, 48000, 88200, 96000, 176400, 192000, 0};
     for (int i = 0; i < 2; ++i) {
         const MMEDeviceInterface& itf = cfg.interfaces[i];
         ASSERT_EQ(itf.numAltSettings, 3);
-        // alternate setting 0 is the zero-bandwidth one: nothing to stream
-        EXPECT_EQ(itf.altSettings[0].numEndpoints, 0);
-        EXPECT_EQ(itf.altSettings[0].flag, 0);
+        EXPECT_EQ(itf.altSettings[0].numEndpoints, 0) << "setting 0 has zero bandwidth";
         for (int a = 1; a < 3; ++a) {
             const MMEDeviceAltSetting& s = itf.altSettings[a];
             EXPECT_EQ(s.flag, 1);
@@ -86,21 +69,16 @@ TEST(UsbsimProfileDefault, RecordDescribesAnEightByEightDevice) {
             EXPECT_EQ(s.channels, 8);
             EXPECT_EQ(s.rateKind, MME_RATES_DISCRETE);
             ASSERT_EQ(s.numRates, 6);
-            EXPECT_EQ(0, std::memcmp(s.rates, rates, sizeof rates));
-            EXPECT_EQ(s.rates[6], 0u) << "places beyond the count stay zero";
-            EXPECT_EQ(s.lowestRate, 44100u);
+            EXPECT_EQ(0, std::memcmp(s.rates, rates, sizeof rates)) << "zero beyond the count";
             EXPECT_EQ(s.highestRate, 192000u);
             ASSERT_EQ(s.numEndpoints, 1);
-            EXPECT_GE(s.endpoints[0].maxPacketSize, 4);
-            // IN endpoint exactly on the input interface
-            EXPECT_EQ((s.endpoints[0].address & 0x80) != 0, i == 1);
+            EXPECT_EQ((s.endpoints[0].address & 0x80) != 0, i == 1) << "IN on the input only";
         }
     }
     EXPECT_EQ(p.hardware, (ChannelConfig{48000, 8, 8, 24, 24, 0}));
-    EXPECT_EQ(p.digitalLockHz, 0u);
 }
 
-TEST(UsbsimProfileDefault, RingsHoldWholePeriodsAndTheDriversWriteAhead) {
+TEST(UsbsimProfile, RingsHoldWholePeriodsAndTheDriversWriteAhead) {
     DeviceProfile p = DeviceProfile::builtInDefault();
     p.accept.rates.clear();
     for (uint32_t period : {256u, 128u, 48u, 1000u}) {
@@ -116,17 +94,15 @@ TEST(UsbsimProfileDefault, RingsHoldWholePeriodsAndTheDriversWriteAhead) {
             // a ring too small for the driver's write-ahead is refused up front
             const bool fits = frames >= usbsim::minimumRingFrames(period);
             EXPECT_EQ(profileErrorOf([&] { p.validate(); }).first,
-                      fits ? "(accepted)" : "periodFrames")
-                << frames << " frames";
+                      fits ? "(accepted)" : "periodFrames");
         }
     }
     p = DeviceProfile::builtInDefault();
     p.ringFrames = 4096;
     EXPECT_EQ(p.ringFramesFor(8), 4096u);
-    EXPECT_NO_THROW(p.validate());
 }
 
-TEST(UsbsimProfileFiles, SamplesSurviveAJsonRoundTripAndDefaultJsonIsTheBuiltIn) {
+TEST(UsbsimProfile, SamplesSurviveAJsonRoundTripAndDefaultJsonIsTheBuiltIn) {
     for (const char* name : {"default.json", "stereo-16.json", "spdif-locked.json"}) {
         SCOPED_TRACE(name);
         const DeviceProfile p = DeviceProfile::fromJsonFile(profilePath(name));
@@ -135,16 +111,9 @@ TEST(UsbsimProfileFiles, SamplesSurviveAJsonRoundTripAndDefaultJsonIsTheBuiltIn)
         EXPECT_EQ(p.toJson(), again.toJson());
     }
     const DeviceProfile fromFile = DeviceProfile::fromJsonFile(profilePath("default.json"));
-    const DeviceProfile builtIn = DeviceProfile::builtInDefault();
-    EXPECT_TRUE(sameRecord(*recordOf(fromFile), *recordOf(builtIn)));
-    EXPECT_EQ(fromFile.toJson(), builtIn.toJson());
+    EXPECT_TRUE(sameRecord(*recordOf(fromFile), *recordOf(DeviceProfile::builtInDefault())));
 
-    auto missing = profileErrorOf([] { DeviceProfile::fromJsonFile("/nonexistent/device.json"); });
-    EXPECT_EQ(missing.first, "/nonexistent/device.json");
-    EXPECT_NE(missing.second.find("cannot open"), std::string::npos) << missing.second;
-}
-
-TEST(UsbsimProfileFiles, SpdifSampleCarriesRangesTwoConfigurationsAndASchedule) {
+    // The S/PDIF sample: rate ranges, two configurations and a schedule.
     const DeviceProfile p = DeviceProfile::fromJsonFile(profilePath("spdif-locked.json"));
     auto info = recordOf(p);
     ASSERT_EQ(info->numConfigurations, 2);
@@ -155,7 +124,6 @@ TEST(UsbsimProfileFiles, SpdifSampleCarriesRangesTwoConfigurationsAndASchedule) 
     EXPECT_EQ(out.numRates, 0);
     ASSERT_EQ(out.numEndpoints, 2);
     EXPECT_EQ(out.endpoints[1].address, 0x83);
-    EXPECT_EQ(info->configurations[0].interfaces[1].altSettings[1].endpoints[0].maxPacketSize, 3);
     EXPECT_EQ(p.digitalLockHz, 44100u);
     EXPECT_EQ(p.captureStartPosition, 0xFFFFFF00u);
     ASSERT_EQ(p.schedule.size(), 5u);
@@ -163,138 +131,134 @@ TEST(UsbsimProfileFiles, SpdifSampleCarriesRangesTwoConfigurationsAndASchedule) 
     EXPECT_EQ(p.schedule[4].value, 48000u);
 }
 
-TEST(UsbsimProfileValidation, CapacitiesOfTheRecordNameTheField) {
-    EXPECT_EQ(errorAfter([](json& j) {
-                  auto& rates = alt(j, 1, 2)["rates"];
-                  for (int i = 0; i < 11; ++i)
-                      rates.push_back(8000 + i);
-              }),
-              "configurations[0].interfaces[1].altSettings[2].rates: 17 rates, at most 16");
-    EXPECT_EQ(errorAfter([](json& j) {
-                  for (int i = 0; i < 4; ++i)
-                      j["configurations"].push_back(j["configurations"][0]);
-              }),
-              "configurations: 5 configurations, at most 4");
-    EXPECT_EQ(errorAfter([](json& j) {
-                  auto& itfs = j["configurations"][0]["interfaces"];
-                  while (itfs.size() < 17)
-                      itfs.push_back(itfs[0]);
-              }),
-              "configurations[0].interfaces: 17 interfaces, at most 16");
-    EXPECT_EQ(errorAfter([](json& j) {
-                  auto& alts = j["configurations"][0]["interfaces"][0]["altSettings"];
-                  while (alts.size() < 17)
-                      alts.push_back(alts[1]);
-              }),
-              "configurations[0].interfaces[0].altSettings: 17 alternate settings, at most 16");
-    EXPECT_EQ(errorAfter([](json& j) {
-                  auto& eps = alt(j, 0, 1)["endpoints"];
-                  while (eps.size() < 5)
-                      eps.push_back(eps[0]);
-              }),
-              "configurations[0].interfaces[0].altSettings[1].endpoints: 5 endpoints, at most 4");
-}
-
-TEST(UsbsimProfileValidation, FormatsOutsideWhatTheRecordCanMean) {
-    EXPECT_EQ(errorAfter([](json& j) { alt(j, 0, 1)["bits"] = 18; }),
-              "configurations[0].interfaces[0].altSettings[1].bits: 18 is not one of 16, 20, 24, "
-              "32");
-    EXPECT_EQ(errorAfter([](json& j) { alt(j, 1, 1)["channels"] = 33; }),
-              "configurations[0].interfaces[1].altSettings[1].channels: 33 is out of range 1..32");
-    EXPECT_EQ(errorAfter([](json& j) { alt(j, 1, 1)["channels"] = 0; }),
-              "configurations[0].interfaces[1].altSettings[1].channels: 0 is out of range 1..32");
-    EXPECT_EQ(errorAfter([](json& j) { alt(j, 0, 2)["rates"][3] = 0; }),
-              "configurations[0].interfaces[0].altSettings[2].rates[3]: 0 Hz is out of range "
-              "1000..768000");
-    EXPECT_EQ(errorAfter([](json& j) { alt(j, 0, 2)["rates"][3] = 44100; }),
-              "configurations[0].interfaces[0].altSettings[2].rates[3]: 44100 Hz is listed twice");
-    EXPECT_EQ(errorAfter([](json& j) { alt(j, 0, 2)["rates"] = json::array(); }),
-              "configurations[0].interfaces[0].altSettings[2].rates: no rates (give rates or "
-              "rateRange)");
-    EXPECT_EQ(errorAfter([](json& j) {
-                  alt(j, 0, 1).erase("rates");
-                  alt(j, 0, 1)["rateRange"] = {{"min", 96000}, {"max", 48000}};
-              }),
-              "configurations[0].interfaces[0].altSettings[1].rateRange: min 96000 is above max "
-              "48000");
-    EXPECT_EQ(errorAfter([](json& j) {
-                  alt(j, 0, 1)["rateRange"] = {{"min", 1}, {"max", 2}};
-              }),
-              "configurations[0].interfaces[0].altSettings[1].rateRange: give either rates or "
-              "rateRange, not both");
-    EXPECT_EQ(errorAfter([](json& j) { alt(j, 1, 1)["endpoints"][0]["address"] = "0x80"; }),
-              "configurations[0].interfaces[1].altSettings[1].endpoints[0].address: 0x80 is not a "
-              "data endpoint address (number 1..15, bit 7 = IN)");
-    EXPECT_EQ(errorAfter([](json& j) { alt(j, 1, 1)["endpoints"][0]["address"] = 0x92; }),
-              "configurations[0].interfaces[1].altSettings[1].endpoints[0].address: 0x92 is not a "
-              "data endpoint address (number 1..15, bit 7 = IN)");
-    EXPECT_EQ(errorAfter([](json& j) { alt(j, 1, 0)["rates"] = {48000}; }),
-              "configurations[0].interfaces[1].altSettings[0].rates: a zero-bandwidth setting (no "
-              "endpoints, 0 bits, 0 channels) carries no rates");
-}
-
-TEST(UsbsimProfileValidation, ShapeAndSpellingOfTheJson) {
-    EXPECT_EQ(errorAfter([](json& j) {
-                  alt(j, 0, 1)["rate"] = 48000; // misspelt
-              }),
-              "configurations[0].interfaces[0].altSettings[1].rate: unknown field");
-    EXPECT_EQ(errorAfter([](json& j) { j.erase("vendorId"); }), "vendorId: missing");
-    EXPECT_EQ(errorAfter([](json& j) { j["vendorId"] = "0x1G09"; }),
-              "vendorId: \"0x1G09\" is not a number");
-    EXPECT_EQ(errorAfter([](json& j) { j["productId"] = 70000; }),
-              "productId: 70000 is out of range 0..65535");
-    EXPECT_EQ(errorAfter([](json& j) { j["thirdWord"] = -1; }), "thirdWord: -1 is negative");
-    EXPECT_EQ(errorAfter([](json& j) {
-                  j["configurations"][0]["interfaces"][1]["direction"] = "sideways";
-              }),
-              "configurations[0].interfaces[1].direction: \"sideways\" is not \"input\" or "
-              "\"output\"");
-    EXPECT_EQ(errorAfter([](json& j) { j["configurations"][0]["interfaces"] = 3; }),
-              "configurations[0].interfaces: expected an array, found number");
-    EXPECT_EQ(errorAfter([](json& j) { j["configurations"] = json::array(); }),
-              "configurations: no configuration, at least 1");
-    EXPECT_EQ(errorAfter([](json& j) { j["accept"]["lockedRateOnly"] = "yes"; }),
-              "accept.lockedRateOnly: expected true or false, found string");
-    EXPECT_EQ(errorAfter([](json& j) {
-                  j["accept"]["refuse"] = {{{"reason", "never"}}};
-              }),
-              "accept.refuse[0]: a refusal rule needs at least one of fr, inCH, outCH, inRes, "
-              "outRes, config");
-
-    auto broken = profileErrorOf([] { DeviceProfile::fromJsonString("{ \"vendorId\": 1,"); });
-    EXPECT_NE(broken.second.find("not valid JSON"), std::string::npos) << broken.second;
+// Each row changes the default profile's JSON one way and names the error.
+TEST(UsbsimProfile, EachKindOfBadProfileIsNamedByItsField) {
+    auto set = [](const std::string& pointer, json value) {
+        return [=](json& j) { j[json::json_pointer(pointer)] = value; };
+    };
+    auto grow = [](const std::string& pointer, size_t to, size_t copy) {
+        return [=](json& j) {
+            json& a = j[json::json_pointer(pointer)];
+            while (a.size() < to)
+                a.push_back(a[copy]);
+        };
+    };
+    const char* const a01 = "configurations[0].interfaces[0].altSettings[1]";
+    const std::string A01 = "/configurations/0/interfaces/0/altSettings/1";
+    const std::string A11 = "/configurations/0/interfaces/1/altSettings/1";
+    const struct {
+        std::function<void(json&)> change;
+        std::string message;
+    } cases[] = {
+        {[](json& j) {
+             for (int i = 0; i < 11; ++i)
+                 alt(j, 1, 2)["rates"].push_back(8000 + i);
+         },
+         "configurations[0].interfaces[1].altSettings[2].rates: 17 rates, at most 16"},
+        {grow("/configurations", 5, 0), "configurations: 5 configurations, at most 4"},
+        {grow("/configurations/0/interfaces", 17, 0),
+         "configurations[0].interfaces: 17 interfaces, at most 16"},
+        {grow("/configurations/0/interfaces/0/altSettings", 17, 1),
+         "configurations[0].interfaces[0].altSettings: 17 alternate settings, at most 16"},
+        {grow((A01 + "/endpoints"), 5, 0), std::string(a01) + ".endpoints: 5 endpoints, at most 4"},
+        {set((A01 + "/bits"), 18), std::string(a01) + ".bits: 18 is not one of 16, 20, 24, 32"},
+        {set((A11 + "/channels"), 33),
+         "configurations[0].interfaces[1].altSettings[1].channels: 33 is out of range 1..32"},
+        {set((A11 + "/channels"), 0),
+         "configurations[0].interfaces[1].altSettings[1].channels: 0 is out of range 1..32"},
+        {[](json& j) { alt(j, 0, 2)["rates"][3] = 0; },
+         "configurations[0].interfaces[0].altSettings[2].rates[3]: 0 Hz is out of range "
+         "1000..768000"},
+        {[](json& j) { alt(j, 0, 2)["rates"][3] = 44100; },
+         "configurations[0].interfaces[0].altSettings[2].rates[3]: 44100 Hz is listed twice"},
+        {[](json& j) { alt(j, 0, 2)["rates"] = json::array(); },
+         "configurations[0].interfaces[0].altSettings[2].rates: no rates (give rates or "
+         "rateRange)"},
+        {[](json& j) {
+             alt(j, 0, 1).erase("rates");
+             alt(j, 0, 1)["rateRange"] = {{"min", 96000}, {"max", 48000}};
+         },
+         std::string(a01) + ".rateRange: min 96000 is above max 48000"},
+        {[](json& j) {
+             alt(j, 0, 1)["rateRange"] = {{"min", 1}, {"max", 2}};
+         },
+         std::string(a01) + ".rateRange: give either rates or rateRange, not both"},
+        {set((A11 + "/endpoints/0/address"), "0x80"),
+         "configurations[0].interfaces[1].altSettings[1].endpoints[0].address: 0x80 is not a "
+         "data endpoint address (number 1..15, bit 7 = IN)"},
+        {set((A11 + "/endpoints/0/address"), 0x92),
+         "configurations[0].interfaces[1].altSettings[1].endpoints[0].address: 0x92 is not a "
+         "data endpoint address (number 1..15, bit 7 = IN)"},
+        {[](json& j) { alt(j, 1, 0)["rates"] = {48000}; },
+         "configurations[0].interfaces[1].altSettings[0].rates: a zero-bandwidth setting (no "
+         "endpoints, 0 bits, 0 channels) carries no rates"},
+        {set((A01 + "/rate"), 48000), std::string(a01) + ".rate: unknown field"},
+        {[](json& j) { j.erase("vendorId"); }, "vendorId: missing"},
+        {set("/vendorId", "0x1G09"), "vendorId: \"0x1G09\" is not a number"},
+        {set("/productId", 70000), "productId: 70000 is out of range 0..65535"},
+        {set("/thirdWord", -1), "thirdWord: -1 is negative"},
+        {set("/configurations/0/interfaces/1/direction", "sideways"),
+         "configurations[0].interfaces[1].direction: \"sideways\" is not \"input\" or "
+         "\"output\""},
+        {set("/configurations/0/interfaces", 3),
+         "configurations[0].interfaces: expected an array, found number"},
+        {set("/configurations", json::array()), "configurations: no configuration, at least 1"},
+        {set("/accept/lockedRateOnly", "yes"),
+         "accept.lockedRateOnly: expected true or false, found string"},
+        {set("/accept/refuse", {{{"reason", "never"}}}),
+         "accept.refuse[0]: a refusal rule needs at least one of fr, inCH, outCH, inRes, "
+         "outRes, config"},
+        {set("/hardware/inRes", 12), "hardware.inRes: 12 is not one of 16, 20, 24, 32"},
+        {set("/hardware/fr", 0), "hardware.fr: 0 Hz is out of range 1000..768000"},
+        {set("/hardware/outCH", 40), "hardware.outCH: 40 is out of range 0..32"},
+        {set("/hardware/fr", 32000),
+         "hardware: the accept rules refuse the starting configuration: rate 32000 Hz not "
+         "supported (32000 Hz, 8 in x 24 bits, 8 out x 24 bits, config 0)"},
+        {set("/periodFrames", 0), "periodFrames: 0 is out of range 1..4096"},
+        {set("/ringFrames", 2048), "ringFrames: 2048 frames, at least 2724 for a period of 256"},
+        {set("/ringFrames", 32768),
+         "ringFrames: 32768 frames of 8 channels exceed the ring's 131072 samples"},
+        {set("/schedule", {{{"period", 3}, {"event", "asioAtach"}}}),
+         "schedule[0].event: unknown event \"asioAtach\""},
+        {set("/schedule", {{{"period", 3}, {"event", "sampleRate"}}}),
+         "schedule[0].value: missing"},
+        {set("/schedule", {{{"period", 3}, {"event", "asioDetach"}, {"value", 1}}}),
+         "schedule[0].value: event \"asioDetach\" takes no value"},
+        {set("/schedule",
+             {{{"period", 9}, {"event", "asioAttach"}}, {{"period", 4}, {"event", "asioDetach"}}}),
+         "schedule[1].period: periods must not go backwards (4 after 9)"},
+    };
+    for (const auto& c : cases) {
+        json j = DeviceProfile::builtInDefault().toJson();
+        c.change(j);
+        EXPECT_EQ(profileErrorOf([&] { DeviceProfile::fromJson(j); }).second, c.message);
+    }
+    EXPECT_NE(profileErrorOf([] {
+                  DeviceProfile::fromJsonString("{ \"vendorId\": 1,");
+              }).second.find("not valid JSON"),
+              std::string::npos);
     EXPECT_EQ(profileErrorOf([] { DeviceProfile::fromJsonString("[1, 2]"); }).second,
               "(profile): expected an object, found array");
+    auto missing = profileErrorOf([] { DeviceProfile::fromJsonFile("/nonexistent/device.json"); });
+    EXPECT_EQ(missing.first, "/nonexistent/device.json");
+    EXPECT_NE(missing.second.find("cannot open"), std::string::npos) << missing.second;
 }
 
 namespace {
 
-void leafPaths(const json& j, const std::string& pointer, std::vector<std::string>& out) {
-    out.push_back(pointer);
+// Every value's JSON pointer with the field name a ProfileError gives it
+// ("/configurations/0/interfaces" -> "configurations[0].interfaces").
+void fields(const json& j, const std::string& pointer, const std::string& field,
+            std::vector<std::pair<std::string, std::string>>& out) {
+    out.emplace_back(pointer, field);
     if (j.is_object())
         for (auto it = j.begin(); it != j.end(); ++it)
-            leafPaths(it.value(), pointer + "/" + it.key(), out);
+            fields(it.value(), pointer + "/" + it.key(),
+                   field + (field.empty() ? "" : ".") + it.key(), out);
     else if (j.is_array())
         for (size_t i = 0; i < j.size(); ++i)
-            leafPaths(j[i], pointer + "/" + std::to_string(i), out);
-}
-
-// "/configurations/0/interfaces/1" -> "configurations[0].interfaces[1]"
-std::string fieldOf(const std::string& pointer) {
-    std::string field;
-    size_t pos = 1;
-    while (pos <= pointer.size() && pointer.size() > 1) {
-        size_t next = pointer.find('/', pos);
-        std::string token = pointer.substr(pos, next - pos);
-        if (!token.empty() && std::isdigit(static_cast<unsigned char>(token[0])))
-            field += "[" + token + "]";
-        else
-            field += (field.empty() ? "" : ".") + token;
-        if (next == std::string::npos)
-            break;
-        pos = next + 1;
-    }
-    return field;
+            fields(j[i], pointer + "/" + std::to_string(i), field + "[" + std::to_string(i) + "]",
+                   out);
 }
 
 bool related(const std::string& a, const std::string& b) {
@@ -308,18 +272,18 @@ bool related(const std::string& a, const std::string& b) {
 
 } // namespace
 
-// Every field of a profile replaced by every wrong kind of value: the reader
-// answers with a ProfileError naming that field (or what it contains, or the
-// starting configuration it makes unacceptable), never with anything else.
-TEST(UsbsimProfileValidation, AnyWrongValueAnywhereIsNamed) {
+// Every field replaced by every wrong kind of value: the reader answers with
+// a ProfileError naming that field (or what it contains, or the starting
+// configuration it makes unacceptable), never with anything else.
+TEST(UsbsimProfile, AnyWrongValueAnywhereIsNamed) {
     for (const char* file : {"default.json", "spdif-locked.json"}) {
-        json base = DeviceProfile::fromJsonFile(profilePath(file)).toJson();
-        std::vector<std::string> pointers;
-        leafPaths(base, "", pointers);
+        const json base = DeviceProfile::fromJsonFile(profilePath(file)).toJson();
+        std::vector<std::pair<std::string, std::string>> all;
+        fields(base, "", "", all);
         const json wrong[] = {nullptr,       true,           -1,   1.5,          "x",
                               json::array(), json::object(), 1e12, 4294967296ull};
         size_t refused = 0;
-        for (const auto& pointer : pointers) {
+        for (const auto& [pointer, field] : all) {
             if (pointer.empty())
                 continue;
             for (const auto& value : wrong) {
@@ -332,61 +296,23 @@ TEST(UsbsimProfileValidation, AnyWrongValueAnywhereIsNamed) {
                     // an event out of order is named where the order breaks: the next one
                     const bool order =
                         e.field().rfind("schedule[", 0) == 0 && pointer.rfind("/schedule/", 0) == 0;
-                    EXPECT_TRUE(related(e.field(), fieldOf(pointer)) || e.field() == "hardware" ||
-                                order)
+                    EXPECT_TRUE(related(e.field(), field) || e.field() == "hardware" || order)
                         << pointer << " = " << value.dump() << ": " << e.what();
                 } catch (const std::exception& e) {
                     ADD_FAILURE() << pointer << " = " << value.dump() << ": " << e.what();
                 }
             }
         }
-        EXPECT_GT(refused, pointers.size() * 4) << file;
+        EXPECT_GT(refused, all.size() * 4) << file;
     }
 }
 
-TEST(UsbsimProfileValidation, HardwareRingAndSchedule) {
-    EXPECT_EQ(errorAfter([](json& j) { j["hardware"]["inRes"] = 12; }),
-              "hardware.inRes: 12 is not one of 16, 20, 24, 32");
-    EXPECT_EQ(errorAfter([](json& j) { j["hardware"]["fr"] = 0; }),
-              "hardware.fr: 0 Hz is out of range 1000..768000");
-    EXPECT_EQ(errorAfter([](json& j) { j["hardware"]["outCH"] = 40; }),
-              "hardware.outCH: 40 is out of range 0..32");
-    EXPECT_EQ(errorAfter([](json& j) { j["hardware"]["fr"] = 32000; }),
-              "hardware: the accept rules refuse the starting configuration: rate 32000 Hz not "
-              "supported (32000 Hz, 8 in x 24 bits, 8 out x 24 bits, config 0)");
-    EXPECT_EQ(errorAfter([](json& j) { j["periodFrames"] = 0; }),
-              "periodFrames: 0 is out of range 1..4096");
-    EXPECT_EQ(errorAfter([](json& j) { j["ringFrames"] = 2048; }),
-              "ringFrames: 2048 frames, at least 2724 for a period of 256");
-    EXPECT_EQ(errorAfter([](json& j) { j["ringFrames"] = 32768; }),
-              "ringFrames: 32768 frames of 8 channels exceed the ring's 131072 samples");
-    EXPECT_EQ(errorAfter([](json& j) {
-                  j["schedule"] = {{{"period", 3}, {"event", "asioAtach"}}};
-              }),
-              "schedule[0].event: unknown event \"asioAtach\"");
-    EXPECT_EQ(errorAfter([](json& j) {
-                  j["schedule"] = {{{"period", 3}, {"event", "sampleRate"}}};
-              }),
-              "schedule[0].value: missing");
-    EXPECT_EQ(errorAfter([](json& j) {
-                  j["schedule"] = {{{"period", 3}, {"event", "asioDetach"}, {"value", 1}}};
-              }),
-              "schedule[0].value: event \"asioDetach\" takes no value");
-    EXPECT_EQ(errorAfter([](json& j) {
-                  j["schedule"] = {{{"period", 9}, {"event", "asioAttach"}},
-                                   {{"period", 4}, {"event", "asioDetach"}}};
-              }),
-              "schedule[1].period: periods must not go backwards (4 after 9)");
-}
-
-TEST(UsbsimProfileAccept, ChangesAreJudgedByTheRules) {
+TEST(UsbsimProfile, ChangesAreJudgedByTheAcceptRules) {
     DeviceProfile p = DeviceProfile::fromJsonFile(profilePath("spdif-locked.json"));
     std::string why;
-    const ChannelConfig base{44100, 2, 4, 24, 24, 7};
-    EXPECT_TRUE(p.accepts(base, 44100, &why)) << why;
+    EXPECT_TRUE(p.accepts({44100, 2, 4, 24, 24, 7}, 44100, &why)) << why;
     EXPECT_TRUE(p.accepts({48000, 2, 4, 24, 24, 7}, 0, &why)) << "no lock, listed rate";
-
-    struct Case {
+    const struct {
         ChannelConfig c;
         uint32_t lock;
         const char* reason;
@@ -406,32 +332,25 @@ TEST(UsbsimProfileAccept, ChangesAreJudgedByTheRules) {
         EXPECT_EQ(why.rfind(c.reason, 0), 0u) << why;
     }
     EXPECT_TRUE(p.accepts({96000, 2, 2, 24, 24, 7}, 0, &why)) << "the rule needs outCH 4 too";
-
     p.accept.lockedRateOnly = false;
     EXPECT_TRUE(p.accepts({48000, 2, 4, 24, 24, 7}, 44100, &why)) << why;
 }
 
-TEST(UsbsimRawDeviceInfo, WritesCountsThatNoProfileWouldAllow) {
+TEST(UsbsimProfile, RawDeviceInfoWritesCountsThatNoProfileWouldAllow) {
     usbsim::RawDeviceInfo raw(DeviceProfile::builtInDefault());
-    raw.numConfigurations(9)
-        .numInterfaces(0, 200)
-        .numAltSettings(0, 1, 17)
-        .numRates(0, 1, 1, 17)
-        .numEndpoints(0, 1, 1, 255)
-        .ids(0xABCD, 0x1234, 7);
+    raw.numConfigurations(9).numInterfaces(0, 200).numAltSettings(0, 1, 17).numRates(0, 1, 1, 17);
+    raw.numEndpoints(0, 1, 1, 255).ids(0xABCD, 0x1234, 7);
     const MMEDeviceInfo& info = raw.info();
+    const MMEDeviceAltSetting& s = info.configurations[0].interfaces[1].altSettings[1];
     EXPECT_EQ(info.numConfigurations, 9);
     EXPECT_EQ(info.configurations[0].numInterfaces, 200);
     EXPECT_EQ(info.configurations[0].interfaces[1].numAltSettings, 17);
-    EXPECT_EQ(info.configurations[0].interfaces[1].altSettings[1].numRates, 17);
-    EXPECT_EQ(info.configurations[0].interfaces[1].altSettings[1].numEndpoints, 255);
+    EXPECT_EQ(s.numRates, 17);
+    EXPECT_EQ(s.numEndpoints, 255);
     EXPECT_EQ(info.vendorId, 0xABCD);
     EXPECT_EQ(info.thirdWord, 7);
-    // everything else is still the profile's
-    EXPECT_EQ(info.configurations[0].interfaces[1].altSettings[1].rates[5], 192000u);
-    EXPECT_EQ(info.configurations[0].interfaces[1].altSettings[1].endpoints[0].address, 0x82);
-
+    EXPECT_EQ(s.rates[5], 192000u) << "the rest is the profile's";
     usbsim::RawDeviceInfo empty;
-    MMEDeviceInfo zero{};
+    const MMEDeviceInfo zero{};
     EXPECT_TRUE(sameRecord(empty.info(), zero));
 }
