@@ -1,17 +1,10 @@
 // Fuzzes the search of the USB driver's device-info record and the wave
-// filter's pin ranges built from it.
-//
-// Input: identity choice, counts at every level (any value, capacities
-// notwithstanding), raw alternate settings, raw patches anywhere in the
-// record, then one direct query. The record sits on the heap at exactly its
-// own size, so a walk past its end is caught by AddressSanitizer.
-//
-// Checks: a match names an alternate setting inside the record's
-// capacities that really carries the asked resolution, channel count and
-// rate; a discrete-only match is also a match when ranges are allowed; the
-// descriptor built from the record keeps each streaming pin within its 30
-// range slots, every range naming one rate with 16 to 24 bits and an even
-// channel count of 2 to 32, no rate twice on a pin.
+// filter's pin ranges built from it. The record (any counts, raw settings,
+// raw patches) sits on the heap at exactly its own size, for ASan. A match
+// must name a setting inside the record's capacities that carries the
+// asked format (and stay a match when ranges are allowed); each streaming
+// pin keeps within its range slots, every range one rate, 16 to 24 bits,
+// an even channel count of 2 to 32, no rate twice.
 #include "FuzzSupport.h"
 
 #include "driver/wave/DeviceFormat.h"

@@ -1,18 +1,9 @@
 // Fuzzes format validation and stream creation with arbitrary KSDATAFORMAT
-// buffers, on the whole driver started over the model USB driver (built
-// once; every input leaves it as it found it).
-//
-// Input: direction, a digital lock frequency, what to do with an opened
-// stream, then the format bytes. Validation gets a heap buffer of exactly
-// the input's length and must read nothing past it. NewStream gets the
-// bytes as the port would hand them over (at least the 64-byte header, with
-// FormatSize saying how many bytes there are).
-//
-// Checks: an accepted format is audio with a WAVEFORMATEX specifier, 16 or
-// 24 bits at one of the pin's rates (the locked one when locked), matched
-// by a range of the pin that holds its channels and block alignment; a
-// stream is created exactly for formats that validate, shapes its DMA
-// channel for the format, and leaves nothing behind when the port lets go.
+// bytes under an optional digital lock. An accepted format is audio with a
+// WAVEFORMATEX specifier, 16 or 24 bits at one of the pin's rates (the
+// locked one when locked), matched by a range holding its channels and
+// block alignment; a stream is made exactly for formats that validate,
+// shapes its DMA channel for the format and leaves nothing behind.
 #include "FuzzSupport.h"
 
 #include <memory>

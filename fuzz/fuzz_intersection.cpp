@@ -1,20 +1,11 @@
-// Fuzzes the wave filter's data range intersection on the whole driver
-// started over the model USB driver (built once; every input leaves it as
-// it found it).
-//
-// Input: pin id, which of the pin's own ranges to answer with (or a fuzzed
-// one), the output buffer's length and whether the out pointers exist,
-// which streams are open, the hardware rate and the digital lock, then the
-// client's range bytes. Ranges are handed over as the port does: at least
-// the 64-byte header, with at least FormatSize bytes behind it. The result
-// buffer is exactly OutputBufferLength bytes on the heap.
-//
-// Checks: only the statuses the protocol names; a size answer of 104 bytes
-// whenever a length is written; a written format is a well-formed
-// WAVEFORMATEXTENSIBLE inside both ranges, at the hardware rate while a
-// stream is open and at the locked rate while locked; and answered on a
-// pin's own range with 16 or 24 bits and a channel count the pin can
-// reduce to, it is a format the same driver accepts for a stream.
+// Fuzzes the wave filter's data range intersection: any pin, the pin's own
+// range or a fuzzed one, any buffer length, open streams, hardware rate and
+// lock, any client range (handed over as the port does). Only the statuses
+// the protocol names; a size answer of 104 bytes whenever a length is
+// written; a written format is a well-formed WAVEFORMATEXTENSIBLE inside
+// both ranges, at the hardware rate while a stream is open and the locked
+// rate while locked, and one the driver accepts when it came from a pin's
+// own range with a width and channel count the pin can take.
 #include "FuzzSupport.h"
 
 #include "host/portcls/KsClient.h"

@@ -1,16 +1,10 @@
-// Allocation fault sweep over the whole life of a device: load, add, start,
-// open and run a capture and a render stream through the kernel-streaming
-// client API, move periods, let the ASIO client come and go (the attach
-// timer fires), change formats (the rate, channel counts and widths), close
-// both streams and remove the device.
-//
-// The life runs once to record every pool allocation (tag, size and the
-// step it happens in), then once more for each of them with that one
-// failing. Every run must end with nothing left behind (no pool block, IRP,
-// device object or timer), no assertion report and no verifier failure,
-// and the failure must show as the driver (or, for the host's own
-// allocations, the port-class library) reports it: the status of the step
-// that failed, the driver's trace line, or the silence the driver keeps.
+// Allocation fault sweep over a device's whole life: load, add, start, a
+// capture and a render stream opened and run, the ASIO client coming and
+// going (the attach timer fires), new formats, close, remove. The life runs
+// once to record every pool allocation, then once per allocation with that
+// one failing: every run must leave nothing behind, report no assertion or
+// verifier failure, and show the failure as the driver (or the port-class
+// library) reports it.
 #include "driver/adapter/MMEAdapter.h"
 #include "driver/entry/adapter.h"
 #include "driver/streaming/MMEDMAEmulator.h"
@@ -219,13 +213,10 @@ bool tracedStart(const Life& life, const std::string& prefix) {
 }
 
 std::string describe(const Allocation& a) {
-    char tag[5] = {};
-    for (int i = 0; i < 4; ++i) {
-        const char c = char((a.tag >> (8 * i)) & 0xFF);
-        tag[i] = (c >= 0x20 && c < 0x7F) ? c : '.';
-    }
-    return "'" + std::string(tag) + "' " + std::to_string(a.size) + " bytes in step \"" + a.step +
-           "\"";
+    std::string tag(reinterpret_cast<const char*>(&a.tag), 4);
+    for (char& c : tag)
+        c = c >= 0x20 && c < 0x7F ? c : '.';
+    return "'" + tag + "' " + std::to_string(a.size) + " bytes in step \"" + a.step + "\"";
 }
 
 constexpr ULONG tagOf(const char (&text)[5]) {
@@ -235,44 +226,43 @@ constexpr ULONG tagOf(const char (&text)[5]) {
 
 // What an allocation of the reference life is for.
 enum class What {
-    PnpStart, // the port-class library's start request
+    PnpStart,
     Adapter,
-    Timer,   // the adapter's attach timer
-    Request, // the adapter's request to the USB driver
+    Timer,
+    Request,
     TopologyPort,
-    Topology, // the topology miniport
+    Topology,
     WavePort,
-    Wave, // the wave miniport
+    Wave,
     ServiceGroup,
-    Descriptor,     // the wave filter's descriptor
-    CaptureChannel, // the capture DMA channel
+    Descriptor,
+    CaptureChannel,
     RenderChannel,
-    Pin,          // the port's pin for a stream
-    Stream,       // the wave stream
-    StreamBuffer, // a DMA channel's scratch or cyclic buffer for a stream
-    PnpRemove,    // the port-class library's remove request
-    Unknown,
+    Pin,
+    Stream,
+    StreamBuffer,
+    PnpRemove,
+    Unknown
 };
-
+const char* const kWhat[] = {"start request",
+                             "adapter",
+                             "attach timer",
+                             "USB request",
+                             "topology port",
+                             "topology miniport",
+                             "wave port",
+                             "wave miniport",
+                             "service group",
+                             "descriptor",
+                             "capture DMA channel",
+                             "render DMA channel",
+                             "pin",
+                             "stream",
+                             "stream buffer (a DMA channel's scratch or cyclic buffer)",
+                             "remove request",
+                             "unknown"};
 const char* nameOf(What w) {
-    static const char* const names[] = {"start request",
-                                        "adapter",
-                                        "attach timer",
-                                        "USB request",
-                                        "topology port",
-                                        "topology miniport",
-                                        "wave port",
-                                        "wave miniport",
-                                        "service group",
-                                        "descriptor",
-                                        "capture DMA channel",
-                                        "render DMA channel",
-                                        "pin",
-                                        "stream",
-                                        "stream buffer",
-                                        "remove request",
-                                        "unknown"};
-    return names[int(w)];
+    return kWhat[int(w)];
 }
 
 struct Role {
