@@ -1,9 +1,7 @@
 // The linked driver and its Windows image, one after the other in this
-// process, through the same device life: start, both streams at several
-// formats, the ASIO client coming and going (the attach timer fires), a
-// configuration change the USB driver refuses, removal with both streams
-// running. Both must print the same trace line for line (addresses aside)
-// and send the device and the client the same samples.
+// process, through the same life: streams at several formats, the ASIO
+// client coming and going, a change the USB driver refuses, removal with
+// streams running. Both must trace the same and move the same samples.
 #include "support/DriverImage.h"
 #include "support/E2eRig.h"
 #include "usbsim/Backends.h"
@@ -26,13 +24,10 @@ struct Life {
     size_t timedStarts = 0;
 };
 
-// Whether two traces say the same, line for line. Addresses differ
-// between the two runs: pointers (16 hex digits) and the 0x-numbers the
-// driver prints from them may differ where both are address-like (the two
-// runs share one heap, so freed blocks are not reused alike and no mapping
-// between the runs' addresses holds). Status codes and small numbers must
-// be equal. The banner's build
-// time is left out. Empty when the same, else the first difference.
+// Empty when two traces say the same line for line, else the first
+// difference. Pointers and address-like 0x-numbers may differ (the runs
+// share one heap, so no mapping between their addresses holds); status
+// codes and small numbers may not. The banner's build time is left out.
 std::string traceDifference(const std::vector<std::string>& a, const std::vector<std::string>& b) {
     static const std::regex token("[0-9A-F]{16}|0x[0-9A-Fa-f]+");
     static const std::regex built("built:.*");

@@ -1,8 +1,5 @@
-// What a loaded image reads from the processor and how its DbgPrint calls
-// come out, through the probe image built by the same toolchain as the
-// driver (tests/image/probe.cpp): the thread from gs:[0x188] on any thread,
-// the IRQL through CR8 in both directions, a privileged instruction caught,
-// and DbgPrint's arguments read and formatted as Windows does.
+// A loaded image's processor state and DbgPrint, through the probe image
+// built by the driver's toolchain (tests/image/probe.cpp).
 #include "host/image/Exports.h"
 #include "host/image/PeImage.h"
 #include "host/image/Processor.h"
@@ -55,12 +52,9 @@ protected:
 
 using Lines = std::vector<std::string>;
 
-TEST_F(ImageProbe, DbgPrintTakesWindowsArgumentsAndFormats) {
+TEST_F(ImageProbe, DbgPrintFormatsAsWindowsAndCr8ReadsAndSetsTheThreadsIrql) {
     // %ld is 32 bits on Windows: the 64-bit 0x1234567890 prints its low half.
     EXPECT_EQ(run(u'p'), Lines{"probe 878082192 fedcba9876543210 wide|"});
-}
-
-TEST_F(ImageProbe, Cr8ReadsAndSetsTheThreadsIrql) {
     EXPECT_EQ(run(u'i'), Lines{"probe irql 0 0 2 0"});
     EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
     Lines atDispatch;
