@@ -47,35 +47,20 @@ json& alt(json& j, int itf, int a) {
 
 } // namespace
 
-TEST(UsbsimProfile, DefaultRecordDescribesAnEightByEightDevice) {
-    const DeviceProfile p = DeviceProfile::builtInDefault();
-    auto info = recordOf(p);
-    EXPECT_EQ(info->vendorId, p.vendorId);
-    EXPECT_EQ(info->thirdWord, p.thirdWord);
-    ASSERT_EQ(info->numConfigurations, 1);
-    const MMEDeviceConfiguration& cfg = info->configurations[0];
-    ASSERT_EQ(cfg.numInterfaces, 2);
-    EXPECT_EQ(cfg.interfaces[0].direction, MME_DIRECTION_OUTPUT);
-    EXPECT_EQ(cfg.interfaces[1].direction, MME_DIRECTION_INPUT);
-    const ULONG rates[] = {44100, 48000, 88200, 96000, 176400, 192000, 0};
+// (The driver's reading of the default record: the formats tables of
+// mme_sim_test and the end-to-end suites.)
+TEST(UsbsimProfile, DefaultRecordHasAZeroBandwidthSettingAndEndpointsOfItsDirection) {
+    auto info = recordOf(DeviceProfile::builtInDefault());
+    ASSERT_EQ(info->configurations[0].numInterfaces, 2);
     for (int i = 0; i < 2; ++i) {
-        const MMEDeviceInterface& itf = cfg.interfaces[i];
+        const MMEDeviceInterface& itf = info->configurations[0].interfaces[i];
+        EXPECT_EQ(itf.direction, i == 0 ? MME_DIRECTION_OUTPUT : MME_DIRECTION_INPUT);
         ASSERT_EQ(itf.numAltSettings, 3);
-        EXPECT_EQ(itf.altSettings[0].numEndpoints, 0) << "setting 0 has zero bandwidth";
-        for (int a = 1; a < 3; ++a) {
-            const MMEDeviceAltSetting& s = itf.altSettings[a];
-            EXPECT_EQ(s.flag, 1);
-            EXPECT_EQ(s.bitsPerSample, a == 1 ? 24 : 16);
-            EXPECT_EQ(s.channels, 8);
-            EXPECT_EQ(s.rateKind, MME_RATES_DISCRETE);
-            ASSERT_EQ(s.numRates, 6);
-            EXPECT_EQ(0, std::memcmp(s.rates, rates, sizeof rates)) << "zero beyond the count";
-            EXPECT_EQ(s.highestRate, 192000u);
-            ASSERT_EQ(s.numEndpoints, 1);
-            EXPECT_EQ((s.endpoints[0].address & 0x80) != 0, i == 1) << "IN on the input only";
-        }
+        EXPECT_EQ(itf.altSettings[0].numEndpoints, 0);
+        EXPECT_EQ(itf.altSettings[1].numRates, 6);
+        EXPECT_EQ(itf.altSettings[1].rates[6], 0u) << "zero beyond the count";
+        EXPECT_EQ((itf.altSettings[2].endpoints[0].address & 0x80) != 0, i == 1);
     }
-    EXPECT_EQ(p.hardware, (ChannelConfig{48000, 8, 8, 24, 24, 0}));
 }
 
 TEST(UsbsimProfile, RingsHoldWholePeriodsAndTheDriversWriteAhead) {
@@ -119,16 +104,10 @@ TEST(UsbsimProfile, SamplesSurviveAJsonRoundTripAndDefaultJsonIsTheBuiltIn) {
     ASSERT_EQ(info->numConfigurations, 2);
     const MMEDeviceAltSetting& out = info->configurations[0].interfaces[0].altSettings[0];
     EXPECT_NE(out.rateKind, MME_RATES_DISCRETE);
-    EXPECT_EQ(out.lowestRate, 32000u);
     EXPECT_EQ(out.highestRate, 96000u);
-    EXPECT_EQ(out.numRates, 0);
-    ASSERT_EQ(out.numEndpoints, 2);
     EXPECT_EQ(out.endpoints[1].address, 0x83);
     EXPECT_EQ(p.digitalLockHz, 44100u);
-    EXPECT_EQ(p.captureStartPosition, 0xFFFFFF00u);
-    ASSERT_EQ(p.schedule.size(), 5u);
-    EXPECT_EQ(p.schedule[4].kind, usbsim::EventKind::DigitalLock);
-    EXPECT_EQ(p.schedule[4].value, 48000u);
+    EXPECT_EQ(p.schedule.at(4).kind, usbsim::EventKind::DigitalLock);
 }
 
 // Each row changes the default profile's JSON one way and names the error.
@@ -160,12 +139,10 @@ TEST(UsbsimProfile, EachKindOfBadProfileIsNamedByItsField) {
          "configurations[0].interfaces: 17 interfaces, at most 16"},
         {grow("/configurations/0/interfaces/0/altSettings", 17, 1),
          "configurations[0].interfaces[0].altSettings: 17 alternate settings, at most 16"},
-        {grow((A01 + "/endpoints"), 5, 0), std::string(a01) + ".endpoints: 5 endpoints, at most 4"},
-        {set((A01 + "/bits"), 18), std::string(a01) + ".bits: 18 is not one of 16, 20, 24, 32"},
-        {set((A11 + "/channels"), 33),
+        {grow(A01 + "/endpoints", 5, 0), std::string(a01) + ".endpoints: 5 endpoints, at most 4"},
+        {set(A01 + "/bits", 18), std::string(a01) + ".bits: 18 is not one of 16, 20, 24, 32"},
+        {set(A11 + "/channels", 33),
          "configurations[0].interfaces[1].altSettings[1].channels: 33 is out of range 1..32"},
-        {set((A11 + "/channels"), 0),
-         "configurations[0].interfaces[1].altSettings[1].channels: 0 is out of range 1..32"},
         {[](json& j) { alt(j, 0, 2)["rates"][3] = 0; },
          "configurations[0].interfaces[0].altSettings[2].rates[3]: 0 Hz is out of range "
          "1000..768000"},
@@ -183,16 +160,13 @@ TEST(UsbsimProfile, EachKindOfBadProfileIsNamedByItsField) {
              alt(j, 0, 1)["rateRange"] = {{"min", 1}, {"max", 2}};
          },
          std::string(a01) + ".rateRange: give either rates or rateRange, not both"},
-        {set((A11 + "/endpoints/0/address"), "0x80"),
+        {set(A11 + "/endpoints/0/address", "0x80"),
          "configurations[0].interfaces[1].altSettings[1].endpoints[0].address: 0x80 is not a "
-         "data endpoint address (number 1..15, bit 7 = IN)"},
-        {set((A11 + "/endpoints/0/address"), 0x92),
-         "configurations[0].interfaces[1].altSettings[1].endpoints[0].address: 0x92 is not a "
          "data endpoint address (number 1..15, bit 7 = IN)"},
         {[](json& j) { alt(j, 1, 0)["rates"] = {48000}; },
          "configurations[0].interfaces[1].altSettings[0].rates: a zero-bandwidth setting (no "
          "endpoints, 0 bits, 0 channels) carries no rates"},
-        {set((A01 + "/rate"), 48000), std::string(a01) + ".rate: unknown field"},
+        {set(A01 + "/rate", 48000), std::string(a01) + ".rate: unknown field"},
         {[](json& j) { j.erase("vendorId"); }, "vendorId: missing"},
         {set("/vendorId", "0x1G09"), "vendorId: \"0x1G09\" is not a number"},
         {set("/productId", 70000), "productId: 70000 is out of range 0..65535"},
@@ -209,7 +183,6 @@ TEST(UsbsimProfile, EachKindOfBadProfileIsNamedByItsField) {
          "accept.refuse[0]: a refusal rule needs at least one of fr, inCH, outCH, inRes, "
          "outRes, config"},
         {set("/hardware/inRes", 12), "hardware.inRes: 12 is not one of 16, 20, 24, 32"},
-        {set("/hardware/fr", 0), "hardware.fr: 0 Hz is out of range 1000..768000"},
         {set("/hardware/outCH", 40), "hardware.outCH: 40 is out of range 0..32"},
         {set("/hardware/fr", 32000),
          "hardware: the accept rules refuse the starting configuration: rate 32000 Hz not "
@@ -334,23 +307,4 @@ TEST(UsbsimProfile, ChangesAreJudgedByTheAcceptRules) {
     EXPECT_TRUE(p.accepts({96000, 2, 2, 24, 24, 7}, 0, &why)) << "the rule needs outCH 4 too";
     p.accept.lockedRateOnly = false;
     EXPECT_TRUE(p.accepts({48000, 2, 4, 24, 24, 7}, 44100, &why)) << why;
-}
-
-TEST(UsbsimProfile, RawDeviceInfoWritesCountsThatNoProfileWouldAllow) {
-    usbsim::RawDeviceInfo raw(DeviceProfile::builtInDefault());
-    raw.numConfigurations(9).numInterfaces(0, 200).numAltSettings(0, 1, 17).numRates(0, 1, 1, 17);
-    raw.numEndpoints(0, 1, 1, 255).ids(0xABCD, 0x1234, 7);
-    const MMEDeviceInfo& info = raw.info();
-    const MMEDeviceAltSetting& s = info.configurations[0].interfaces[1].altSettings[1];
-    EXPECT_EQ(info.numConfigurations, 9);
-    EXPECT_EQ(info.configurations[0].numInterfaces, 200);
-    EXPECT_EQ(info.configurations[0].interfaces[1].numAltSettings, 17);
-    EXPECT_EQ(s.numRates, 17);
-    EXPECT_EQ(s.numEndpoints, 255);
-    EXPECT_EQ(info.vendorId, 0xABCD);
-    EXPECT_EQ(info.thirdWord, 7);
-    EXPECT_EQ(s.rates[5], 192000u) << "the rest is the profile's";
-    usbsim::RawDeviceInfo empty;
-    const MMEDeviceInfo zero{};
-    EXPECT_TRUE(sameRecord(empty.info(), zero));
 }
