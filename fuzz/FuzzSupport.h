@@ -11,6 +11,7 @@
 #include "driver/wave/MMEWaveStream.h"
 #include "host/kernel/HostKernel.h"
 #include "host/portcls/HostPortCls.h"
+#include "host/portcls/KsClient.h"
 #include "support/AdapterHarness.h"
 #include "support/WaveRig.h"
 #include "usbsim/UsbDriverModel.h"
@@ -130,6 +131,13 @@ public:
     using Opened = wavetest::OpenedStream;
     Opened open(bool capture, std::vector<UCHAR>& format) {
         return wavetest::openStream(wave, capture, format);
+    }
+    // A 48 kHz stereo 16-bit stream, which the device always takes.
+    Opened openStereo(bool capture) {
+        auto format = hostpc::pcmFormat(48000, 2, 16, false);
+        Opened opened = open(capture, format);
+        FUZZ_CHECK(opened.status == STATUS_SUCCESS, "a stereo stream did not open");
+        return opened;
     }
     static void close(Opened& o) { wavetest::closeStream(o); }
     // Buffers the DMA channels keep after their streams close.
