@@ -111,6 +111,7 @@ TEST(UsbsimProfile, SamplesSurviveAJsonRoundTripAndDefaultJsonIsTheBuiltIn) {
 }
 
 // Each row changes the default profile's JSON one way and names the error.
+// (That nothing but such an error escapes, whatever the text: fuzz_profile.)
 TEST(UsbsimProfile, EachKindOfBadProfileIsNamedByItsField) {
     auto set = [](const std::string& pointer, json value) {
         return [=](json& j) { j[json::json_pointer(pointer)] = value; };
@@ -215,69 +216,6 @@ TEST(UsbsimProfile, EachKindOfBadProfileIsNamedByItsField) {
     auto missing = profileErrorOf([] { DeviceProfile::fromJsonFile("/nonexistent/device.json"); });
     EXPECT_EQ(missing.first, "/nonexistent/device.json");
     EXPECT_NE(missing.second.find("cannot open"), std::string::npos) << missing.second;
-}
-
-namespace {
-
-// Every value's JSON pointer with the field name a ProfileError gives it
-// ("/configurations/0/interfaces" -> "configurations[0].interfaces").
-void fields(const json& j, const std::string& pointer, const std::string& field,
-            std::vector<std::pair<std::string, std::string>>& out) {
-    out.emplace_back(pointer, field);
-    if (j.is_object())
-        for (auto it = j.begin(); it != j.end(); ++it)
-            fields(it.value(), pointer + "/" + it.key(),
-                   field + (field.empty() ? "" : ".") + it.key(), out);
-    else if (j.is_array())
-        for (size_t i = 0; i < j.size(); ++i)
-            fields(j[i], pointer + "/" + std::to_string(i), field + "[" + std::to_string(i) + "]",
-                   out);
-}
-
-bool related(const std::string& a, const std::string& b) {
-    auto within = [](const std::string& inner, const std::string& outer) {
-        return outer.empty() || (inner.rfind(outer, 0) == 0 &&
-                                 (inner.size() == outer.size() || inner[outer.size()] == '.' ||
-                                  inner[outer.size()] == '['));
-    };
-    return within(a, b) || within(b, a);
-}
-
-} // namespace
-
-// Every field replaced by every wrong kind of value: the reader answers with
-// a ProfileError naming that field (or what it contains, or the starting
-// configuration it makes unacceptable), never with anything else.
-TEST(UsbsimProfile, AnyWrongValueAnywhereIsNamed) {
-    for (const char* file : {"default.json", "spdif-locked.json"}) {
-        const json base = DeviceProfile::fromJsonFile(profilePath(file)).toJson();
-        std::vector<std::pair<std::string, std::string>> all;
-        fields(base, "", "", all);
-        const json wrong[] = {nullptr,       true,           -1,   1.5,          "x",
-                              json::array(), json::object(), 1e12, 4294967296ull};
-        size_t refused = 0;
-        for (const auto& [pointer, field] : all) {
-            if (pointer.empty())
-                continue;
-            for (const auto& value : wrong) {
-                json j = base;
-                j[json::json_pointer(pointer)] = value;
-                try {
-                    DeviceProfile::fromJson(j);
-                } catch (const ProfileError& e) {
-                    ++refused;
-                    // an event out of order is named where the order breaks: the next one
-                    const bool order =
-                        e.field().rfind("schedule[", 0) == 0 && pointer.rfind("/schedule/", 0) == 0;
-                    EXPECT_TRUE(related(e.field(), field) || e.field() == "hardware" || order)
-                        << pointer << " = " << value.dump() << ": " << e.what();
-                } catch (const std::exception& e) {
-                    ADD_FAILURE() << pointer << " = " << value.dump() << ": " << e.what();
-                }
-            }
-        }
-        EXPECT_GT(refused, all.size() * 4) << file;
-    }
 }
 
 TEST(UsbsimProfile, ChangesAreJudgedByTheAcceptRules) {
