@@ -338,7 +338,7 @@ void expectReported(const Life& life, const Role& role) {
     } else if (is({"pin", "stream", "stream buffer"})) {
         // A channel left without buffers: the port, which takes the cyclic
         // buffer once at creation, refuses a pin without one.
-        EXPECT_EQ(traced(life, "memAlloc failed", true), is({"stream buffer"}));
+        EXPECT_EQ(traced(life, "memAlloc failed"), is({"stream buffer"}));
         EXPECT_EQ(life.start, STATUS_SUCCESS);
         for (size_t s : all)
             EXPECT_EQ(life.open[s], s == role.slot ? noMemory : STATUS_SUCCESS) << "stream " << s;
