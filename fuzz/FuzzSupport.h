@@ -1,13 +1,9 @@
 // Shared pieces of the libFuzzer targets: a reader that turns the input
-// bytes into values (running out of bytes gives zeros, never an error), and
-// the checks every input must pass: no assertion report, no verifier
-// failure, no pool block left behind. A failed check prints what went wrong
-// and aborts, which libFuzzer reports as a crash together with the input.
-//
-// The host kernel is reset once per process, with its debug output dropped
-// (the driver traces every step; formatting still runs, so the trace's
-// format strings see every fuzzed value). MME_FUZZ_TRACE=1 in the
-// environment sends it to stderr instead, to see what an input did.
+// bytes into values (running out of bytes gives zeros), and the checks every
+// input must pass: no assertion report, no verifier failure, no pool block
+// left behind. A failed check prints what went wrong and aborts, which
+// libFuzzer reports as a crash with the input. The driver's trace goes
+// nowhere (MME_FUZZ_TRACE=1: to stderr), but is still formatted.
 #pragma once
 
 #include "driver/streaming/MMEDMAEmulator.h"
@@ -15,17 +11,17 @@
 #include "driver/wave/MMEWaveStream.h"
 #include "host/kernel/HostKernel.h"
 #include "host/portcls/HostPortCls.h"
+#include "host/portcls/KsClient.h"
+#include "support/AdapterHarness.h"
 #include "support/WaveRig.h"
 #include "usbsim/UsbDriverModel.h"
 
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <stdexcept>
 #include <initializer_list>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -34,34 +30,18 @@ namespace fuzzsupport {
 class Input {
 public:
     Input(const uint8_t* data, size_t size) : mData(data), mSize(size) {}
-
     size_t remaining() const { return mSize - mAt; }
-
-    template <class T> T take() {
-        T value{};
-        const size_t n = remaining() < sizeof(T) ? remaining() : sizeof(T);
-        if (n)
-            std::memcpy(&value, mData + mAt, n);
-        mAt += n;
-        return value;
-    }
     uint8_t u8() { return take<uint8_t>(); }
     uint16_t u16() { return take<uint16_t>(); }
     uint32_t u32() { return take<uint32_t>(); }
-    uint64_t u64() { return take<uint64_t>(); }
-    bool flag() { return (u8() & 1) != 0; }
-    // A value below n (n > 0).
     uint32_t below(uint32_t n) { return u32() % n; }
     // One of the given values, or (for an index past the list) a raw one.
     uint32_t oneOf(std::initializer_list<uint32_t> values) {
         const uint8_t index = u8();
-        if (index < values.size())
-            return values.begin()[index];
-        return u32();
+        return index < values.size() ? values.begin()[index] : u32();
     }
     std::vector<uint8_t> bytes(size_t n) {
-        if (n > remaining())
-            n = remaining();
+        n = n < remaining() ? n : remaining();
         std::vector<uint8_t> out(mData + mAt, mData + mAt + n);
         mAt += n;
         return out;
@@ -69,6 +49,12 @@ public:
     std::vector<uint8_t> rest() { return bytes(remaining()); }
 
 private:
+    template <class T> T take() {
+        T value{};
+        const std::vector<uint8_t> raw = bytes(sizeof(T));
+        std::memcpy(&value, raw.data(), raw.size());
+        return value;
+    }
     const uint8_t* mData;
     size_t mSize;
     size_t mAt = 0;
@@ -110,11 +96,9 @@ inline void requireNoReports() {
     FUZZ_CHECK(problems.empty(), problems);
 }
 
-// Notes the pool's live blocks when made; check() requires the same number
-// again (every block the input's work allocated was given back). Blocks
-// that the driver rightly keeps from one input to the next (a DMA channel
-// keeps its buffers after its stream closes) are left out of both counts
-// through held(), which gives their number at the moment of counting.
+// Notes the pool's live blocks; check() requires the same number again.
+// Blocks the driver rightly keeps from one input to the next (a DMA
+// channel's buffers after its stream closes) are counted by held().
 class PoolMark {
 public:
     explicit PoolMark(std::function<size_t()> held = nullptr)
@@ -128,35 +112,32 @@ public:
 
 private:
     size_t count() const { return hostk::poolStats().liveBlocks - (mHeld ? mHeld() : 0); }
-
     std::function<size_t()> mHeld;
     size_t mLive;
 };
 
-// The whole driver loaded and started on the host port-class library over
-// the model USB driver; streams are opened as the wave port opens them.
-// Made once per process by the targets that need it.
+// The whole driver started over the model USB driver, made once per process
+// by the targets that need it; streams are opened as the wave port does.
 class Stack {
 public:
-    Stack() {
+    Stack() : harness(false) {
         usb.setAutoAttach(false); // nothing is left pending between inputs
-        loader.addDevice(usb.pdo());
-        if (loader.startDevice(usb.pdo()) != STATUS_SUCCESS)
+        harness.startStatus = harness.loader.startDevice(usb.pdo());
+        wave = harness.wave();
+        if (!wave)
             throw std::runtime_error("the driver did not start");
-        PDEVICE_OBJECT fdo = loader.fdo(usb.pdo());
-        PUNKNOWN port = fdo ? hostpc::subdevice(fdo, u"Wave") : nullptr;
-        PUNKNOWN miniport = port ? hostpc::portState(port).miniport : nullptr;
-        if (!miniport)
-            throw std::runtime_error("no wave miniport");
-        wave = static_cast<MMEWave*>(static_cast<IMiniportWaveCyclic*>(miniport));
         adapter = wave->adapter();
     }
-    Stack(const Stack&) = delete;
-    Stack& operator=(const Stack&) = delete;
-
     using Opened = wavetest::OpenedStream;
     Opened open(bool capture, std::vector<UCHAR>& format) {
         return wavetest::openStream(wave, capture, format);
+    }
+    // A 48 kHz stereo 16-bit stream, which the device always takes.
+    Opened openStereo(bool capture) {
+        auto format = hostpc::pcmFormat(48000, 2, 16, false);
+        Opened opened = open(capture, format);
+        FUZZ_CHECK(opened.status == STATUS_SUCCESS, "a stereo stream did not open");
+        return opened;
     }
     static void close(Opened& o) { wavetest::closeStream(o); }
     // Buffers the DMA channels keep after their streams close.
@@ -168,8 +149,8 @@ public:
         return n;
     }
 
-    usbsim::UsbDriverModel usb;
-    hostpc::DriverLoader loader;
+    adaptertest::DriverHarness harness;
+    usbsim::UsbDriverModel& usb = harness.model;
     MMEWave* wave = nullptr;
     MMEAdapter* adapter = nullptr;
 };

@@ -1,17 +1,10 @@
 // Fuzzes the search of the USB driver's device-info record and the wave
-// filter's pin ranges built from it.
-//
-// Input: identity choice, counts at every level (any value, capacities
-// notwithstanding), raw alternate settings, raw patches anywhere in the
-// record, then one direct query. The record sits on the heap at exactly its
-// own size, so a walk past its end is caught by AddressSanitizer.
-//
-// Checks: a match names an alternate setting inside the record's
-// capacities that really carries the asked resolution, channel count and
-// rate; a discrete-only match is also a match when ranges are allowed; the
-// descriptor built from the record keeps each streaming pin within its 30
-// range slots, every range naming one rate with 16 to 24 bits and an even
-// channel count of 2 to 32, no rate twice on a pin.
+// filter's pin ranges built from it. The record (any counts, raw settings,
+// raw patches) sits on the heap at exactly its own size, for ASan. A match
+// must name a setting inside the record's capacities that carries the
+// asked format (and stay a match when ranges are allowed); each streaming
+// pin keeps within its range slots, every range one rate, 16 to 24 bits,
+// an even channel count of 2 to 32, no rate twice.
 #include "FuzzSupport.h"
 
 #include "driver/wave/DeviceFormat.h"
@@ -45,13 +38,8 @@ ULONG clamp(ULONG count, ULONG capacity) {
 void buildRecord(Input& in, MMEDeviceInfo& info) {
     std::memset(&info, 0, sizeof(info));
     const uint8_t who = in.u8();
-    if (who >= 1 && who <= 4) {
-        info.vendorId = who;
-        info.productId = who;
-    } else {
-        info.vendorId = in.u16();
-        info.productId = in.u16();
-    }
+    info.vendorId = who >= 1 && who <= 4 ? who : in.u16();
+    info.productId = who >= 1 && who <= 4 ? who : in.u16();
     info.thirdWord = in.u16();
     info.numConfigurations = in.u8();
 
@@ -104,10 +92,8 @@ void checkQuery(const MMEDeviceInfo& info, ULONG configuration, ULONG rate, UCHA
         findDeviceFormat(&info, configuration, rate, bits, channels, discreteOnly, output);
     FUZZ_CHECK(m.sampleRate == rate && m.bits == bits && m.channels == channels,
                "the match does not carry the query");
-    if (!m.bFound) {
-        // Allowing ranges can only find more.
+    if (!m.bFound)
         return;
-    }
     const ULONG configurations = clamp(info.numConfigurations, MME_DEVICE_MAX_CONFIGURATIONS);
     FUZZ_CHECK(configuration < configurations, "match in a configuration the record lacks");
     FUZZ_CHECK(m.configurationIndex == configuration, "match names another configuration");
@@ -128,8 +114,7 @@ void checkQuery(const MMEDeviceInfo& info, ULONG configuration, ULONG rate, UCHA
 }
 
 void checkPin(const KSPIN_DESCRIPTOR& pin) {
-    FUZZ_CHECK(pin.DataRangesCount <= GEN_MAX_DATA_RANGES,
-               "pin has " + std::to_string(pin.DataRangesCount) + " ranges");
+    FUZZ_CHECK(pin.DataRangesCount <= GEN_MAX_DATA_RANGES, "too many ranges");
     std::set<ULONG> rates;
     for (ULONG i = 0; i < pin.DataRangesCount; ++i) {
         const auto* range = reinterpret_cast<const KSDATARANGE_AUDIO*>(pin.DataRanges[i]);
@@ -138,11 +123,9 @@ void checkPin(const KSPIN_DESCRIPTOR& pin) {
                    "range names more than one rate");
         FUZZ_CHECK(rates.insert(range->MinimumSampleFrequency).second, "rate twice on a pin");
         FUZZ_CHECK(range->MinimumBitsPerSample == 16 && range->MaximumBitsPerSample == 24,
-                   "range bits " + std::to_string(range->MinimumBitsPerSample) + ".." +
-                       std::to_string(range->MaximumBitsPerSample));
-        FUZZ_CHECK(range->MaximumChannels >= 2 && range->MaximumChannels <= 32 &&
-                       range->MaximumChannels % 2 == 0,
-                   "range channels " + std::to_string(range->MaximumChannels));
+                   "range bits");
+        const ULONG channels = range->MaximumChannels;
+        FUZZ_CHECK(channels >= 2 && channels <= 32 && channels % 2 == 0, "range channels");
     }
 }
 
@@ -155,8 +138,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static std::unique_ptr<MMEDeviceInfo> info(new MMEDeviceInfo);
 
     Input in(data, size);
-    // The direct query comes first so that it does not depend on how much
-    // of the input the record takes.
+    // The query comes first: it does not depend on how much the record takes.
     const ULONG configuration = in.u8() % 6;
     const ULONG rate = in.oneOf({44100, 48000, 88200, 96000, 176400, 192000, 32000, 0});
     const UCHAR bits = in.u8();
@@ -167,8 +149,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     checkQuery(*info, configuration, rate, bits, channels, flags & 1, flags & 2);
     checkQuery(*info, configuration, rate, bits, channels, !(flags & 1), !(flags & 2));
 
-    // The wave filter's descriptor from the same record, as GetDescription
-    // builds it.
+    // The wave filter's descriptor from the same record.
     fuzzsupport::PoolMark mark;
     {
         wavetest::LightRig rig(info.get());
@@ -176,8 +157,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         FUZZ_CHECK(rig.describe() == STATUS_SUCCESS, "GetDescription failed");
         PtGenericDescriptor* d = rig.wave->descriptor();
         FUZZ_CHECK(d != nullptr, "no descriptor");
-        FUZZ_CHECK(d->FilledRatesCount <= 7,
-                   "FilledRatesCount " + std::to_string(d->FilledRatesCount));
+        FUZZ_CHECK(d->FilledRatesCount <= 7, "FilledRatesCount");
         checkPin(rig.pin(WAVE_PIN_CAPTURE));
         checkPin(rig.pin(WAVE_PIN_RENDER));
         if (info->vendorId == 3 && info->productId == 3) {

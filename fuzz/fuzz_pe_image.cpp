@@ -1,11 +1,7 @@
-// Fuzzes the image loader's parsing with arbitrary files: headers, section
-// table, base relocations and import tables, laid out in plain memory (the
-// loader's own steps, without making anything executable).
-//
-// Checks: a refusal always says why; an accepted layout keeps every section
-// inside the image and its data inside the file; relocations and imports
-// either fail with a reason or leave every bound slot inside the image,
-// holding the host export of the name it was bound to.
+// Fuzzes the image loader's parsing of arbitrary files, in plain memory. A
+// refusal always says why; an accepted layout keeps every section inside
+// the image and the file; every bound import slot lies inside the image and
+// holds the host export of its name.
 #include "FuzzSupport.h"
 
 #include "host/image/Exports.h"

@@ -1,10 +1,7 @@
-// Fuzzes the model USB driver's profile parser with arbitrary text.
-//
-// Checks: the parser either accepts the text or throws ProfileError naming
-// a field (nothing else escapes, nothing crashes); an accepted profile
-// validates, survives a round trip through its own JSON unchanged, fills a
-// device-info record that stays within its capacities and that the
-// driver's format search reads back for every mode the profile declares.
+// Fuzzes the model USB driver's profile parser with arbitrary text: it
+// accepts or throws a ProfileError naming a field; an accepted profile
+// validates, survives a JSON round trip, and fills a record within its
+// capacities in which the driver finds every mode the profile declares.
 #include "FuzzSupport.h"
 
 #include "driver/wave/DeviceFormat.h"

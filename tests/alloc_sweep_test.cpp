@@ -1,16 +1,10 @@
-// Allocation fault sweep over the whole life of a device: load, add, start,
-// open and run a capture and a render stream through the kernel-streaming
-// client API, move periods, let the ASIO client come and go (the attach
-// timer fires), change formats (the rate, channel counts and widths), close
-// both streams and remove the device.
-//
-// The life runs once to record every pool allocation (tag, size and the
-// step it happens in), then once more for each of them with that one
-// failing. Every run must end with nothing left behind (no pool block, IRP,
-// device object or timer), no assertion report and no verifier failure,
-// and the failure must show as the driver (or, for the host's own
-// allocations, the port-class library) reports it: the status of the step
-// that failed, the driver's trace line, or the silence the driver keeps.
+// Allocation fault sweep over a device's whole life: load, add, start, a
+// capture and a render stream opened and run, the ASIO client coming and
+// going (the attach timer fires), new formats, close, remove. The life runs
+// once to record every pool allocation, then once per allocation with that
+// one failing: every run must leave nothing behind, report no assertion or
+// verifier failure, and show the failure as the driver (or the port-class
+// library) reports it.
 #include "driver/adapter/MMEAdapter.h"
 #include "driver/entry/adapter.h"
 #include "driver/streaming/MMEDMAEmulator.h"
@@ -204,28 +198,19 @@ Life liveWithFailure(size_t nth) {
     return life;
 }
 
-bool traced(const Life& life, const std::string& text) {
+// Whether the life traced the line (or, for a prefix, a line starting so).
+bool traced(const Life& life, const std::string& text, bool prefix = false) {
     for (const auto& line : life.trace)
-        if (line == text)
-            return true;
-    return false;
-}
-
-bool tracedStart(const Life& life, const std::string& prefix) {
-    for (const auto& line : life.trace)
-        if (line.compare(0, prefix.size(), prefix) == 0)
+        if (prefix ? line.compare(0, text.size(), text) == 0 : line == text)
             return true;
     return false;
 }
 
 std::string describe(const Allocation& a) {
-    char tag[5] = {};
-    for (int i = 0; i < 4; ++i) {
-        const char c = char((a.tag >> (8 * i)) & 0xFF);
-        tag[i] = (c >= 0x20 && c < 0x7F) ? c : '.';
-    }
-    return "'" + std::string(tag) + "' " + std::to_string(a.size) + " bytes in step \"" + a.step +
-           "\"";
+    std::string tag(reinterpret_cast<const char*>(&a.tag), 4);
+    for (char& c : tag)
+        c = c >= 0x20 && c < 0x7F ? c : '.';
+    return "'" + tag + "' " + std::to_string(a.size) + " bytes in step \"" + a.step + "\"";
 }
 
 constexpr ULONG tagOf(const char (&text)[5]) {
@@ -233,50 +218,9 @@ constexpr ULONG tagOf(const char (&text)[5]) {
            ULONG((unsigned char)text[2]) << 16 | ULONG((unsigned char)text[3]) << 24;
 }
 
-// What an allocation of the reference life is for.
-enum class What {
-    PnpStart, // the port-class library's start request
-    Adapter,
-    Timer,   // the adapter's attach timer
-    Request, // the adapter's request to the USB driver
-    TopologyPort,
-    Topology, // the topology miniport
-    WavePort,
-    Wave, // the wave miniport
-    ServiceGroup,
-    Descriptor,     // the wave filter's descriptor
-    CaptureChannel, // the capture DMA channel
-    RenderChannel,
-    Pin,          // the port's pin for a stream
-    Stream,       // the wave stream
-    StreamBuffer, // a DMA channel's scratch or cyclic buffer for a stream
-    PnpRemove,    // the port-class library's remove request
-    Unknown,
-};
-
-const char* nameOf(What w) {
-    static const char* const names[] = {"start request",
-                                        "adapter",
-                                        "attach timer",
-                                        "USB request",
-                                        "topology port",
-                                        "topology miniport",
-                                        "wave port",
-                                        "wave miniport",
-                                        "service group",
-                                        "descriptor",
-                                        "capture DMA channel",
-                                        "render DMA channel",
-                                        "pin",
-                                        "stream",
-                                        "stream buffer",
-                                        "remove request",
-                                        "unknown"};
-    return names[int(w)];
-}
-
+// What an allocation of the reference life is for: "adapter", "pin", ...
 struct Role {
-    What what = What::Unknown;
+    std::string what = "unknown";
     size_t slot = 0; // the stream it belongs to (pins, streams, buffers)
 };
 
@@ -284,9 +228,9 @@ struct Role {
 // and order; the linked driver's objects must have their own sizes (the
 // image's are known by their order alone).
 std::vector<Role> rolesOf(const std::vector<Allocation>& allocations, bool bySize) {
-    const What startObjects[] = {What::Adapter,      What::Timer,      What::Topology,
-                                 What::Wave,         What::Descriptor, What::CaptureChannel,
-                                 What::RenderChannel};
+    const char* const startObjects[] = {"adapter",           "attach timer", "topology miniport",
+                                        "wave miniport",     "descriptor",   "capture DMA channel",
+                                        "render DMA channel"};
     const size_t startSizes[] = {
         sizeof(MMEAdapter),          sizeof(MMETimer),       sizeof(MMETopology),   sizeof(MMEWave),
         sizeof(PtGenericDescriptor), sizeof(MMEDMAEmulator), sizeof(MMEDMAEmulator)};
@@ -297,26 +241,26 @@ std::vector<Role> rolesOf(const std::vector<Allocation>& allocations, bool bySiz
         Role r;
         if (a.step == "start") {
             if (a.tag == tagOf("Irp "))
-                r.what = irps++ == 0 ? What::PnpStart : What::Request;
+                r.what = irps++ == 0 ? "start request" : "USB request";
             else if (a.tag == tagOf("PcPt"))
-                r.what = ports++ == 0 ? What::TopologyPort : What::WavePort;
+                r.what = ports++ == 0 ? "topology port" : "wave port";
             else if (a.tag == tagOf("PcSg"))
-                r.what = What::ServiceGroup;
+                r.what = "service group";
             else if (objects < 7 && (!bySize || a.size == startSizes[objects]))
                 r.what = startObjects[objects++];
         } else if (a.step == "open and run" || a.step == "change formats") {
             if (a.tag == tagOf("PcPn") && pins < 4) {
-                r.what = What::Pin;
+                r.what = "pin";
                 r.slot = slots[pins++];
             } else if (pins > 0) {
                 // The stream object comes first after its pin, then its buffers.
-                const bool first = roles.empty() || roles.back().what == What::Pin;
-                r.what = (bySize ? a.size == sizeof(MMEWaveStream) : first) ? What::Stream
-                                                                            : What::StreamBuffer;
+                const bool first = roles.empty() || roles.back().what == "pin";
+                r.what =
+                    (bySize ? a.size == sizeof(MMEWaveStream) : first) ? "stream" : "stream buffer";
                 r.slot = slots[pins - 1];
             }
         } else if (a.step == "remove" && a.tag == tagOf("Irp ")) {
-            r.what = What::PnpRemove;
+            r.what = "remove request";
         }
         roles.push_back(r);
     }
@@ -330,106 +274,81 @@ bool isCapture(size_t slot) {
 // The failure shows the way the driver reports it, and the rest of the life goes on.
 void expectReported(const Life& life, const Role& role) {
     const NTSTATUS noMemory = STATUS_INSUFFICIENT_RESOURCES;
-    auto streamsOpen = [&](std::initializer_list<size_t> slots) {
-        for (size_t s : slots)
-            EXPECT_EQ(life.open[s], STATUS_SUCCESS) << "stream " << s;
+    auto is = [&](std::initializer_list<const char*> whats) {
+        for (const char* w : whats)
+            if (role.what == w)
+                return true;
+        return false;
     };
-    switch (role.what) {
-    case What::PnpStart:
-    case What::Adapter:
+    const size_t all[] = {kCapture, kRender, kCapture2, kRender2};
+    if (is({"start request", "adapter"})) {
         EXPECT_EQ(life.start, noMemory);
         // Without a start the hand-over keeps the device parked.
-        if (life.linked || role.what != What::PnpStart) {
-            EXPECT_EQ(life.parked, role.what == What::PnpStart);
+        if (life.linked || role.what != "start request") {
+            EXPECT_EQ(life.parked, role.what == "start request");
         }
         EXPECT_FALSE(life.topologyRegistered || life.waveRegistered);
         EXPECT_EQ(life.registers, 0u) << "the USB driver was called";
-        break;
-    case What::Timer:
+    } else if (is({"attach timer"})) {
         // Nothing is reported; the attach timer's behaviour is skipped.
         EXPECT_EQ(life.start, STATUS_SUCCESS);
         EXPECT_FALSE(life.inspected && life.timer);
         EXPECT_EQ(life.timedStarts, 0u);
-        streamsOpen({kCapture, kRender, kCapture2, kRender2});
-        for (uint64_t f : life.frames)
-            EXPECT_GT(f, 0u);
-        break;
-    case What::Request:
+        for (size_t s : all) {
+            EXPECT_EQ(life.open[s], STATUS_SUCCESS) << "stream " << s;
+            EXPECT_GT(life.frames[s], 0u) << "stream " << s;
+        }
+    } else if (is({"USB request"})) {
         // Every call fails; the device starts without the USB driver's records.
         EXPECT_EQ(life.start, STATUS_SUCCESS);
         EXPECT_FALSE(life.inspected && life.request);
-        EXPECT_TRUE(tracedStart(life, "!m_pCallIrp || !mUSBDeviceObject"));
+        EXPECT_TRUE(traced(life, "!m_pCallIrp || !mUSBDeviceObject", true));
         EXPECT_EQ(life.registers, 0u);
         EXPECT_EQ(life.open[kCapture], STATUS_INVALID_DEVICE_STATE);
         EXPECT_EQ(life.open[kRender], STATUS_INVALID_DEVICE_STATE);
         EXPECT_EQ(life.unregisters, 0u);
-        break;
-    case What::TopologyPort:
-    case What::Topology:
+    } else if (is({"topology port", "topology miniport"})) {
         EXPECT_EQ(life.start, noMemory);
-        if (role.what == What::TopologyPort) {
-            EXPECT_TRUE(traced(life, "InstallSubdevice: PcNewPort failed"));
-        }
+        EXPECT_EQ(traced(life, "InstallSubdevice: PcNewPort failed"), is({"topology port"}));
         EXPECT_FALSE(life.topologyRegistered || life.waveRegistered);
         // The start still announces itself; with no subdevice holding the
         // adapter, the start's own release destroys it and unregisters.
         EXPECT_EQ(life.registers, 1u);
         EXPECT_EQ(life.adapterStarted, 1u);
         EXPECT_EQ(life.startUnregisters, 1u);
-        break;
-    case What::WavePort:
-    case What::Wave:
-    case What::ServiceGroup:
-    case What::Descriptor:
-        EXPECT_EQ(life.start,
-                  role.what == What::Descriptor ? STATUS_INVALID_DEVICE_STATE : noMemory);
-        if (role.what == What::WavePort) {
-            EXPECT_TRUE(traced(life, "InstallSubdevice: PcNewPort failed"));
-        }
-        if (role.what == What::Descriptor) {
-            EXPECT_TRUE(tracedStart(life, "sizeof(PtGenericDescriptor) is"));
-        }
+    } else if (is({"wave port", "wave miniport", "service group", "descriptor"})) {
+        EXPECT_EQ(life.start, is({"descriptor"}) ? STATUS_INVALID_DEVICE_STATE : noMemory);
+        EXPECT_EQ(traced(life, "InstallSubdevice: PcNewPort failed"), is({"wave port"}));
+        EXPECT_EQ(traced(life, "sizeof(PtGenericDescriptor) is", true), is({"descriptor"}));
         EXPECT_TRUE(life.topologyRegistered);
         EXPECT_FALSE(life.waveRegistered);
         EXPECT_EQ(life.adapterStarted, 1u);
         EXPECT_EQ(life.startUnregisters, 0u);
         EXPECT_EQ(life.unregisters, 1u);
-        break;
-    case What::CaptureChannel:
-    case What::RenderChannel: {
+    } else if (is({"capture DMA channel", "render DMA channel"})) {
         EXPECT_EQ(life.start, noMemory);
         EXPECT_TRUE(traced(life, "FAILED m_pcDMAEmulator = new MMEDMAEmulator();"));
-        EXPECT_TRUE(life.topologyRegistered && life.waveRegistered);
-        const bool capture = role.what == What::CaptureChannel;
         EXPECT_TRUE(traced(life, "No DMA Channel"));
-        for (size_t s : {kCapture, kRender, kCapture2, kRender2})
+        EXPECT_TRUE(life.topologyRegistered && life.waveRegistered);
+        const bool capture = is({"capture DMA channel"});
+        for (size_t s : all)
             EXPECT_EQ(life.open[s],
                       isCapture(s) == capture ? STATUS_INVALID_DEVICE_REQUEST : STATUS_SUCCESS)
                 << "stream " << s;
-        break;
-    }
-    case What::Pin:
-    case What::Stream:
+    } else if (is({"pin", "stream", "stream buffer"})) {
+        // A channel left without buffers: the port, which takes the cyclic
+        // buffer once at creation, refuses a pin without one.
+        EXPECT_EQ(traced(life, "memAlloc failed"), is({"stream buffer"}));
         EXPECT_EQ(life.start, STATUS_SUCCESS);
-        for (size_t s : {kCapture, kRender, kCapture2, kRender2})
+        for (size_t s : all)
             EXPECT_EQ(life.open[s], s == role.slot ? noMemory : STATUS_SUCCESS) << "stream " << s;
-        break;
-    case What::StreamBuffer:
-        // The channel is left without buffers; the port, which takes the
-        // cyclic buffer once at creation, refuses a pin without one.
-        EXPECT_TRUE(traced(life, "memAlloc failed"));
-        for (size_t s : {kCapture, kRender, kCapture2, kRender2})
-            EXPECT_EQ(life.open[s], s == role.slot ? noMemory : STATUS_SUCCESS) << "stream " << s;
-        break;
-    case What::PnpRemove:
+    } else if (is({"remove request"})) {
         // Without its request the port-class library releases the
         // subdevices itself: the adapter goes all the same.
         EXPECT_TRUE(life.removedByRemoval);
         EXPECT_EQ(life.unregisters, 1u);
-        break;
-    case What::Unknown:
+    } else {
         ADD_FAILURE() << "an allocation the sweep does not know";
-        break;
     }
 }
 
@@ -450,12 +369,12 @@ TEST(AllocationSweep, EveryAllocationOfADevicesLifeFailsCleanly) {
 
     const size_t count = reference.allocations.size();
     const std::vector<Role> roles = rolesOf(reference.allocations, linked);
-    std::map<What, size_t> seen;
+    std::map<std::string, size_t> seen;
     for (size_t i = 1; i <= count; ++i) {
         const Allocation& a = reference.allocations[i - 1];
         const Role& role = roles[i - 1];
         SCOPED_TRACE("allocation " + std::to_string(i) + " of " + std::to_string(count) + " (" +
-                     nameOf(role.what) + ", " + describe(a) + ")");
+                     role.what + ", " + describe(a) + ")");
         ++seen[role.what];
         const Life life = liveWithFailure(i);
         ASSERT_EQ(life.failedIndex, i);
@@ -464,18 +383,14 @@ TEST(AllocationSweep, EveryAllocationOfADevicesLifeFailsCleanly) {
         ASSERT_TRUE(failed.step == a.step && failed.tag == a.tag && failed.size == a.size)
             << "the run diverged before the failure: " << describe(failed);
         EXPECT_EQ(life.problems, "");
-        if (role.what != What::PnpStart && role.what != What::Adapter) {
+        if (role.what != "start request" && role.what != "adapter") {
             EXPECT_FALSE(life.parked) << "the add/start hand-over was left taken";
         }
         expectReported(life, role);
     }
     // The life reaches every kind of allocation the driver and the port make.
-    for (What w : {What::PnpStart, What::Adapter, What::Timer, What::Request, What::TopologyPort,
-                   What::Topology, What::WavePort, What::Wave, What::ServiceGroup, What::Descriptor,
-                   What::CaptureChannel, What::RenderChannel, What::Pin, What::Stream,
-                   What::StreamBuffer, What::PnpRemove})
-        EXPECT_GT(seen[w], 0u) << nameOf(w);
-    EXPECT_EQ(seen[What::Unknown], 0u);
+    EXPECT_EQ(seen.size(), 16u);
+    EXPECT_EQ(seen.count("unknown"), 0u);
     std::printf("allocations swept: %zu\n", count);
     ::testing::Test::RecordProperty("allocations_swept", std::to_string(count));
 }

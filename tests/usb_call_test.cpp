@@ -1,6 +1,5 @@
-// The adapter's calls into the USB driver, against the model USB driver:
-// what the USB side receives, the call guard, missing request or device,
-// refusals, and the request's life with MMENotify_PreventFurtherDriverCalls.
+// The adapter's calls into the USB driver, against the model: what the USB
+// side receives, the call guard, refusals, and the request's life.
 #include "support/AdapterHarness.h"
 #include "support/TraceCapture.h"
 
@@ -109,40 +108,34 @@ TEST_F(UsbCall, NestedCallIsRefusedAtOnceWithoutSending) {
 }
 
 TEST(UsbCallUnstarted, MissingRequestOrDeviceObjectIsTracedAndRefused) {
-    // Never started: no request was allocated.
+    // Never started (no request was allocated), with and without a USB device.
     usbsim::UsbDriverModel model;
     PDEVICE_OBJECT fdo = hostk::createDeviceObject(nullptr, 2, 0);
-    MMEAdapter* adapter = MMEAdapter::create(fdo, model.pdo());
-    ASSERT_NE(adapter, nullptr);
-    tracecap::clearTrace();
-    EXPECT_FALSE(adapter->callUSBDriver(USBCall_Attach));
-    EXPECT_TRUE(tracecap::containsLine("!m_pCallIrp || !mUSBDeviceObject 0x0000000000000000 0x" +
-                                       tracecap::kernelPointer(model.pdo())))
-        << tracecap::dumpTrace();
+    for (PDEVICE_OBJECT usb : {model.pdo(), PDEVICE_OBJECT(nullptr)}) {
+        MMEAdapter* adapter = MMEAdapter::create(fdo, usb);
+        ASSERT_NE(adapter, nullptr);
+        tracecap::clearTrace();
+        EXPECT_FALSE(adapter->callUSBDriver(USBCall_Attach));
+        EXPECT_TRUE(
+            tracecap::containsLine("!m_pCallIrp || !mUSBDeviceObject 0x0000000000000000 0x" +
+                                   tracecap::kernelPointer(usb)))
+            << tracecap::dumpTrace();
+        adapter->Release();
+    }
     EXPECT_TRUE(model.calls().empty());
-    adapter->Release();
-
-    // No USB device object at all.
-    adapter = MMEAdapter::create(fdo, nullptr);
-    tracecap::clearTrace();
-    EXPECT_FALSE(adapter->callUSBDriver(USBCall_ChangeConfig));
-    EXPECT_TRUE(tracecap::containsLine(
-        "!m_pCallIrp || !mUSBDeviceObject 0x0000000000000000 0x0000000000000000"));
-    adapter->Release();
     hostk::deleteDeviceObject(fdo);
 }
 
 TEST_F(UsbCall, PendingAndErrorStatusCountAsRefusal) {
     PIRP request = adapter->callIrp();
 
-    h.model.setAnswer(USBCall_Attach, STATUS_PENDING);
-    tracecap::clearTrace();
-    EXPECT_FALSE(adapter->callUSBDriver(USBCall_Attach));
-    EXPECT_TRUE(tracecap::containsLine("result IoCallDriver 0x00000103")) << tracecap::dumpTrace();
-
-    h.model.setAnswer(USBCall_Attach, STATUS_INVALID_DEVICE_STATE);
-    EXPECT_FALSE(adapter->callUSBDriver(USBCall_Attach));
-    EXPECT_TRUE(tracecap::containsLine("result IoCallDriver 0xC0000184"));
+    for (auto [answer, traced] : {std::pair<NTSTATUS, const char*>{STATUS_PENDING, "0x00000103"},
+                                  {STATUS_INVALID_DEVICE_STATE, "0xC0000184"}}) {
+        h.model.setAnswer(USBCall_Attach, answer);
+        tracecap::clearTrace();
+        EXPECT_FALSE(adapter->callUSBDriver(USBCall_Attach));
+        EXPECT_TRUE(tracecap::containsLine(std::string("result IoCallDriver ") + traced));
+    }
 
     // The same request serves the next call.
     h.model.clearAnswers();

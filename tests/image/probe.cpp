@@ -1,7 +1,6 @@
-// A tiny kernel image for the host image tests, built by the `windows`
-// preset with the driver's toolchain and flags (mmeprobe.sys). DriverEntry
-// takes a command in the first character of the registry path and reports
-// what it saw through DbgPrint, so the tests compare printed lines only:
+// A tiny kernel image (mmeprobe.sys) built with the driver's toolchain for
+// the image tests: the registry path's first character is a command, and
+// DbgPrint reports what it saw:
 //   'p'  DbgPrint's Windows argument rules: %ld given a 64-bit value, %I64x, %ws
 //   'i'  the IRQL as the inline DDK functions read and set it (CR8)
 //   't'  the current thread as the inline DDK function reads it (gs:[0x188])

@@ -1,6 +1,5 @@
-// Where the tests find the Windows builds: the driver image is the one
-// chosen by MME_DRIVER_IMAGE in the environment, else the `windows` preset's
-// output in this source tree, where the probe image is too.
+// Where the tests find the Windows builds: the driver image MME_DRIVER_IMAGE
+// names, else the `windows` preset's output, where the probe image is too.
 #pragma once
 
 #include <cstdint>
