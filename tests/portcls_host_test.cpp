@@ -1,27 +1,22 @@
 // The host port-class library is as strict as the real one: each refusal,
-// a failed Init giving the miniport back, Notify and service groups as the
-// kernel runs them, the verifier's reports on what a miniport does behind
-// the port, and every object it hands out released. Miniports written here.
+// the verifier's reports on what a miniport does behind the port, and every
+// object it hands out released. Miniports written here.
 #include "host/kernel/HostKernel.h"
 #include "host/portcls/HostPortCls.h"
 #include "host/portcls/KsClient.h"
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
 
-// A miniport of either kind that records what the port does with it.
+// A miniport of either kind that holds its port, as the driver's do.
 template <class Interface> class FakeMiniport : public Interface {
 public:
-    explicit FakeMiniport(std::vector<std::string>* log) : mLog(log) {}
     virtual ~FakeMiniport() = default;
 
     STDMETHODIMP_(NTSTATUS) QueryInterface(REFIID iid, PVOID* object) override {
@@ -38,7 +33,6 @@ public:
     STDMETHODIMP_(ULONG) Release() override {
         ULONG n = --mRefs;
         if (n == 0) {
-            mLog->push_back("destroyed");
             if (mPort)
                 mPort->Release();
             delete this;
@@ -46,8 +40,8 @@ public:
         return n;
     }
     STDMETHODIMP_(NTSTATUS) GetDescription(PPCFILTER_DESCRIPTOR* out) override {
-        *out = mDescriptionStatus == STATUS_SUCCESS ? &mDescriptor : nullptr;
-        return mDescriptionStatus;
+        *out = &mDescriptor;
+        return STATUS_SUCCESS;
     }
     STDMETHODIMP_(NTSTATUS)
     DataRangeIntersection(ULONG, PKSDATARANGE, PKSDATARANGE, ULONG, PVOID, PULONG) override {
@@ -55,8 +49,6 @@ public:
     }
 
     NTSTATUS initCommon(PUNKNOWN port) {
-        if (mInitStatus != STATUS_SUCCESS)
-            return mInitStatus;
         // Like the driver's miniports: hold the port.
         mPort = port;
         mPort->AddRef();
@@ -64,9 +56,6 @@ public:
     }
 
     ULONG mRefs = 0;
-    std::vector<std::string>* mLog;
-    NTSTATUS mInitStatus = STATUS_SUCCESS;
-    NTSTATUS mDescriptionStatus = STATUS_SUCCESS;
     PUNKNOWN mPort = nullptr;
     PCFILTER_DESCRIPTOR mDescriptor{
         0, nullptr, sizeof(PCPIN_DESCRIPTOR), 4, mPins, 0, 0, nullptr, 0, nullptr, 0, nullptr};
@@ -75,7 +64,6 @@ public:
 
 class FakeTopology : public FakeMiniport<IMiniportTopology> {
 public:
-    using FakeMiniport::FakeMiniport;
     STDMETHODIMP_(NTSTATUS) Init(PUNKNOWN, PRESOURCELIST, PPORTTOPOLOGY port) override {
         return initCommon(port);
     }
@@ -147,7 +135,7 @@ public:
 
 class FakeWave : public FakeMiniport<IMiniportWaveCyclic> {
 public:
-    explicit FakeWave(std::vector<std::string>* log) : FakeMiniport(log) {
+    FakeWave() {
         mPins[2].KsPinDescriptor.Communication = KSPIN_COMMUNICATION_SINK;
         mPins[2].KsPinDescriptor.DataFlow = KSPIN_DATAFLOW_IN;
     }
@@ -184,9 +172,8 @@ struct CountingSink : IServiceSink {
     }
     STDMETHODIMP_(ULONG) AddRef() override { return ++refs; }
     STDMETHODIMP_(ULONG) Release() override { return --refs; }
-    STDMETHODIMP_(void) RequestService() override { ++services; }
+    STDMETHODIMP_(void) RequestService() override {}
     ULONG refs = 0;
-    int services = 0;
 };
 
 NTSTATUS NTAPI startNothing(PDEVICE_OBJECT, PIRP, PRESOURCELIST) {
@@ -222,9 +209,9 @@ protected:
         EXPECT_EQ(PcNewPort(&port, cls), STATUS_SUCCESS);
         PUNKNOWN miniport;
         if (IsEqualGUID(cls, CLSID_PortTopology))
-            miniport = new FakeTopology(&mLog);
+            miniport = new FakeTopology;
         else
-            miniport = new FakeWave(&mLog);
+            miniport = new FakeWave;
         miniport->AddRef();
         EXPECT_EQ(port->Init(mFdo, &mIrp, miniport, &mAdapter, nullptr), STATUS_SUCCESS);
         if (miniportOut)
@@ -239,7 +226,6 @@ protected:
     PDEVICE_OBJECT mFdo = nullptr;
     IRP mIrp{};
     CountingSink mAdapter; // any unknown stands in for the adapter
-    std::vector<std::string> mLog;
 };
 
 // Each refusal, with the status the port-class library gives.
@@ -252,7 +238,7 @@ TEST_F(PortClsHost, RefusalsCarryTheirStatus) {
     PPORT third = initialisedPort(CLSID_PortTopology);
     DRIVER_OBJECT noExtension{};
     WCHAR waveName[] = u"Wave", topologyName[] = u"Topology", thirdName[] = u"Third";
-    FakeWave second(&mLog);
+    FakeWave second;
     PVOID none = this;
     PSERVICEGROUP group = nullptr;
     ASSERT_EQ(PcNewServiceGroup(&group, nullptr), STATUS_SUCCESS);
@@ -298,115 +284,6 @@ TEST_F(PortClsHost, RefusalsCarryTheirStatus) {
     group->Release();
     for (PPORT port : {bare, topology, wave, again, third})
         port->Release();
-}
-
-TEST_F(PortClsHost, InitFailuresGiveTheMiniportBack) {
-    for (int failing = 0; failing < 3; ++failing) {
-        SCOPED_TRACE(failing);
-        mLog.clear();
-        PPORT port = nullptr;
-        ASSERT_EQ(PcNewPort(&port, CLSID_PortTopology), STATUS_SUCCESS);
-        auto* fake = new FakeTopology(&mLog);
-        fake->AddRef();
-        NTSTATUS expected = STATUS_SUCCESS;
-        if (failing == 0)
-            fake->mInitStatus = expected = STATUS_INSUFFICIENT_RESOURCES;
-        else if (failing == 1)
-            fake->mDescriptionStatus = expected = STATUS_INVALID_DEVICE_STATE;
-        else
-            hostpc::fail(hostpc::Op::PortInit, expected = STATUS_NOT_SUPPORTED);
-        EXPECT_EQ(port->Init(mFdo, &mIrp, fake, &mAdapter, nullptr), expected);
-        EXPECT_FALSE(hostpc::portState(port).initialized);
-        EXPECT_EQ(hostpc::portState(port).miniport, nullptr);
-        hostpc::clearFailures();
-        if (failing == 1) { // its Init took the port; only the miniport lets go of it
-            EXPECT_EQ(fake->mRefs, 1u);
-        }
-        fake->Release();
-        EXPECT_EQ(mLog.back(), "destroyed");
-        port->Release();
-        EXPECT_EQ(hostpc::liveObjects(), 0u);
-    }
-}
-
-// Notify reaches the listener and queues the group's DPC once: requests
-// while it waits coalesce, and it runs as the period leaves DISPATCH_LEVEL.
-TEST_F(PortClsHost, NotifyServesTheGroupOnceAsThePeriodEnds) {
-    PPORT port = initialisedPort(CLSID_PortWaveCyclic);
-    auto* wave = static_cast<IPortWaveCyclic*>(port);
-    PSERVICEGROUP group = nullptr;
-    ASSERT_EQ(PcNewServiceGroup(&group, nullptr), STATUS_SUCCESS);
-    CountingSink a, b;
-    EXPECT_EQ(group->AddMember(&a), STATUS_SUCCESS);
-    EXPECT_EQ(group->AddMember(&b), STATUS_SUCCESS);
-    std::vector<PSERVICEGROUP> heard;
-    hostpc::setNotifyListener(port, [&](PSERVICEGROUP g) { heard.push_back(g); });
-    hostk::runAtDispatch([&] {
-        hostk::NoAllocNoWaitScope scope("period callback");
-        wave->Notify(group);
-        wave->Notify(group);
-    });
-    wave->Notify(nullptr);
-    EXPECT_EQ(hostpc::portState(port).notifyCount, 3u);
-    EXPECT_EQ(heard, (std::vector<PSERVICEGROUP>{group, group, nullptr}));
-    EXPECT_EQ(a.services, 1);
-    EXPECT_EQ(b.services, 1);
-    EXPECT_EQ(hostpc::serviceGroupState(group).serviceRequests, 2u);
-    group->RemoveMember(&b);
-    group->RequestService();
-    EXPECT_EQ(a.services, 2);
-    EXPECT_EQ(b.services, 1);
-    EXPECT_EQ(b.refs, 0u);
-    hostpc::setNotifyListener(port, nullptr);
-
-    group->Release();
-    EXPECT_EQ(a.refs, 0u);
-    WCHAR name[] = u"Wave"; // hands the miniport's hold back at removal
-    EXPECT_EQ(PcRegisterSubdevice(mFdo, name, port), STATUS_SUCCESS);
-    port->Release();
-}
-
-// Concurrent mode: the members are serviced on the kernel's DPC thread; a
-// request that finds the service asked for a millisecond earlier still
-// queued (the DPC thread busy) counts as late and coalesces with it.
-TEST_F(PortClsHost, ConcurrentServiceRunsOnTheDpcThreadAndCountsLateOnes) {
-    struct HeldSink : CountingSink {
-        STDMETHODIMP_(void) RequestService() override {
-            std::unique_lock<std::mutex> lock(mutex);
-            thread = std::this_thread::get_id();
-            ++services;
-            changed.notify_all();
-            changed.wait(lock, [&] { return open; });
-        }
-        std::mutex mutex;
-        std::condition_variable changed;
-        std::thread::id thread;
-        bool open = false;
-    } sink;
-    hostpc::setDefaultServiceMode(hostpc::ServiceMode::Concurrent);
-    PSERVICEGROUP group = nullptr;
-    ASSERT_EQ(PcNewServiceGroup(&group, nullptr), STATUS_SUCCESS);
-    EXPECT_EQ(hostpc::serviceGroupState(group).mode, hostpc::ServiceMode::Concurrent);
-    ASSERT_EQ(group->AddMember(&sink), STATUS_SUCCESS);
-    hostk::runAtDispatch([&] { group->RequestService(); });
-    {
-        std::unique_lock<std::mutex> lock(sink.mutex);
-        sink.changed.wait(lock, [&] { return sink.services == 1; });
-    }
-    EXPECT_NE(sink.thread, std::this_thread::get_id());
-    hostk::runAtDispatch([&] { group->RequestService(); }); // queued behind the running one
-    hostk::advanceTime(10000);
-    hostk::runAtDispatch([&] { group->RequestService(); }); // a millisecond later: late
-    EXPECT_EQ(hostpc::serviceGroupState(group).lateServices, 1u);
-    {
-        std::lock_guard<std::mutex> lock(sink.mutex);
-        sink.open = true;
-        sink.changed.notify_all();
-    }
-    KeFlushQueuedDpcs();
-    EXPECT_EQ(sink.services, 2) << "the queued request and the late one ran once";
-    group->RemoveMember(&sink);
-    group->Release();
 }
 
 // What the port takes from a stream is the driver's word: a framing of 0, a
@@ -457,27 +334,6 @@ TEST_F(PortClsHost, TheVerifierReportsWhatADriverDoesBehindThePort) {
     WCHAR name[] = u"Wave";
     EXPECT_EQ(PcRegisterSubdevice(mFdo, name, port), STATUS_SUCCESS);
     port->Release();
-}
-
-TEST_F(PortClsHost, InjectedFailuresRefuseOnlyTheirOperation) {
-    PPORT port = reinterpret_cast<PPORT>(1);
-    hostpc::fail(hostpc::Op::NewPortWaveCyclic, STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(PcNewPort(&port, CLSID_PortWaveCyclic), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(port, nullptr);
-    EXPECT_EQ(PcNewPort(&port, CLSID_PortTopology), STATUS_SUCCESS); // other class unaffected
-    port->Release();
-    hostpc::clearFailures();
-
-    hostk::DriverObjectBlock driver;
-    hostpc::fail(hostpc::Op::InitializeAdapterDriver, STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(PcInitializeAdapterDriver(hostk::initDriverObject(driver), nullptr, addNothing),
-              STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(driver.extension.AddDevice, nullptr);
-    hostpc::fail(hostpc::Op::AddAdapterDevice, STATUS_UNSUCCESSFUL);
-    PDEVICE_OBJECT pdo = hostk::createDeviceObject(nullptr, 1, 0);
-    EXPECT_EQ(PcAddAdapterDevice(&mDriver, pdo, startNothing, 3, 0), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(hostpc::fdoForPdo(pdo), nullptr);
-    hostk::deleteDeviceObject(pdo);
 }
 
 } // namespace
