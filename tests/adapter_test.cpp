@@ -116,8 +116,9 @@ TEST(Entry, NeverStartedFirstDeviceMakesTheSecondAddTimeOutOrFailWithTheDelay) {
     EXPECT_NE(loader.fdo(first.pdo()), loader.fdo(second.pdo()));
 }
 
-TEST(Entry, FailedAddOrAdapterAllocationLeavesTheHandOverFree) {
-    usbsim::UsbDriverModel first, second;
+// A failed adapter allocation in the start: the allocation sweep's adapter role.
+TEST(Entry, FailedAddLeavesTheHandOverFree) {
+    usbsim::UsbDriverModel first;
     hostpc::DriverLoader loader;
     hostpc::fail(hostpc::Op::AddAdapterDevice, STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(loader.addDevice(first.pdo()), STATUS_INSUFFICIENT_RESOURCES);
@@ -129,17 +130,6 @@ TEST(Entry, FailedAddOrAdapterAllocationLeavesTheHandOverFree) {
     EXPECT_EQ(AddAdapterDeviceLocked(loader.driverObject(), first.pdo(), nullptr, 3, 0),
               STATUS_INVALID_PARAMETER);
     EXPECT_EQ(_pdoUseLock, 0);
-
-    tracecap::clearTrace();
-    EXPECT_EQ(loader.addDevice(second.pdo()), STATUS_SUCCESS);
-    EXPECT_EQ(tracecap::countLines("_pdoUseLock is aquired"), 0u);
-    IRP start{};
-    hostk::failAllocation(1); // the adapter object
-    EXPECT_EQ(StartDevice(loader.fdo(second.pdo()), &start, nullptr),
-              STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(_pdoUseLock, 0); // the parked device was taken all the same
-    EXPECT_TRUE(second.calls().empty());
-    EXPECT_EQ(tracecap::countLinesStartingWith("exit StartDevice"), 0u);
 }
 
 TEST(Adapter, QueryInterfaceConstructionAndTeardown) {
@@ -195,8 +185,6 @@ TEST(Adapter, StartInstallsConnectsAndAnnounces) {
               (std::vector<hostpc::Connection>{{u"Topology", 1, u"Wave", 1},
                                                {u"Wave", 3, u"Topology", 0}}));
     // Each miniport holds the adapter; StartDevice's own reference is gone.
-    EXPECT_EQ(adapter->wave(), h.wave());
-    EXPECT_EQ(adapter->topology(), h.topology());
     EXPECT_EQ(adapter->referenceCount(), 2);
     PIRP topologyIrp = hostpc::portState(hostpc::subdevice(fdo, u"Topology")).initIrp;
     EXPECT_NE(topologyIrp, nullptr);
@@ -226,35 +214,22 @@ TEST(Adapter, StartInstallsConnectsAndAnnounces) {
     EXPECT_EQ(hostpc::liveObjects(), 2u + 1u); // two ports and the wave's service group
 }
 
-TEST(Adapter, FailedTopologyInstallationStillAnnouncesAndTheAdapterGoes) {
+// The status, the announcement and the adapter's end within the start are
+// the allocation sweep's topology roles; these are what they do not see.
+TEST(Adapter, FailedTopologyInstallationStillAnnouncesWithItsChannels) {
     hostpc::fail(hostpc::Op::NewPortTopology, STATUS_INSUFFICIENT_RESOURCES);
     DriverHarness h(false);
     bool channelsAtStart = false;
-    MMEAdapter* adapter = nullptr;
     h.model.setDuringCall([&](ULONG code) {
         if (code != USBCall_AdapterStarted)
             return;
-        adapter = static_cast<MMEAdapter*>(h.model.calls().back().record->mpContext);
+        auto* adapter = static_cast<MMEAdapter*>(h.model.calls().back().record->mpContext);
         channelsAtStart = adapter->getCaptureDMAChannel() && adapter->getRenderDMAChannel();
     });
-    EXPECT_EQ(h.loader.startDevice(h.model.pdo()), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_TRUE(tracecap::containsLine("InstallSubdevice: PcNewPort failed"));
+    h.loader.startDevice(h.model.pdo());
     EXPECT_TRUE(channelsAtStart);
-    EXPECT_TRUE(hostpc::subdeviceNames(h.fdo()).empty()); // the wave was not tried either
-    EXPECT_EQ(tracecap::countLinesStartingWith("+ MMEWave::MMEWave"), 0u);
+    EXPECT_EQ(tracecap::countLinesStartingWith("+ MMEWave::MMEWave"), 0u); // not tried either
     EXPECT_EQ(tracecap::countLinesStartingWith("PcRegisterPhysicalConnection"), 0u);
-    EXPECT_TRUE(hostpc::connections(h.fdo()).empty());
-    // Nothing held the adapter: StartDevice's release destroyed it, which
-    // unregistered before StartDevice returned its status.
-    EXPECT_EQ(h.model.callCodes(),
-              (std::vector<ULONG>{USBCall_Register, USBCall_AdapterStarted, USBCall_Unregister}));
-    long destroyed =
-        tracecap::findLine("+ MMEAdapter::~MMEAdapter 0x" + tracecap::kernelPointer(adapter));
-    EXPECT_GE(destroyed, 0);
-    EXPECT_GT(tracecap::findLine("exit StartDevice  0xC000009A"), destroyed);
-    EXPECT_EQ(h.adapter(), nullptr);
-    EXPECT_EQ(hostk::liveIrps(), 0u);
-    EXPECT_EQ(_pdoUseLock, 0);
     EXPECT_FALSE(hostpc::isStarted(h.fdo()));
 }
 
@@ -262,7 +237,6 @@ TEST(Adapter, FailedWaveRegistrationLeavesTheTopologyHoldingTheAdapter) {
     hostpc::fail(hostpc::Op::RegisterSubdevice, STATUS_UNSUCCESSFUL, u"Wave");
     DriverHarness h;
     EXPECT_EQ(h.startStatus, STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(hostpc::subdeviceNames(h.fdo()), (std::vector<std::u16string>{u"Topology"}));
     EXPECT_TRUE(hostpc::connections(h.fdo()).empty());
     MMEAdapter* adapter = h.adapter();
     ASSERT_NE(adapter, nullptr);
@@ -270,9 +244,7 @@ TEST(Adapter, FailedWaveRegistrationLeavesTheTopologyHoldingTheAdapter) {
     EXPECT_EQ(adapter->wave(), nullptr); // the wave miniport went and cleared it
     EXPECT_NE(adapter->getCaptureDMAChannel(), nullptr);
     EXPECT_TRUE(tracecap::containsLine("mMMEWave is NULL"));
-    EXPECT_TRUE(h.model.adapterStarted());
     h.remove();
-    EXPECT_EQ(h.model.callCount(USBCall_Unregister), 1u);
     EXPECT_EQ(hostpc::liveObjects(), 0u);
 }
 
@@ -599,16 +571,8 @@ TEST_F(Notifications, RunningStartsTheAttachSequenceOnce) {
     adapter->setWaveRunning(false); // stopping sends nothing
     EXPECT_FALSE(adapter->isWaveRunning());
     EXPECT_EQ(h->model.callCodes().size(), 1u);
-
-    // A hardware that drifted is asked back before the attach.
-    h->model.changeHardware(config(44100, 8, 8, 24, 24), false);
-    h->model.clearCalls();
-    tracecap::clearTrace();
-    adapter->setWaveRunning(true);
-    EXPECT_TRUE(tracecap::containsLine("HARDWARE CONFIG CHANGED"));
-    EXPECT_EQ(h->model.callCodes(), (std::vector<ULONG>{USBCall_ChangeConfig, USBCall_Attach}));
-    EXPECT_EQ(h->model.settings().current.fr, 48000u);
-    EXPECT_EQ(h->wave()->sampleRate(), 48000u);
+    // A drifted hardware asked back at the start: e2e
+    // Directions.AStoppedStreamCarriesItsFormatAgainAfterTheOtherStarted.
 }
 
 TEST_F(Notifications, TimedStartNotificationAttachesOnlyARunningUnattachedWave) {
