@@ -366,21 +366,15 @@ using DescriptorPtr = std::unique_ptr<PtGenericDescriptor, DescriptorDeleter>;
 
 // Field by field: the record's padding is nobody's business.
 bool sameRange(const KSDATARANGE_AUDIO& a, const KSDATARANGE_AUDIO& b) {
-    auto numbers = [](const KSDATARANGE_AUDIO& r) {
-        const KSDATARANGE& d = r.DataRange;
-        return std::vector<ULONG>{d.FormatSize,
-                                  d.Flags,
-                                  d.SampleSize,
-                                  d.Reserved,
-                                  r.MaximumChannels,
-                                  r.MinimumBitsPerSample,
-                                  r.MaximumBitsPerSample,
-                                  r.MinimumSampleFrequency,
-                                  r.MaximumSampleFrequency};
-    };
     const KSDATARANGE &x = a.DataRange, &y = b.DataRange;
-    return numbers(a) == numbers(b) && IsEqualGUID(x.MajorFormat, y.MajorFormat) &&
-           IsEqualGUID(x.SubFormat, y.SubFormat) && IsEqualGUID(x.Specifier, y.Specifier);
+    return x.FormatSize == y.FormatSize && x.Flags == y.Flags && x.SampleSize == y.SampleSize &&
+           x.Reserved == y.Reserved && IsEqualGUID(x.MajorFormat, y.MajorFormat) &&
+           IsEqualGUID(x.SubFormat, y.SubFormat) && IsEqualGUID(x.Specifier, y.Specifier) &&
+           a.MaximumChannels == b.MaximumChannels &&
+           a.MinimumBitsPerSample == b.MinimumBitsPerSample &&
+           a.MaximumBitsPerSample == b.MaximumBitsPerSample &&
+           a.MinimumSampleFrequency == b.MinimumSampleFrequency &&
+           a.MaximumSampleFrequency == b.MaximumSampleFrequency;
 }
 
 } // namespace
