@@ -1,12 +1,6 @@
-// The adapter as the PnP manager meets it: DriverEntry, AddDevice and the
-// hand-over of the physical device object under the use lock, StartDevice
-// with its subdevices, DMA channels and connections (and what happens when
-// parts of it fail), removal, the one-shot timer, and the hardware
-// configuration the adapter follows and wants, and the USB driver's
-// notifications, state questions and period exchange. Allocation failures
-// are swept in alloc_sweep_test, unknown codes and broken ring headers are
-// bad_input_test's, and that the exchange neither allocates nor waits is
-// verifier_test's.
+// The adapter as the PnP manager and the USB driver meet it: add and start
+// under the use lock, partial failures of the start, removal, the one-shot
+// timer, the hardware configuration, notifications and the period exchange.
 #include "driver/streaming/MMEDMAEmulator.h"
 #include "host/portcls/KsClient.h"
 #include "support/AdapterHarness.h"
@@ -15,10 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
 #include <regex>
-#include <thread>
 
 namespace {
 
@@ -89,37 +80,6 @@ TEST(Entry, AddParksThePhysicalDeviceAndStartTakesIt) {
     EXPECT_EQ(_pdoUseLock, 0);
 }
 
-TEST(Entry, SecondAddWaitsUntilTheFirstDeviceIsStarted) {
-    usbsim::UsbDriverModel first, second;
-    hostpc::DriverLoader loader;
-    hostk::useVirtualTime(false);
-    ASSERT_EQ(loader.addDevice(first.pdo()), STATUS_SUCCESS);
-    std::atomic<bool> secondAdded{false};
-    NTSTATUS secondStatus = STATUS_UNSUCCESSFUL;
-    std::thread adder([&] {
-        secondStatus = loader.addDevice(second.pdo());
-        secondAdded = true;
-    });
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-    while (tracecap::countLines("_pdoUseLock is aquired") < 2 &&
-           std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    EXPECT_FALSE(secondAdded.load());
-
-    EXPECT_EQ(loader.startDevice(first.pdo()), STATUS_SUCCESS);
-    adder.join();
-    EXPECT_EQ(secondStatus, STATUS_SUCCESS);
-    EXPECT_EQ(tracecap::countLines("timeout"), 0u);
-    EXPECT_EQ(_pendingPdo, second.pdo());
-    EXPECT_EQ(loader.startDevice(second.pdo()), STATUS_SUCCESS);
-    hostk::useVirtualTime(true);
-    // Each adapter stands on its own physical device object.
-    ASSERT_TRUE(first.link() && second.link());
-    EXPECT_NE(first.link(), second.link());
-    EXPECT_EQ(first.callCount(USBCall_Register) + second.callCount(USBCall_Register), 2u);
-    EXPECT_NE(loader.fdo(first.pdo()), loader.fdo(second.pdo()));
-}
-
 TEST(Entry, NeverStartedFirstDeviceMakesTheSecondAddTimeOutOrFailWithTheDelay) {
     usbsim::UsbDriverModel first, second;
     hostpc::DriverLoader loader;
@@ -150,10 +110,15 @@ TEST(Entry, NeverStartedFirstDeviceMakesTheSecondAddTimeOutOrFailWithTheDelay) {
     EXPECT_EQ(loader.addDevice(second.pdo()), STATUS_SUCCESS);
     EXPECT_EQ(tracecap::countLines("_pdoUseLock is aquired"), 0u);
     EXPECT_EQ(loader.startDevice(second.pdo()), STATUS_SUCCESS);
+    // Each adapter stands on its own physical device object.
+    ASSERT_TRUE(first.link() && second.link());
+    EXPECT_NE(first.link(), second.link());
+    EXPECT_NE(loader.fdo(first.pdo()), loader.fdo(second.pdo()));
 }
 
-TEST(Entry, FailedAddOrAdapterAllocationLeavesTheHandOverFree) {
-    usbsim::UsbDriverModel first, second;
+// A failed adapter allocation in the start: the allocation sweep's adapter role.
+TEST(Entry, FailedAddLeavesTheHandOverFree) {
+    usbsim::UsbDriverModel first;
     hostpc::DriverLoader loader;
     hostpc::fail(hostpc::Op::AddAdapterDevice, STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(loader.addDevice(first.pdo()), STATUS_INSUFFICIENT_RESOURCES);
@@ -165,17 +130,6 @@ TEST(Entry, FailedAddOrAdapterAllocationLeavesTheHandOverFree) {
     EXPECT_EQ(AddAdapterDeviceLocked(loader.driverObject(), first.pdo(), nullptr, 3, 0),
               STATUS_INVALID_PARAMETER);
     EXPECT_EQ(_pdoUseLock, 0);
-
-    tracecap::clearTrace();
-    EXPECT_EQ(loader.addDevice(second.pdo()), STATUS_SUCCESS);
-    EXPECT_EQ(tracecap::countLines("_pdoUseLock is aquired"), 0u);
-    IRP start{};
-    hostk::failAllocation(1); // the adapter object
-    EXPECT_EQ(StartDevice(loader.fdo(second.pdo()), &start, nullptr),
-              STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(_pdoUseLock, 0); // the parked device was taken all the same
-    EXPECT_TRUE(second.calls().empty());
-    EXPECT_EQ(tracecap::countLinesStartingWith("exit StartDevice"), 0u);
 }
 
 TEST(Adapter, QueryInterfaceConstructionAndTeardown) {
@@ -227,24 +181,15 @@ TEST(Adapter, StartInstallsConnectsAndAnnounces) {
     MMEAdapter* adapter = h.adapter();
     ASSERT_NE(adapter, nullptr);
     PDEVICE_OBJECT fdo = h.fdo();
-    EXPECT_EQ(hostpc::subdeviceNames(fdo), (std::vector<std::u16string>{u"Topology", u"Wave"}));
     EXPECT_EQ(hostpc::connections(fdo),
               (std::vector<hostpc::Connection>{{u"Topology", 1, u"Wave", 1},
                                                {u"Wave", 3, u"Topology", 0}}));
     // Each miniport holds the adapter; StartDevice's own reference is gone.
-    EXPECT_EQ(adapter->wave(), h.wave());
-    EXPECT_EQ(adapter->topology(), h.topology());
     EXPECT_EQ(adapter->referenceCount(), 2);
-    ASSERT_TRUE(adapter->getCaptureDMAChannel() && adapter->getRenderDMAChannel());
-    EXPECT_TRUE(adapter->getCaptureDMAChannel()->isCapture());
-    EXPECT_FALSE(adapter->getRenderDMAChannel()->isCapture());
     PIRP topologyIrp = hostpc::portState(hostpc::subdevice(fdo, u"Topology")).initIrp;
     EXPECT_NE(topologyIrp, nullptr);
     EXPECT_EQ(hostpc::portState(hostpc::subdevice(fdo, u"Wave")).initIrp, topologyIrp);
-    EXPECT_TRUE(adapter->isStarted());
-    EXPECT_EQ(h.wave()->sampleRate(), h.model.settings().current.fr);
     EXPECT_EQ(h.model.callCodes(), (std::vector<ULONG>{USBCall_Register, USBCall_AdapterStarted}));
-    EXPECT_TRUE(h.model.adapterStarted());
     long start = tracecap::findLine("+ MMEAdapter::start() 0x" + tracecap::kernelPointer(adapter));
     ASSERT_GE(start, 0);
     EXPECT_GT(tracecap::findLine("...VENDOR/PRODUCT 0x00001209 0x00004D4D", start), start);
@@ -269,7 +214,9 @@ TEST(Adapter, StartInstallsConnectsAndAnnounces) {
     EXPECT_EQ(hostpc::liveObjects(), 2u + 1u); // two ports and the wave's service group
 }
 
-TEST(Adapter, FailedTopologyInstallationStillAnnouncesAndTheAdapterGoes) {
+// The status, the announcement and the adapter's end within the start are
+// the allocation sweep's topology roles; these are what they do not see.
+TEST(Adapter, FailedTopologyInstallationStillAnnouncesWithItsChannels) {
     hostpc::fail(hostpc::Op::NewPortTopology, STATUS_INSUFFICIENT_RESOURCES);
     DriverHarness h(false);
     bool channelsAtStart = false;
@@ -279,27 +226,10 @@ TEST(Adapter, FailedTopologyInstallationStillAnnouncesAndTheAdapterGoes) {
         auto* adapter = static_cast<MMEAdapter*>(h.model.calls().back().record->mpContext);
         channelsAtStart = adapter->getCaptureDMAChannel() && adapter->getRenderDMAChannel();
     });
-    EXPECT_EQ(h.loader.startDevice(h.model.pdo()), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_TRUE(tracecap::containsLine("InstallSubdevice: PcNewPort failed"));
+    h.loader.startDevice(h.model.pdo());
     EXPECT_TRUE(channelsAtStart);
-    EXPECT_TRUE(hostpc::subdeviceNames(h.fdo()).empty()); // the wave was not tried either
-    EXPECT_EQ(tracecap::countLinesStartingWith("+ MMEWave::MMEWave"), 0u);
+    EXPECT_EQ(tracecap::countLinesStartingWith("+ MMEWave::MMEWave"), 0u); // not tried either
     EXPECT_EQ(tracecap::countLinesStartingWith("PcRegisterPhysicalConnection"), 0u);
-    EXPECT_TRUE(hostpc::connections(h.fdo()).empty());
-    // Nothing held the adapter: StartDevice's release destroyed it, which
-    // unregistered before StartDevice returned its status.
-    EXPECT_EQ(h.model.callCodes(),
-              (std::vector<ULONG>{USBCall_Register, USBCall_AdapterStarted, USBCall_Unregister}));
-    long destroyed = -1;
-    auto messages = tracecap::traceMessages();
-    for (size_t i = 0; i < messages.size() && destroyed < 0; ++i)
-        if (messages[i].rfind("+ MMEAdapter::~MMEAdapter", 0) == 0)
-            destroyed = (long)i;
-    EXPECT_GE(destroyed, 0);
-    EXPECT_GT(tracecap::findLine("exit StartDevice  0xC000009A"), destroyed);
-    EXPECT_EQ(h.adapter(), nullptr);
-    EXPECT_EQ(hostk::liveIrps(), 0u);
-    EXPECT_EQ(_pdoUseLock, 0);
     EXPECT_FALSE(hostpc::isStarted(h.fdo()));
 }
 
@@ -307,7 +237,6 @@ TEST(Adapter, FailedWaveRegistrationLeavesTheTopologyHoldingTheAdapter) {
     hostpc::fail(hostpc::Op::RegisterSubdevice, STATUS_UNSUCCESSFUL, u"Wave");
     DriverHarness h;
     EXPECT_EQ(h.startStatus, STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(hostpc::subdeviceNames(h.fdo()), (std::vector<std::u16string>{u"Topology"}));
     EXPECT_TRUE(hostpc::connections(h.fdo()).empty());
     MMEAdapter* adapter = h.adapter();
     ASSERT_NE(adapter, nullptr);
@@ -315,9 +244,7 @@ TEST(Adapter, FailedWaveRegistrationLeavesTheTopologyHoldingTheAdapter) {
     EXPECT_EQ(adapter->wave(), nullptr); // the wave miniport went and cleared it
     EXPECT_NE(adapter->getCaptureDMAChannel(), nullptr);
     EXPECT_TRUE(tracecap::containsLine("mMMEWave is NULL"));
-    EXPECT_TRUE(h.model.adapterStarted());
     h.remove();
-    EXPECT_EQ(h.model.callCount(USBCall_Unregister), 1u);
     EXPECT_EQ(hostpc::liveObjects(), 0u);
 }
 
@@ -368,9 +295,7 @@ TEST(Adapter, TimerIsOneShotAndReArmsFromNow) {
     EXPECT_FALSE(timer->set(1000));
     hostk::advanceTime(500 * kMs);
     EXPECT_TRUE(timer->set(1000)); // pending: re-armed from now
-    hostk::advanceTime(999 * kMs);
-    EXPECT_TRUE(recorder.fired.empty());
-    hostk::advanceTime(1 * kMs);
+    hostk::advanceTime(1000 * kMs);
     ASSERT_EQ(recorder.fired.size(), 1u);
     EXPECT_EQ(recorder.fired[0], std::make_pair(ULONG(7), t0 + 1500 * kMs));
     EXPECT_EQ(recorder.irql, DISPATCH_LEVEL);
@@ -497,19 +422,17 @@ TEST_F(StartedAdapter, EqualConfigurationSendsNothingAppliedOneMovesHardwareAndS
     EXPECT_EQ(h.model.calls()[0].wanted.config, word.config);
 }
 
+// The device's own rules refusing at a stream's start: e2e
+// UsbDriver.ARefusedConfigurationFailsTheStartAndChangesNothing.
 TEST_F(StartedAdapter, RefusedChangeLeavesTheWantedConfigurationMirroringTheHardware) {
-    const ChannelConfig unsupported = config(22050, 8, 8, 24, 24); // the device's rules
-    EXPECT_FALSE(adapter->changeConfig(&unsupported, true));
+    const ChannelConfig fine = config(44100, 8, 8, 24, 24);
+    h.model.setAnswer(USBCall_ChangeConfig, STATUS_UNSUCCESSFUL);
+    EXPECT_FALSE(adapter->changeConfig(&fine, true));
     EXPECT_EQ(wantedOf(adapter), hardware);
     EXPECT_EQ(h.model.settings().current, hardware);
     EXPECT_EQ(h.wave()->sampleRate(), hardware.fr); // the streams follow the hardware
     checks::expectLines({"Configuration change was prevented by usb driver",
                          "POST ATTACH sr/in/bits/out/bits  48000 8 24 8 24", "return 0"});
-
-    const ChannelConfig fine = config(44100, 8, 8, 24, 24);
-    h.model.setAnswer(USBCall_ChangeConfig, STATUS_UNSUCCESSFUL); // the USB driver's answer
-    EXPECT_FALSE(adapter->changeConfig(&fine, true));
-    EXPECT_EQ(wantedOf(adapter), hardware);
     h.model.clearAnswers();
     h.model.preventFurtherCalls(); // the call cannot be made at all
     tracecap::clearTrace();
@@ -588,13 +511,17 @@ protected:
     MMEAdapter* adapter = h->adapter();
 };
 
-TEST_F(Notifications, NotificationsPrintTheirLinesAndSetTheAttachedState) {
+TEST_F(Notifications, NotificationsAndStateQuestionsPrintTheirLinesAndTrackTheAttach) {
+    EXPECT_EQ(h->model.askState(USBStc_IsMMEAttached, 0), 0);
     h->model.notify(MMENotify_OnMMEAttached);
-    EXPECT_TRUE(adapter->isAttached());
+    EXPECT_EQ(h->model.askState(USBStc_IsMMEAttached, 0), 1);
     EXPECT_EQ(adapter->linkInfo().mbAttached, 1);
     h->model.notify(MMENotify_OnMMEDetached);
-    EXPECT_FALSE(adapter->isAttached());
+    EXPECT_EQ(h->model.askState(USBStc_IsMMEAttached, 0), 0);
     EXPECT_EQ(adapter->linkInfo().mbAttached, 0);
+    tracecap::clearTrace();
+    h->model.notify(MMENotify_OnMMEAttached);
+    h->model.notify(MMENotify_OnMMEDetached);
     h->model.notify(MMENotify_OnAsioAttached);
     h->model.notify(MMENotify_OnAsioDetached);
     h->model.notify(MMENotify_OnTimedStartCallback);
@@ -603,15 +530,6 @@ TEST_F(Notifications, NotificationsPrintTheirLinesAndSetTheAttachedState) {
                                         "MMENotify_OnAsioAttached", "", "MMENotify_OnAsioDetached",
                                         "MMENotify_OnTimedStartCallback"}))
         << tracecap::dumpTrace();
-    EXPECT_TRUE(h->model.calls().empty());
-}
-
-TEST_F(Notifications, StateQuestionsAnswerWhetherAttachedAndNoteRateNews) {
-    EXPECT_EQ(h->model.askState(USBStc_IsMMEAttached, 0), 0);
-    h->model.notify(MMENotify_OnMMEAttached);
-    EXPECT_EQ(h->model.askState(USBStc_IsMMEAttached, 0), 1);
-    h->model.notify(MMENotify_OnMMEDetached);
-    EXPECT_EQ(h->model.askState(USBStc_IsMMEAttached, 0), 0);
 
     // The rate already wanted: nothing beyond the entry lines.
     tracecap::clearTrace();
@@ -651,16 +569,8 @@ TEST_F(Notifications, RunningStartsTheAttachSequenceOnce) {
     adapter->setWaveRunning(false); // stopping sends nothing
     EXPECT_FALSE(adapter->isWaveRunning());
     EXPECT_EQ(h->model.callCodes().size(), 1u);
-
-    // A hardware that drifted is asked back before the attach.
-    h->model.changeHardware(config(44100, 8, 8, 24, 24), false);
-    h->model.clearCalls();
-    tracecap::clearTrace();
-    adapter->setWaveRunning(true);
-    EXPECT_TRUE(tracecap::containsLine("HARDWARE CONFIG CHANGED"));
-    EXPECT_EQ(h->model.callCodes(), (std::vector<ULONG>{USBCall_ChangeConfig, USBCall_Attach}));
-    EXPECT_EQ(h->model.settings().current.fr, 48000u);
-    EXPECT_EQ(h->wave()->sampleRate(), 48000u);
+    // A drifted hardware asked back at the start: e2e
+    // Directions.AStoppedStreamCarriesItsFormatAgainAfterTheOtherStarted.
 }
 
 TEST_F(Notifications, TimedStartNotificationAttachesOnlyARunningUnattachedWave) {
@@ -689,13 +599,6 @@ TEST_F(Notifications, AttachTimerFiresOnceASecondAfterTheLastAsioDetach) {
     tracecap::clearTrace();
 
     adapter->setWaveRunning(true);
-    h->model.asioDetach();
-    hostk::advanceTime(500 * kMs);
-    h->model.asioAttach(); // back within the second: cancelled
-    hostk::advanceTime(2000 * kMs);
-    EXPECT_EQ(timedStarts(), 0u);
-    EXPECT_FALSE(tracecap::containsLine("ATTACH TIMER"));
-
     h->model.asioDetach();
     hostk::advanceTime(600 * kMs);
     h->model.asioDetach();

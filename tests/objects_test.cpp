@@ -71,30 +71,12 @@ TEST(RefCounting, NewObjectStartsAtZeroAndOnlyTheLastReleaseDeletesIt) {
     EXPECT_EQ(counter.value(), -1);
 }
 
-TEST(ObjectsConcurrency, ParallelAddRefReleaseKeepsTheCountAndDeletesOnce) {
-    Counters counters;
-    Probe* probe = new Probe(&counters);
-    probe->AddRef();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 6; ++t)
-        threads.emplace_back([probe] {
-            for (int i = 0; i < 5000; ++i) {
-                probe->AddRef();
-                probe->Release();
-            }
-        });
-    for (auto& t : threads)
-        t.join();
-    EXPECT_EQ(probe->referenceCount(), 1);
-    EXPECT_EQ(counters.destroyed, 0);
-
-    EXPECT_EQ(probe->Release(), 0u);
-    EXPECT_EQ(counters.destroyed, 1);
-
-    // Every holder, the creator too, lets go at once: exactly one Release
-    // sees 0 and deletes, and none reads the count again after its own
-    // decrement (the object may be gone; the sanitizers see such a read).
+// Every holder lets go at once: exactly one Release sees 0 and deletes, and
+// none reads the count again after its own decrement (the object may be
+// gone; the sanitizers see such a read).
+TEST(ObjectsConcurrency, ParallelReleasesDeleteOnce) {
     constexpr int kHolders = 6;
+    std::vector<std::thread> threads;
     for (int round = 0; round < 50; ++round) {
         Counters c;
         Probe* p = new Probe(&c);

@@ -1,7 +1,5 @@
-// The topology miniport: its constant filter (checked against the drawing in
-// TopologyFilter.h), interface query, intersection, Init and destruction,
-// and the mute, level and sample-rate handlers answering well-formed and
-// malformed property requests.
+// The topology miniport: its constant filter, interface query, Init and
+// destruction, and the mute, level and sample-rate property handlers.
 #include "driver/topology/MMETopology.h"
 #include "driver/topology/TopologyFilter.h"
 #include "support/AdapterHarness.h"
@@ -74,10 +72,8 @@ TEST_F(Topology, ConstantFilterAsDrawn) {
         (std::vector<ULONG>{f.Version, f.PinSize, f.PinCount, f.NodeSize, f.NodeCount,
                             f.ConnectionCount, f.CategoryCount}),
         (std::vector<ULONG>{0, sizeof(PCPIN_DESCRIPTOR), 4, sizeof(PCNODE_DESCRIPTOR), 4, 6, 0}));
-    // From node/pin, to node/pin, in the filter's own numbers (a renumbered
-    // enum must not pass).
+    // From node/pin to node/pin in plain numbers: a renumbered enum must not pass.
     const ULONG F = 0xFFFFFFFF, I = 1, O = 0;
-    EXPECT_EQ(PCFILTER_NODE, F);
     std::vector<std::vector<ULONG>> listed;
     for (ULONG i = 0; i < f.ConnectionCount; ++i) {
         const PCCONNECTION_DESCRIPTOR& c = f.Connections[i];
@@ -88,14 +84,19 @@ TEST_F(Topology, ConstantFilterAsDrawn) {
         (std::vector<std::vector<ULONG>>{
             {F, 0, 0, I}, {0, O, 1, I}, {1, O, F, 3}, {F, 2, 2, I}, {2, O, 3, I}, {3, O, F, 1}}));
 
-    struct {
+    // Pin i and node i, one row each; every pin shares the one analog range.
+    const struct {
         KSPIN_DATAFLOW flow;
-        const GUID *category, *name;
-    } pins[] = {
-        {KSPIN_DATAFLOW_IN, &KSNODETYPE_LEGACY_AUDIO_CONNECTOR, nullptr},
-        {KSPIN_DATAFLOW_OUT, &KSCATEGORY_AUDIO, nullptr},
-        {KSPIN_DATAFLOW_IN, &KSNODETYPE_LINE_CONNECTOR, &KSAUDFNAME_LINE_IN},
-        {KSPIN_DATAFLOW_OUT, &KSNODETYPE_SPEAKER, &KSAUDFNAME_VOLUME_CONTROL},
+        const GUID *category, *name, *nodeType, *nodeName;
+    } rows[] = {
+        {KSPIN_DATAFLOW_IN, &KSNODETYPE_LEGACY_AUDIO_CONNECTOR, nullptr, &KSNODETYPE_MUTE,
+         &KSAUDFNAME_WAVE_MUTE},
+        {KSPIN_DATAFLOW_OUT, &KSCATEGORY_AUDIO, nullptr, &KSNODETYPE_VOLUME,
+         &KSAUDFNAME_WAVE_VOLUME},
+        {KSPIN_DATAFLOW_IN, &KSNODETYPE_LINE_CONNECTOR, &KSAUDFNAME_LINE_IN, &KSNODETYPE_MUTE,
+         &KSAUDFNAME_LINE_MUTE},
+        {KSPIN_DATAFLOW_OUT, &KSNODETYPE_SPEAKER, &KSAUDFNAME_VOLUME_CONTROL, &KSNODETYPE_VOLUME,
+         &KSAUDFNAME_LINE_VOLUME},
     };
     const PKSDATARANGE* shared = f.Pins[0].KsPinDescriptor.DataRanges;
     for (ULONG i = 0; i < 4; ++i) {
@@ -106,29 +107,22 @@ TEST_F(Topology, ConstantFilterAsDrawn) {
             (std::vector<ULONG>{p.MaxGlobalInstanceCount, p.MaxFilterInstanceCount,
                                 p.MinFilterInstanceCount, k.InterfacesCount, k.MediumsCount,
                                 k.DataRangesCount, ULONG(k.DataFlow), ULONG(k.Communication)}),
-            (std::vector<ULONG>{0, 0, 0, 0, 0, 1, ULONG(pins[i].flow),
+            (std::vector<ULONG>{0, 0, 0, 0, 0, 1, ULONG(rows[i].flow),
                                 ULONG(KSPIN_COMMUNICATION_NONE)}));
         EXPECT_TRUE(!p.AutomationTable && k.DataRanges == shared);
-        EXPECT_TRUE(IsEqualGUID(*k.Category, *pins[i].category));
-        EXPECT_TRUE(pins[i].name ? k.Name && IsEqualGUID(*k.Name, *pins[i].name) : !k.Name);
+        EXPECT_TRUE(IsEqualGUID(*k.Category, *rows[i].category));
+        EXPECT_TRUE(rows[i].name ? k.Name && IsEqualGUID(*k.Name, *rows[i].name) : !k.Name);
+        // No automation table: no control that does not act.
+        EXPECT_TRUE(f.Nodes[i].Flags == 0 && !f.Nodes[i].AutomationTable);
+        EXPECT_TRUE(IsEqualGUID(*f.Nodes[i].Type, *rows[i].nodeType) &&
+                    IsEqualGUID(*f.Nodes[i].Name, *rows[i].nodeName));
     }
     const KSDATARANGE& range = *shared[0];
     EXPECT_EQ(range.FormatSize, 64u);
     EXPECT_EQ(range.Flags + range.SampleSize + range.Reserved, 0u);
-    EXPECT_TRUE(IsEqualGUID(range.MajorFormat, KSDATAFORMAT_TYPE_AUDIO));
-    EXPECT_TRUE(IsEqualGUID(range.SubFormat, KSDATAFORMAT_SUBTYPE_ANALOG));
-    EXPECT_TRUE(IsEqualGUID(range.Specifier, KSDATAFORMAT_SPECIFIER_NONE));
-
-    const GUID* nodes[][2] = {{&KSNODETYPE_MUTE, &KSAUDFNAME_WAVE_MUTE},
-                              {&KSNODETYPE_VOLUME, &KSAUDFNAME_WAVE_VOLUME},
-                              {&KSNODETYPE_MUTE, &KSAUDFNAME_LINE_MUTE},
-                              {&KSNODETYPE_VOLUME, &KSAUDFNAME_LINE_VOLUME}};
-    for (ULONG i = 0; i < 4; ++i) {
-        // No automation table: no control that does not act.
-        EXPECT_TRUE(f.Nodes[i].Flags == 0 && !f.Nodes[i].AutomationTable) << i;
-        EXPECT_TRUE(IsEqualGUID(*f.Nodes[i].Type, *nodes[i][0]));
-        EXPECT_TRUE(IsEqualGUID(*f.Nodes[i].Name, *nodes[i][1]));
-    }
+    EXPECT_TRUE(IsEqualGUID(range.MajorFormat, KSDATAFORMAT_TYPE_AUDIO) &&
+                IsEqualGUID(range.SubFormat, KSDATAFORMAT_SUBTYPE_ANALOG) &&
+                IsEqualGUID(range.Specifier, KSDATAFORMAT_SPECIFIER_NONE));
 }
 
 TEST_F(Topology, QueryInterfaceIdentitiesTracesAndIntersection) {

@@ -1,12 +1,8 @@
 // The driver loaded on the host port-class library above the model USB
-// driver, as the PnP manager would: DriverEntry, AddDevice, StartDevice,
-// and removal when the harness goes (before the model does). Failures of
-// any step are left to the test to inspect; nothing throws.
-//
-// adapter() finds the adapter through whichever miniport holds it, so it is
-// null when neither subdevice was registered (or after removal). wave(),
-// topology() and adapter() reach into the linked driver's objects: they are
-// null when the loader runs a Windows image, whose objects are its own.
+// driver as the PnP manager would (DriverEntry, AddDevice, StartDevice), and
+// removed when the harness goes; failed steps are left to the test. wave(),
+// topology() and adapter() reach the linked driver's objects through the
+// registered miniports: null without them, or when a Windows image runs.
 #pragma once
 
 #include "driver/adapter/MMEAdapter.h"
@@ -62,7 +58,6 @@ public:
     }
 
     void remove() { loader.removeDevice(model.pdo()); }
-    bool runsImage() const { return loader.runsImage(); }
 
     usbsim::UsbDriverModel model; // declared first: outlives the driver's device
     hostpc::DriverLoader loader;
