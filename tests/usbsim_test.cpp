@@ -31,11 +31,8 @@ namespace {
 struct FakeDriver {
     MMEAdapterInfo record{};
     std::vector<ULONG> notes; // codes
-    ULONGLONG lastValue = 0;
     Questions questions;
-    LONG stcAnswer = 0;
     std::function<void(ULONG)> onNotify;
-    size_t exchanges = 0;
     bool exchangeAtDispatch = true, wrongArguments = false;
 
     FakeDriver() {
@@ -45,26 +42,22 @@ struct FakeDriver {
         record.mpfnExchangeData = &FakeDriver::exchangeEntry;
         record.mInterfaceVersion = MME_INTERFACE_VERSION;
     }
-    static void NTAPI notifyEntry(PVOID context, ULONG code, ULONGLONG value) {
+    static void NTAPI notifyEntry(PVOID context, ULONG code, ULONGLONG) {
         auto* self = static_cast<FakeDriver*>(context);
         self->notes.push_back(code);
-        self->lastValue = value;
         if (self->onNotify)
             self->onNotify(code);
     }
     static LONG NTAPI stcEntry(PVOID context, ULONG code, ULONG value) {
         auto* self = static_cast<FakeDriver*>(context);
         self->questions.emplace_back(code, value);
-        return self->stcAnswer;
+        return 0;
     }
     static void NTAPI exchangeEntry(PVOID context, MMEAdapterInfo* info) {
         auto* self = static_cast<FakeDriver*>(context);
-        ++self->exchanges;
         self->exchangeAtDispatch &= KeGetCurrentIrql() == DISPATCH_LEVEL;
         self->wrongArguments |= info != &self->record;
     }
-    AudioSM& capture() { return *reinterpret_cast<AudioSM*>(record.mpCaptureRing + 8); }
-    AudioSM& render() { return *record.mpSharedMemory; }
 };
 
 NTSTATUS NTAPI keepIrp(PDEVICE_OBJECT, PIRP, PVOID context) {
@@ -176,7 +169,7 @@ TEST(UsbsimCalls, MalformedOrMisplacedCallsAreRefusedWithoutEffect) {
 
     ASSERT_EQ(send(model, USBCall_Register, &drv.record), STATUS_SUCCESS);
     EXPECT_EQ(drv.record.mpSettings->current, (ChannelConfig{48000, 8, 8, 24, 24, 0}));
-    EXPECT_EQ(drv.render().mMMEReadPos, MME_RING_NOT_ATTACHED);
+    EXPECT_EQ(drv.record.mpSharedMemory->mMMEReadPos, MME_RING_NOT_ATTACHED);
     EXPECT_EQ(send(model, 6, &drv.record), STATUS_INVALID_DEVICE_REQUEST);
     EXPECT_EQ(model.calls().back().note, "unknown call code 6");
     EXPECT_EQ(send(model, USBCall_Register, &other.record), STATUS_INVALID_DEVICE_STATE);
@@ -230,21 +223,11 @@ TEST_F(Usbsim, ChangeConfigRefusalsLeaveTheHardwareAsItWas) {
     EXPECT_EQ(send(*model, USBCall_ChangeConfig, &drv.record), STATUS_SUCCESS);
 }
 
-TEST_F(Usbsim, AcceptedChangesReshapeTheRingsAndAreReportedWhenAsked) {
-    model->runPeriods(2);
-    const uint32_t capturePos = drv.capture().mWritePos;
+TEST_F(Usbsim, AcceptedChangesAreReportedOnlyWhenAsked) {
     drv.record.mcAttachChannels = {44100, 2, 4, 16, 24, 0};
     EXPECT_EQ(send(*model, USBCall_ChangeConfig, &drv.record), STATUS_SUCCESS);
-    EXPECT_EQ(model->calls().back().wanted, drv.record.mcAttachChannels);
     EXPECT_EQ(model->settings().current, drv.record.mcAttachChannels);
-    EXPECT_EQ(drv.capture().mChannelsPerFrame, 2u);
-    EXPECT_EQ(drv.capture().mMaxFrames, 65536u);
-    EXPECT_EQ(drv.render().mChannelsPerFrame, 4u);
-    EXPECT_EQ(drv.render().mMaxFrames, 32768u);
-    model->runPeriods(1);
-    EXPECT_EQ(drv.capture().mWritePos, capturePos + 256) << "positions run on";
     EXPECT_TRUE(drv.questions.empty()) << "own changes are not reported by default";
-
     model->setReportOwnChanges(true);
     drv.record.mcAttachChannels = {96000, 8, 8, 24, 24, 0};
     send(*model, USBCall_ChangeConfig, &drv.record);
@@ -253,74 +236,12 @@ TEST_F(Usbsim, AcceptedChangesReshapeTheRingsAndAreReportedWhenAsked) {
     EXPECT_EQ(drv.questions, (Questions{{USBStc_SampleRate, 96000},
                                         {USBStc_ConfigChanged, 0},
                                         {USBStc_ConfigChanged, 0}}));
-
-    // The hardware changing on its own, told or not.
-    drv.questions.clear();
-    model->changeHardware({88200, 8, 8, 24, 24, 3}, false);
-    EXPECT_TRUE(drv.questions.empty());
-    EXPECT_EQ(model->settings().current, (ChannelConfig{88200, 8, 8, 24, 24, 3}));
-    drv.stcAnswer = 7;
-    model->changeHardware({44100, 8, 8, 24, 24, 3}, true);
-    EXPECT_EQ(drv.questions, (Questions{{USBStc_SampleRate, 44100}, {USBStc_ConfigChanged, 0}}));
-    EXPECT_EQ(model->notices().back().answer, 7);
     EXPECT_THROW(model->changeHardware({44100, 33, 8, 24, 24, 0}, false), std::invalid_argument);
 }
 
-// ---- Notifications ----
+// ---- Notifications and the clock ----
 
-TEST_F(Usbsim, EachEventSendsItsCodeAndAttachSetsTheReadPositionFirst) {
-    DeviceProfile p = DeviceProfile::builtInDefault();
-    p.captureStartPosition = 1000;
-    p.renderStartPosition = 77;
-    link(p);
-    model->runPeriods(2);
-    uint32_t seen = 0;
-    drv.onNotify = [&](ULONG code) {
-        if (code == MMENotify_OnMMEAttached)
-            seen = drv.render().mMMEReadPos;
-    };
-    model->attachMME(300);
-    EXPECT_EQ(seen, 1000u + 512u - 300u);
-    EXPECT_EQ(model->renderReadPos(), 77u);
-    model->asioAttach(); // takes the device: the MME side is detached first
-    EXPECT_FALSE(model->mmeAttached());
-    EXPECT_EQ(drv.render().mMMEReadPos, MME_RING_NOT_ATTACHED);
-    model->asioDetach();
-    model->timedStart();
-    model->preventFurtherCalls();
-    model->notify(17, 0x123456789ull);
-    EXPECT_EQ(drv.notes, (std::vector<ULONG>{MMENotify_OnMMEAttached, MMENotify_OnMMEDetached,
-                                             MMENotify_OnAsioAttached, MMENotify_OnAsioDetached,
-                                             MMENotify_OnTimedStartCallback,
-                                             MMENotify_PreventFurtherDriverCalls, 17}));
-    EXPECT_EQ(drv.lastValue, 0x123456789ull);
-    drv.stcAnswer = 1;
-    EXPECT_EQ(model->askState(USBStc_IsMMEAttached, 5), 1);
-    EXPECT_EQ(drv.questions.back(), (std::pair<ULONG, ULONG>{USBStc_IsMMEAttached, 5}));
-    model->setExclusiveInputs(true);
-    EXPECT_NE(drv.capture().mExclInputs, 0u);
-    model->setExclusiveInputs(false);
-    EXPECT_EQ(drv.capture().mExclInputs, 0u);
-}
-
-TEST_F(Usbsim, AttachAndTimedStartAreAnsweredAtThePeriodBoundaryUnlessAsioHoldsTheDevice) {
-    bool inCall = false, notedInCall = false;
-    model->setDuringCall([&](ULONG) {
-        inCall = true;
-        model->notify(MMENotify_PreventFurtherDriverCalls);
-        inCall = false;
-    });
-    drv.onNotify = [&](ULONG) { notedInCall = inCall; };
-    EXPECT_EQ(send(*model, USBCall_Attach, &drv.record), STATUS_SUCCESS);
-    EXPECT_TRUE(notedInCall) << "a hook's notification arrives inside the call";
-    EXPECT_EQ(drv.notes, std::vector<ULONG>{MMENotify_PreventFurtherDriverCalls});
-    model->setDuringCall(nullptr);
-    model->runPeriods(1);
-    EXPECT_EQ(drv.notes.back(), MMENotify_OnMMEAttached);
-    EXPECT_EQ(drv.exchanges, 1u) << "attached before the period's exchange";
-    EXPECT_TRUE(drv.exchangeAtDispatch);
-    EXPECT_FALSE(drv.wrongArguments);
-
+TEST_F(Usbsim, AttachAndTimedStartAreRefusedWhileAsioHoldsTheDevice) {
     model->asioAttach();
     drv.notes.clear();
     EXPECT_EQ(send(*model, USBCall_Attach, &drv.record), STATUS_INVALID_DEVICE_STATE);
@@ -329,35 +250,11 @@ TEST_F(Usbsim, AttachAndTimedStartAreAnsweredAtThePeriodBoundaryUnlessAsioHoldsT
     EXPECT_TRUE(drv.notes.empty());
     model->asioDetach();
     drv.notes.clear();
-    hostk::runAtDispatch([&] { send(*model, USBCall_TimedStart, &drv.record); });
-    EXPECT_EQ(model->calls().back().irql, DISPATCH_LEVEL);
+    EXPECT_EQ(send(*model, USBCall_Attach, &drv.record), STATUS_SUCCESS);
     model->runPeriods(1);
-    EXPECT_EQ(drv.notes, std::vector<ULONG>{MMENotify_OnTimedStartCallback});
-    model->setAutoAttach(false);
-    drv.notes.clear();
-    send(*model, USBCall_Attach, &drv.record);
-    model->runPeriods(2);
-    EXPECT_TRUE(drv.notes.empty());
-}
-
-TEST_F(Usbsim, ScheduledEventsFireAtTheStartOfTheirPeriod) {
-    std::vector<std::pair<ULONG, uint64_t>> when;
-    drv.onNotify = [&](ULONG code) { when.emplace_back(code, model->periodsRun()); };
-    using usbsim::EventKind;
-    model->schedule({2, EventKind::ExclusiveInputsOn, 0});
-    model->schedule({2, EventKind::SampleRate, 96000});
-    model->schedule({3, EventKind::DigitalLock, 96000});
-    model->runPeriods(2);
-    EXPECT_EQ(drv.capture().mExclInputs, 0u);
-    model->runPeriods(1);
-    EXPECT_NE(drv.capture().mExclInputs, 0u);
-    EXPECT_EQ(drv.questions.front(), (std::pair<ULONG, ULONG>{USBStc_SampleRate, 96000}));
-    EXPECT_EQ(model->settings().mDigitalLockFrequency, 0u);
-    model->runPeriods(1);
-    EXPECT_EQ(model->settings().mDigitalLockFrequency, 96000u);
-    model->schedule({1, EventKind::TimedStart, 0}); // already past: fires next period
-    model->runPeriods(1);
-    EXPECT_EQ(when, (std::vector<std::pair<ULONG, uint64_t>>{{MMENotify_OnTimedStartCallback, 4}}));
+    EXPECT_EQ(drv.notes, std::vector<ULONG>{MMENotify_OnMMEAttached});
+    EXPECT_TRUE(drv.exchangeAtDispatch);
+    EXPECT_FALSE(drv.wrongArguments);
 }
 
 TEST_F(Usbsim, UnregisterWaitsForCallbacksOnOtherThreadsButNotForItsOwn) {
@@ -390,46 +287,6 @@ TEST_F(Usbsim, UnregisterWaitsForCallbacksOnOtherThreadsButNotForItsOwn) {
     EXPECT_EQ(model->link(), nullptr);
 }
 
-// ---- Period clock and rings ----
-
-TEST(UsbsimClock, CaptureRingReceivesDeviceInputAcrossTheWrap) {
-    DeviceProfile p = DeviceProfile::builtInDefault();
-    p.periodFrames = 128;
-    p.captureStartPosition = 0xFFFFFF00u; // 2 periods before 2^32
-    UsbDriverModel model(p);
-    model.setInput(std::make_shared<usbsim::PatternInput>());
-    const AudioSM& cap = model.captureRing();
-    model.runPeriods(5);
-    EXPECT_EQ(cap.mWritePos, 0xFFFFFF00u + 5 * 128) << "wrapped modulo 2^32";
-    EXPECT_EQ(model.framesRun(), 640u);
-    for (uint32_t f = 0; f < 640; ++f)
-        for (uint32_t c = 0; c < 8; ++c)
-            ASSERT_EQ(cap.mSamples[((0xFFFFFF00u + f) % cap.mMaxFrames) * 8 + c],
-                      usbsim::PatternInput::sample(f, c))
-                << "frame " << f << " channel " << c;
-}
-
-TEST(UsbsimClock, ClocksAndHostTimeFollowTheSampleClock) {
-    DeviceProfile p = DeviceProfile::builtInDefault();
-    p.hardware.fr = 44100;
-    UsbDriverModel model(p);
-    const int64_t start = hostk::now100ns();
-    model.runPeriods(100);
-    EXPECT_EQ(hostk::now100ns() - start, int64_t(100ull * 256 * 10000000 / 44100)) << "no drift";
-    const AudioSM& cap = model.captureRing();
-    const AudioSMClock& clock = cap.mClockSelect ? cap.mClockA : cap.mClockB;
-    EXPECT_EQ(clock.framePos, cap.mWritePos);
-    EXPECT_EQ(clock.rateNum, 10000000);
-    EXPECT_EQ(clock.rateDen, 44100);
-    const uint32_t select = cap.mClockSelect;
-    model.runPeriods(1);
-    EXPECT_NE(cap.mClockSelect, select) << "the other block takes over";
-    model.setAdvanceHostTime(false);
-    const int64_t frozen = hostk::now100ns();
-    model.runPeriods(3);
-    EXPECT_EQ(hostk::now100ns(), frozen);
-}
-
 TEST_F(Usbsim, RenderSamplesThatAreNotTwentyFourBitAreCounted) {
     model->attachMME();
     AudioSM& ren = model->renderRing();
@@ -445,26 +302,7 @@ TEST_F(Usbsim, RenderSamplesThatAreNotTwentyFourBitAreCounted) {
     EXPECT_EQ(out->at(0, 1), int32_t(0x80000000));
 }
 
-TEST_F(Usbsim, RealTimeIsPacedBySampleClockAndStoppedByUnregisterOrAFailingBackend) {
-    DeviceProfile p = DeviceProfile::builtInDefault();
-    p.hardware.fr = 192000;
-    link(p);
-    model->attachMME();
-    const auto start = std::chrono::steady_clock::now();
-    auto waitFor = [&](const std::function<bool()>& done) {
-        while (!done() && std::chrono::steady_clock::now() - start < std::chrono::seconds(20))
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    };
-    model->startRealTime();
-    EXPECT_THROW(model->runPeriods(1), std::logic_error);
-    waitFor([&] { return model->periodsRun() >= 30; });
-    ASSERT_GE(model->periodsRun(), 30u);
-    // 29 full periods of 256 frames at 192 kHz have passed before the 30th
-    EXPECT_GE(std::chrono::steady_clock::now() - start,
-              std::chrono::microseconds(29 * 256 * 1000000ull / 192000));
-    EXPECT_EQ(send(*model, USBCall_Unregister, &drv.record), STATUS_SUCCESS);
-    EXPECT_FALSE(model->realTimeRunning());
-
+TEST(UsbsimClock, ARealTimeRunStopsAtAFailingBackendWithItsError) {
     struct FailingOutput : usbsim::OutputBackend {
         int left = 3;
         void write(const int32_t*, uint32_t, uint32_t) override {
@@ -476,70 +314,16 @@ TEST_F(Usbsim, RealTimeIsPacedBySampleClockAndStoppedByUnregisterOrAFailingBacke
     UsbDriverModel failing;
     failing.setOutput(std::make_shared<FailingOutput>());
     failing.startRealTime();
-    waitFor([&] { return !failing.realTimeRunning(); });
+    const auto start = std::chrono::steady_clock::now();
+    while (failing.realTimeRunning() &&
+           std::chrono::steady_clock::now() - start < std::chrono::seconds(20))
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     EXPECT_FALSE(failing.realTimeRunning());
     EXPECT_EQ(failing.realTimeError(), "disk full");
     EXPECT_EQ(failing.periodsRun(), 2u);
 }
 
 // ---- Backends ----
-
-TEST(UsbsimBackends, GeneratorsProduceTheirSignal) {
-    usbsim::SineInput sine(1000, 0.5);
-    sine.configure(48000, 2);
-    std::vector<int32_t> buf(48000 * 2);
-    sine.read(buf.data(), 48000, 2);
-    int crossings = 0; // (its level as recorded: mme_sim_test)
-    for (size_t f = 1; f < 48000; ++f)
-        crossings += (buf[f * 2 - 2] < 0) != (buf[f * 2] < 0) && buf[f * 2] == buf[f * 2 + 1];
-    EXPECT_NEAR(crossings, 2000, 2);
-    usbsim::SweepInput sweep(100, 10000, 2.0, 0.5, true);
-    sweep.configure(48000, 1);
-    EXPECT_DOUBLE_EQ(sweep.frequencyAt(0), 100);
-    EXPECT_NEAR(sweep.frequencyAt(1.0), 1000, 1e-6) << "log sweep";
-    EXPECT_NEAR(sweep.frequencyAt(2.5), sweep.frequencyAt(0.5), 1e-6) << "starts again";
-    // The pattern names its frame (top 16 bits) and channel (next 8).
-    EXPECT_EQ(uint32_t(usbsim::PatternInput::sample(69999, 2)) >> 16, 69999u % 65536);
-    EXPECT_EQ((uint32_t(usbsim::PatternInput::sample(5, 2)) >> 8) & 0xFF, 2u);
-}
-
-// (Files as mme-sim plays and records them: mme_sim_test.)
-TEST_F(Usbsim, WavFilesMapChannelsLoopAndAppearOnlyWhenFinished) {
-    const std::string path = file("device.wav");
-    usbsim::WavFileOutput wav(path, 24);
-    wav.configure(48000, 3);
-    std::vector<int32_t> frames(1000 * 3);
-    for (size_t i = 0; i < frames.size(); ++i)
-        frames[i] = usbsim::PatternInput::sample(i / 3, uint32_t(i % 3));
-    wav.write(frames.data(), 1000, 3);
-    EXPECT_FALSE(std::filesystem::exists(path)) << "not under its name before finish";
-    wav.finish();
-    EXPECT_FALSE(std::filesystem::exists(path + ".part"));
-
-    usbsim::WavFileInput in(path);
-    std::vector<int32_t> wide(600 * 4), narrow(600 * 2);
-    in.read(wide.data(), 600, 4);   // one more device channel than the file
-    in.read(narrow.data(), 600, 2); // 400 frames left, then silence
-    for (uint32_t f = 0; f < 600; ++f) {
-        ASSERT_EQ(wide[f * 4 + 2], usbsim::PatternInput::sample(f, 2));
-        ASSERT_EQ(wide[f * 4 + 3], 0);
-        ASSERT_EQ(narrow[f * 2 + 1], f < 400 ? usbsim::PatternInput::sample(600 + f, 1) : 0);
-    }
-    EXPECT_TRUE(in.finished());
-    usbsim::WavFileInput looping(path, true);
-    std::vector<int32_t> twice(2500 * 3);
-    looping.read(twice.data(), 2500, 3);
-    EXPECT_EQ(twice[2200 * 3], usbsim::PatternInput::sample(200, 0));
-    EXPECT_FALSE(looping.finished());
-
-    usbsim::WavFileOutput wav16(file("device16.wav"), 16);
-    wav16.configure(44100, 1);
-    wav16.write(&frames[5], 1, 1);
-    wav16.finish();
-    int32_t back = 0;
-    usbsim::WavFileInput(file("device16.wav")).read(&back, 1, 1);
-    EXPECT_EQ(back, frames[5] & int32_t(0xFFFF0000)) << "16-bit files keep the top 16 bits";
-}
 
 TEST_F(Usbsim, BadFilesAndBackendNamesAreRefusedClearly) {
     EXPECT_NE(thrown([&] { usbsim::WavFileInput in(file("missing.wav")); }).find("missing.wav"),
@@ -573,19 +357,9 @@ TEST_F(Usbsim, BadFilesAndBackendNamesAreRefusedClearly) {
               std::string::npos);
 }
 
-TEST(UsbsimBackends, LoopbackDelaysAndMapsChannelsInFixedMemory) {
+TEST(UsbsimBackends, LoopbackKeepsItsMemoryFixedForAListenerFarBehind) {
     UsbDriverModel model;
     EXPECT_THROW(model.setLoopback(255), std::invalid_argument) << "shorter than a period";
-    usbsim::LoopbackBackend loop(4);
-    int32_t played[2 * 3] = {1, 2, 3, 4, 5, 6}; // 3 frames of 2 channels
-    loop.write(played, 3, 2);
-    int32_t heard[8 * 3];
-    loop.read(heard, 8, 3);
-    const int32_t want[8 * 3] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-                                 1, 2, 0, 3, 4, 0, 5, 6, 0, 0, 0, 0};
-    EXPECT_TRUE(std::equal(heard, heard + 24, want));
-    EXPECT_EQ(loop.underruns(), 1u) << "the eighth frame was not played yet";
-
     // A listener behind by more than the ring loses the oldest frames,
     // counted, and hears the newest in order: memory stays fixed.
     usbsim::LoopbackBackend behind(256);
