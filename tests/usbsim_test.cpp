@@ -196,29 +196,14 @@ TEST(UsbsimCalls, MalformedOrMisplacedCallsAreRefusedWithoutEffect) {
 }
 
 // (Each accept rule and its reason: UsbsimProfile.ChangesAreJudgedByTheAcceptRules.)
-TEST_F(Usbsim, ChangeConfigRefusalsLeaveTheHardwareAsItWas) {
-    DeviceProfile p = DeviceProfile::builtInDefault();
-    p.accept.refuse.push_back({96000u, std::nullopt, 2u, std::nullopt, std::nullopt, std::nullopt,
-                               "no stereo output at 96 kHz"});
-    link(p);
+TEST_F(Usbsim, ARefusedChangeIsNotedWithItsReasonAndLeavesTheHardwareAsItWas) {
     const ChannelConfig start = model->settings().current;
-    const struct {
-        ChannelConfig wanted;
-        uint32_t lock;
-        const char* note;
-    } cases[] = {
-        {{48000, 8, 0, 24, 24, 0}, 0, "0 output channels outside 1..8"},
-        {{96000, 8, 2, 24, 24, 0}, 0, "no stereo output at 96 kHz"},
-        {{48000, 8, 8, 24, 24, 0}, 44100, "digital input locked to 44100 Hz"},
-    };
-    for (const auto& c : cases) {
-        model->setDigitalLock(c.lock);
-        drv.record.mcAttachChannels = c.wanted;
-        EXPECT_EQ(send(*model, USBCall_ChangeConfig, &drv.record), STATUS_NOT_SUPPORTED);
-        EXPECT_EQ(model->calls().back().note.rfind(c.note, 0), 0u) << model->calls().back().note;
-        EXPECT_EQ(model->settings().current, start);
-    }
+    model->setDigitalLock(44100);
     EXPECT_EQ(model->settings().mDigitalLockFrequency, 44100u);
+    drv.record.mcAttachChannels = {48000, 8, 8, 24, 24, 0};
+    EXPECT_EQ(send(*model, USBCall_ChangeConfig, &drv.record), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(model->calls().back().note.rfind("digital input locked to 44100 Hz", 0), 0u);
+    EXPECT_EQ(model->settings().current, start);
     drv.record.mcAttachChannels = {44100, 8, 8, 24, 24, 0};
     EXPECT_EQ(send(*model, USBCall_ChangeConfig, &drv.record), STATUS_SUCCESS);
 }
@@ -400,16 +385,14 @@ TEST(UsbsimProfile, RingsHoldWholePeriodsAndTheDriversWriteAhead) {
     EXPECT_EQ(p.ringFramesFor(8), 4096u);
 }
 
-TEST(UsbsimProfile, SamplesSurviveAJsonRoundTripAndDefaultJsonIsTheBuiltIn) {
-    for (const char* name : {"default.json", "stereo-16.json", "spdif-locked.json"}) {
-        SCOPED_TRACE(name);
-        const DeviceProfile p = DeviceProfile::fromJsonFile(profilePath(name));
-        const DeviceProfile again = DeviceProfile::fromJsonString(p.toJson().dump());
-        EXPECT_TRUE(sameRecord(*recordOf(p), *recordOf(again)));
-        EXPECT_EQ(p.toJson(), again.toJson());
-    }
+// (That any accepted profile survives a JSON round trip: fuzz_profile.)
+TEST(UsbsimProfile, TheSampleProfilesLoadAndDefaultJsonIsTheBuiltIn) {
+    for (const char* name : {"stereo-16.json", "spdif-locked.json"})
+        EXPECT_EQ(profileErrorOf([&] { DeviceProfile::fromJsonFile(profilePath(name)); }).first,
+                  "(accepted)");
     const DeviceProfile fromFile = DeviceProfile::fromJsonFile(profilePath("default.json"));
     EXPECT_TRUE(sameRecord(*recordOf(fromFile), *recordOf(DeviceProfile::builtInDefault())));
+    EXPECT_EQ(fromFile.toJson(), DeviceProfile::builtInDefault().toJson());
 }
 
 // Each row changes the default profile's JSON one way and names the error.
