@@ -14,7 +14,6 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <thread>
 
@@ -270,10 +269,7 @@ TEST(UsbsimClock, ARealTimeRunStopsAtAFailingBackendWithItsError) {
 // ---- Backends ----
 
 TEST_F(Usbsim, BadFilesAndBackendNamesAreRefusedClearly) {
-    EXPECT_NE(thrown([&] { usbsim::WavFileInput in(file("missing.wav")); }).find("missing.wav"),
-              std::string::npos);
-    std::ofstream(file("notes.wav")) << "not a sound file\n";
-    EXPECT_THROW(usbsim::WavFileInput{file("notes.wav")}, std::runtime_error);
+    // (Missing, unreadable and unwritable files as mme-sim reports them: mme_sim_test.)
     EXPECT_THROW(usbsim::WavFileOutput(file("x.wav"), 20), std::invalid_argument);
     {
         usbsim::WavFileOutput abandoned(file("abandoned.wav"), 24);
@@ -281,9 +277,7 @@ TEST_F(Usbsim, BadFilesAndBackendNamesAreRefusedClearly) {
         int32_t frame[2] = {1, 2};
         abandoned.write(frame, 1, 2);
     }
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 1) << "notes.wav only";
-    usbsim::WavFileOutput nowhere("/nonexistent/dir/out.wav", 24);
-    EXPECT_THROW(nowhere.configure(48000, 2), std::runtime_error);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 0) << "nothing left";
 
     EXPECT_EQ(usbsim::makeInput("sine:440:0.25")->describe(), "sine 440 Hz, amplitude 0.25");
     EXPECT_EQ(usbsim::makeInput("sweep:20:20000:3")->describe(), "log sweep 20 to 20000 Hz in 3 s");
