@@ -1,7 +1,7 @@
 // The model USB driver seen from a driver's side (a hand-made link record
-// with callbacks of the test's own plays the adapter), its I/O backends and
-// its device profiles. The exact round trips through the real driver are
-// checked by e2e_loopback_test.
+// with callbacks of the test's own plays the adapter): its refusals, its
+// backends' and profiles' errors. What the end-to-end and mme-sim suites
+// show by driving it through the real driver is left to them.
 #include "usbsim/Backends.h"
 #include "usbsim/Profile.h"
 #include "usbsim/UsbDriverModel.h"
