@@ -96,6 +96,22 @@ inline void requireNoReports() {
     FUZZ_CHECK(problems.empty(), problems);
 }
 
+// The port's view of a format or range: at least the header; FormatSize is
+// its length, or (exactSize false) a claimed size up to 4 KiB, zero-padded.
+inline std::vector<uint8_t> asPortHandsIt(std::vector<uint8_t> bytes, bool exactSize = true) {
+    if (bytes.size() < sizeof(KSDATAFORMAT))
+        bytes.resize(sizeof(KSDATAFORMAT), 0);
+    ULONG formatSize;
+    std::memcpy(&formatSize, bytes.data(), sizeof(formatSize));
+    if (exactSize) {
+        formatSize = (ULONG)bytes.size();
+        std::memcpy(bytes.data(), &formatSize, sizeof(formatSize));
+    } else if (formatSize > bytes.size() && formatSize <= 4096) {
+        bytes.resize(formatSize, 0);
+    }
+    return bytes;
+}
+
 // Notes the pool's live blocks; check() requires the same number again.
 // Blocks the driver rightly keeps from one input to the next (a DMA
 // channel's buffers after its stream closes) are counted by held().
@@ -120,6 +136,12 @@ private:
 // by the targets that need it; streams are opened as the wave port does.
 class Stack {
 public:
+    // The process's one stack, with the hardware and wanted channels it started with.
+    static Stack& shared() {
+        initHost();
+        static Stack* stack = new Stack();
+        return *stack;
+    }
     Stack() : harness(false) {
         usb.setAutoAttach(false); // nothing is left pending between inputs
         harness.startStatus = harness.loader.startDevice(usb.pdo());
@@ -127,6 +149,20 @@ public:
         if (!wave)
             throw std::runtime_error("the driver did not start");
         adapter = wave->adapter();
+        initialSettings = usb.settings();
+        initialWanted = adapter->linkInfo().mcAttachChannels;
+    }
+    // Back to the start once an input's streams are closed; whatever the
+    // driver allocated for the input must be gone by then.
+    void restore(const PoolMark& mark) {
+        if (usb.settings().current != initialSettings.current)
+            usb.changeHardware(initialSettings.current, false);
+        usb.settings() = initialSettings;
+        adapter->linkInfo().mcAttachChannels = initialWanted;
+        FUZZ_CHECK(!wave->captureStream() && !wave->renderStream(),
+                   "a closed stream is still held");
+        mark.check();
+        requireNoReports();
     }
     using Opened = wavetest::OpenedStream;
     Opened open(bool capture, std::vector<UCHAR>& format) {
@@ -153,6 +189,8 @@ public:
     usbsim::UsbDriverModel& usb = harness.model;
     MMEWave* wave = nullptr;
     MMEAdapter* adapter = nullptr;
+    HardwareSettings initialSettings;
+    ChannelConfig initialWanted;
 };
 
 } // namespace fuzzsupport

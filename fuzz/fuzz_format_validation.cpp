@@ -53,22 +53,10 @@ void checkAccepted(MMEWave* wave, const std::vector<uint8_t>& bytes, bool captur
     FUZZ_CHECK(exact || lower, "block alignment for the channels");
 }
 
-// The port's view of a format: at least the header, FormatSize = its length.
-std::vector<uint8_t> asPortHandsIt(std::vector<uint8_t> bytes) {
-    if (bytes.size() < sizeof(KSDATAFORMAT))
-        bytes.resize(sizeof(KSDATAFORMAT), 0);
-    const ULONG size = (ULONG)bytes.size();
-    std::memcpy(bytes.data(), &size, sizeof(size));
-    return bytes;
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzzsupport::initHost();
-    static fuzzsupport::Stack* rig = new fuzzsupport::Stack();
-    static const HardwareSettings initialSettings = rig->usb.settings();
-    static const ChannelConfig initialWanted = rig->adapter->linkInfo().mcAttachChannels;
+    fuzzsupport::Stack* rig = &fuzzsupport::Stack::shared();
     if (size > 16384)
         return 0;
 
@@ -97,7 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     // NewStream as the port calls it, and what the port then does with it.
-    std::vector<uint8_t> format = asPortHandsIt(bytes);
+    std::vector<uint8_t> format = fuzzsupport::asPortHandsIt(bytes);
     KSDATARANGE_AUDIO matched;
     const NTSTATUS valid =
         rig->wave->doValidateFormat(reinterpret_cast<const KSDATAFORMAT*>(format.data()),
@@ -141,16 +129,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             opened.stream->SetState(KSSTATE_STOP);
         }
         fuzzsupport::Stack::close(opened);
-        FUZZ_CHECK(!rig->wave->captureStream() && !rig->wave->renderStream(),
-                   "a closed stream is still held");
         FUZZ_CHECK(!rig->adapter->isWaveRunning(), "the adapter still counts a stream running");
     }
 
-    rig->usb.setDigitalLock(0);
-    if (rig->usb.settings().current != initialSettings.current)
-        rig->usb.changeHardware(initialSettings.current, false);
-    rig->adapter->linkInfo().mcAttachChannels = initialWanted;
-    mark.check();
-    fuzzsupport::requireNoReports();
+    rig->restore(mark);
     return 0;
 }

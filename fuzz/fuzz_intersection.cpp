@@ -15,20 +15,6 @@ namespace {
 
 using fuzzsupport::Input;
 
-std::vector<uint8_t> asPortHandsIt(std::vector<uint8_t> bytes, bool exactSize) {
-    if (bytes.size() < sizeof(KSDATARANGE))
-        bytes.resize(sizeof(KSDATARANGE), 0);
-    ULONG formatSize;
-    std::memcpy(&formatSize, bytes.data(), sizeof(formatSize));
-    if (exactSize) {
-        formatSize = (ULONG)bytes.size();
-        std::memcpy(bytes.data(), &formatSize, sizeof(formatSize));
-    } else if (formatSize > bytes.size() && formatSize <= 4096) {
-        bytes.resize(formatSize, 0);
-    }
-    return bytes;
-}
-
 void checkResult(const KSDATAFORMAT_WAVEFORMATEXTENSIBLE& r, const KSDATARANGE_AUDIO& client,
                  const KSDATARANGE_AUDIO& mine, bool streamOpen, ULONG hwRate, ULONG lock) {
     const WAVEFORMATEX& f = r.WaveFormatExt.Format;
@@ -77,10 +63,7 @@ void checkResult(const KSDATAFORMAT_WAVEFORMATEXTENSIBLE& r, const KSDATARANGE_A
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzzsupport::initHost();
-    static fuzzsupport::Stack* rig = new fuzzsupport::Stack();
-    static const HardwareSettings initialSettings = rig->usb.settings();
-    static const ChannelConfig initialWanted = rig->adapter->linkInfo().mcAttachChannels;
+    fuzzsupport::Stack* rig = &fuzzsupport::Stack::shared();
     if (size > 8192)
         return 0;
 
@@ -98,8 +81,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const ULONG lock = in.oneOf({0, 48000, 44100});
     std::vector<uint8_t> myBytes;
     if (rangeChoice >= 200)
-        myBytes = asPortHandsIt(in.bytes(in.u8()), flags & 32);
-    const std::vector<uint8_t> client = asPortHandsIt(in.rest(), exactClientSize);
+        myBytes = fuzzsupport::asPortHandsIt(in.bytes(in.u8()), flags & 32);
+    const std::vector<uint8_t> client = fuzzsupport::asPortHandsIt(in.rest(), exactClientSize);
 
     fuzzsupport::PoolMark mark([&] { return rig->channelBuffers(); });
     MMEWave* wave = rig->wave;
@@ -163,11 +146,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     for (auto& s : streams)
         fuzzsupport::Stack::close(s);
-    rig->usb.setDigitalLock(0);
-    rig->usb.settings() = initialSettings;
-    rig->adapter->linkInfo().mcAttachChannels = initialWanted;
-    FUZZ_CHECK(!wave->captureStream() && !wave->renderStream(), "a closed stream is still held");
-    mark.check();
-    fuzzsupport::requireNoReports();
+    rig->restore(mark);
     return 0;
 }

@@ -52,8 +52,7 @@ constexpr ULONG kSentinelSamples = 64;
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzzsupport::initHost();
-    static fuzzsupport::Stack* rig = new fuzzsupport::Stack();
+    fuzzsupport::Stack* rig = &fuzzsupport::Stack::shared();
     MMEAdapter* adapter = rig->adapter;
     MMEAdapterInfo& link = adapter->linkInfo();
     static const MMEAdapterInfo initialLink = link;
@@ -170,11 +169,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     restore(renderRing, initialRender);
     link.mpCaptureRing = initialLink.mpCaptureRing;
     link.mpSharedMemory = initialLink.mpSharedMemory;
-    link.mcAttachChannels = initialLink.mcAttachChannels;
     adapter->onNotify(MMENotify_OnMMEDetached, 0);
-    FUZZ_CHECK(!rig->wave->captureStream() && !rig->wave->renderStream(),
-               "a closed stream is still held");
-    mark.check();
-    fuzzsupport::requireNoReports();
+    rig->restore(mark);
     return 0;
 }

@@ -290,37 +290,13 @@ TEST_F(MmeSim, FormatsShowsThePinsAndValidatesAFormat) {
 
 // ---- Errors ----
 
-TEST_F(MmeSim, FilesThatCannotBePlayedAreRefusedOnOneLine) {
-    fs::create_directory(path("folder.wav"));
-    std::ofstream(path("notes.wav")) << "not audio at all\n";
-    ASSERT_TRUE(writeWav(path("u8.wav"), 48000, 2, SF_FORMAT_PCM_U8, noise(200, 8, 1)));
-    ASSERT_TRUE(writeWav(path("float.wav"), 48000, 2, SF_FORMAT_FLOAT, noise(200, 16, 1)));
-    const std::pair<const char*, const char*> cases[] = {
-        {"missing.wav", "missing.wav: no such file"},
-        {"folder.wav", "folder.wav: is a directory"},
-        {"notes.wav", "not a sound file"},
-        {"u8.wav", "unsupported WAV: 8-bit unsigned PCM"},
-        {"float.wav", "unsupported WAV: 32-bit float"},
-    };
-    for (const auto& [file, error] : cases)
-        expectOneLineError(run({"play", file, "--out", "x.wav"}), 1, error);
-    if (::geteuid() != 0) { // root reads whatever the mode says
-        ASSERT_TRUE(writeWav(path("locked.wav"), 48000, 2, SF_FORMAT_PCM_16, noise(200, 16, 1)));
-        fs::permissions(path("locked.wav"), fs::perms::none);
-        expectOneLineError(run({"play", "locked.wav"}), 1, "locked.wav: cannot be read");
-    }
-    EXPECT_EQ(files().count("x.wav") + files().count("x.wav.part"), 0u);
-}
-
-TEST_F(MmeSim, RefusedFormatsCarryTheDriversReasonAndLeaveNoFile) {
-    ASSERT_TRUE(writeWav(path("mono.wav"), 48000, 1, SF_FORMAT_PCM_16, noise(4800, 16, 2)));
-    expectOneLineError(run({"play", "mono.wav", "--out", "device.wav"}), 1,
-                       "the driver refused render at 48000/1/16: STATUS_NOT_SUPPORTED: "
-                       "\"pinSupportsSettingEx returned false (less channels)\"");
-    expectOneLineError(run({"loopback", "--format", "48000/3/16"}), 1,
-                       "the driver refused capture at 48000/3/16: STATUS_NOT_SUPPORTED");
-    expectOneLineError(run({"record", "rec.wav", "--seconds", "1", "--format", "22050/2/16"}), 1,
-                       "the driver refused capture at 22050/2/16");
+TEST_F(MmeSim, EachMistakeIsOneLineWithItsExitStatusAndLeavesNoFileBehind) {
+    nlohmann::json j = defaultProfile().toJson();
+    j["hardware"]["fr"] = "fast";
+    writeProfile(path("bad.json"), j);
+    j = defaultProfile().toJson();
+    j["hardwear"] = j["hardware"];
+    writeProfile(path("typo.json"), j);
     // The USB driver's own refusal, with its reason from the profile.
     auto profile = defaultProfile();
     usbsim::RefusalRule rule;
@@ -328,20 +304,73 @@ TEST_F(MmeSim, RefusedFormatsCarryTheDriversReasonAndLeaveNoFile) {
     rule.reason = "the clock does not lock at 96 kHz";
     profile.accept.refuse.push_back(rule);
     writeProfile(path("refuse96.json"), profile.toJson());
+    fs::create_directory(path("folder.wav"));
+    std::ofstream(path("notes.wav")) << "not audio at all\n";
+    ASSERT_TRUE(writeWav(path("in.wav"), 44100, 2, SF_FORMAT_PCM_16, noise(2000, 16, 4)));
+    ASSERT_TRUE(writeWav(path("u8.wav"), 48000, 2, SF_FORMAT_PCM_U8, noise(200, 8, 1)));
+    ASSERT_TRUE(writeWav(path("float.wav"), 48000, 2, SF_FORMAT_FLOAT, noise(200, 16, 1)));
+    ASSERT_TRUE(writeWav(path("mono.wav"), 48000, 1, SF_FORMAT_PCM_16, noise(4800, 16, 2)));
     ASSERT_TRUE(writeWav(path("hi.wav"), 96000, 2, SF_FORMAT_PCM_16, noise(2 * 9600, 16, 3)));
-    Result usb = run({"play", "hi.wav", "--device", "refuse96.json", "--out", "device.wav"});
-    expectOneLineError(usb, 1, "the driver refused to start render at 96000/2/16");
-    EXPECT_NE(usb.err.find("(USB driver: the clock does not lock at 96 kHz"), std::string::npos)
-        << usb.err;
-    for (const std::string& name : files())
-        EXPECT_TRUE(name.find("device.wav") == std::string::npos &&
-                    name.find("rec.wav") == std::string::npos)
-            << "left behind: " << name;
+    const std::set<std::string> inputs = files();
+    const struct {
+        std::vector<std::string> args;
+        int code;
+        const char* error;
+    } cases[] = {
+        {{"--format", "48000/2"}, 2, "use rate/channels/bits"},
+        {{"loopback", "--format", "48000/2/20"}, 2, "16-, 24- or 32-bit PCM"},
+        {{"--seconds", "-1"}, 2, "--seconds"},
+        {{"loopback", "--stall", "3"}, 2, "--stall \"3\": use AT:SECONDS"},
+        {{"dance"}, 2, "dance"},
+        {{"record", "r.wav", "--generator", "noise"}, 2, "--generator"},
+        {{"loopback", "--report", "no/such/dir/r.html"},
+         1,
+         "no/such/dir/r.html: cannot write the report"},
+        {{"record", "no/such/dir/r.wav", "--seconds", "0.5"},
+         1,
+         "no/such/dir/r.wav: cannot be written"},
+        {{"play", "in.wav", "--format", "48000/2/24"}, 1, "does not match in.wav (44100/2/16)"},
+        {{"--device", "bad.json"}, 1, "bad profile: hardware.fr:"},
+        {{"formats", "--device", "typo.json"}, 1, "hardwear"},
+        {{"--device", "absent.json"}, 1, "cannot open the profile file"},
+        {{"--driver", "missing.sys"}, 1, "cannot load the driver image missing.sys: cannot open"},
+        {{"play", "missing.wav", "--out", "x.wav"}, 1, "missing.wav: no such file"},
+        {{"play", "folder.wav", "--out", "x.wav"}, 1, "folder.wav: is a directory"},
+        {{"play", "notes.wav", "--out", "x.wav"}, 1, "not a sound file"},
+        {{"play", "u8.wav", "--out", "x.wav"}, 1, "unsupported WAV: 8-bit unsigned PCM"},
+        {{"play", "float.wav", "--out", "x.wav"}, 1, "unsupported WAV: 32-bit float"},
+        {{"play", "mono.wav", "--out", "device.wav"},
+         1,
+         "the driver refused render at 48000/1/16: STATUS_NOT_SUPPORTED: "
+         "\"pinSupportsSettingEx returned false (less channels)\""},
+        {{"loopback", "--format", "48000/3/16"},
+         1,
+         "the driver refused capture at 48000/3/16: STATUS_NOT_SUPPORTED"},
+        {{"record", "rec.wav", "--seconds", "1", "--format", "22050/2/16"},
+         1,
+         "the driver refused capture at 22050/2/16"},
+        {{"play", "hi.wav", "--device", "refuse96.json", "--out", "device.wav"},
+         1,
+         "the driver refused to start render at 96000/2/16"},
+    };
+    Result r;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args[0] + " " + (c.args.size() > 1 ? c.args[1] : ""));
+        expectOneLineError(r = run(c.args), c.code, c.error);
+    }
+    EXPECT_NE(r.err.find("(USB driver: the clock does not lock at 96 kHz"), std::string::npos)
+        << r.err;
+    if (::geteuid() != 0) { // root reads whatever the mode says
+        fs::permissions(path("in.wav"), fs::perms::none);
+        expectOneLineError(run({"play", "in.wav"}), 1, "in.wav: cannot be read");
+    }
+    EXPECT_EQ(files(), inputs);
+    Result help = run({"--help"});
+    EXPECT_EQ(help.code, 0);
+    expectIn(help.out, {"--trace", "Exit status"});
 }
 
-TEST_F(MmeSim, TheDriverOptionRunsTheWindowsImageOrSaysWhyNot) {
-    expectOneLineError(run({"--driver", "missing.sys"}), 1,
-                       "cannot load the driver image missing.sys: cannot open");
+TEST_F(MmeSim, TheDriverOptionRunsTheWindowsImage) {
     std::vector<uint8_t> image;
     if (!imagetest::readDriverImage(&image))
         GTEST_SKIP() << "no Windows build of the driver";
@@ -352,44 +381,6 @@ TEST_F(MmeSim, TheDriverOptionRunsTheWindowsImageOrSaysWhyNot) {
     EXPECT_EQ(r.code, 0) << r.err;
     expectIn(r.out, {"  result         PASS: bit-exact",
                      "  driver         Windows image " + imagetest::driverImagePath()});
-}
-
-TEST_F(MmeSim, CommandLineMistakesBadProfilesAndUnwritablePlaces) {
-    nlohmann::json j = defaultProfile().toJson();
-    j["hardware"]["fr"] = "fast";
-    writeProfile(path("bad.json"), j);
-    j = defaultProfile().toJson();
-    j["hardwear"] = j["hardware"];
-    writeProfile(path("typo.json"), j);
-    ASSERT_TRUE(writeWav(path("in.wav"), 44100, 2, SF_FORMAT_PCM_16, noise(2000, 16, 4)));
-    const struct {
-        std::vector<std::string> args;
-        int code;
-        const char* error;
-    } cases[] = {
-        {{"--format", "48000/2"}, 2, "use rate/channels/bits"},
-        {{"loopback", "--format", "48000/2/20"}, 2, "16-, 24- or 32-bit PCM"},
-        {{"--seconds", "-1"}, 2, "--seconds"},
-        {{"loopback", "--stall", "3"}, 2, "--stall \"3\": use AT:SECONDS"},
-        {{"loopback", "--report", "no/such/dir/r.html"},
-         1,
-         "no/such/dir/r.html: cannot write the report"},
-        {{"dance"}, 2, "dance"},
-        {{"record", "r.wav", "--generator", "noise"}, 2, "--generator"},
-        {{"record", "no/such/dir/r.wav", "--seconds", "0.5"},
-         1,
-         "no/such/dir/r.wav: cannot be written"},
-        {{"play", "in.wav", "--format", "48000/2/24"}, 1, "does not match in.wav (44100/2/16)"},
-        {{"--device", "bad.json"}, 1, "bad profile: hardware.fr:"},
-        {{"formats", "--device", "typo.json"}, 1, "hardwear"},
-        {{"--device", "absent.json"}, 1, "cannot open the profile file"},
-    };
-    for (const auto& c : cases)
-        expectOneLineError(run(c.args), c.code, c.error);
-    EXPECT_EQ(files(), (std::set<std::string>{"bad.json", "in.wav", "typo.json"}));
-    Result help = run({"--help"});
-    EXPECT_EQ(help.code, 0);
-    expectIn(help.out, {"--trace", "Exit status"});
 }
 
 // ---- Soak and the timeline report ----

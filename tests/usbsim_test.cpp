@@ -1,7 +1,7 @@
 // The model USB driver seen from a driver's side (a hand-made link record
-// with callbacks of the test's own plays the adapter), its I/O backends and
-// its device profiles. The exact round trips through the real driver are
-// checked by e2e_loopback_test.
+// with callbacks of the test's own plays the adapter): its refusals, its
+// backends' and profiles' errors. What the end-to-end and mme-sim suites
+// show by driving it through the real driver is left to them.
 #include "usbsim/Backends.h"
 #include "usbsim/Profile.h"
 #include "usbsim/UsbDriverModel.h"
@@ -11,11 +11,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <thread>
 
@@ -31,11 +29,8 @@ namespace {
 struct FakeDriver {
     MMEAdapterInfo record{};
     std::vector<ULONG> notes; // codes
-    ULONGLONG lastValue = 0;
     Questions questions;
-    LONG stcAnswer = 0;
     std::function<void(ULONG)> onNotify;
-    size_t exchanges = 0;
     bool exchangeAtDispatch = true, wrongArguments = false;
 
     FakeDriver() {
@@ -45,26 +40,22 @@ struct FakeDriver {
         record.mpfnExchangeData = &FakeDriver::exchangeEntry;
         record.mInterfaceVersion = MME_INTERFACE_VERSION;
     }
-    static void NTAPI notifyEntry(PVOID context, ULONG code, ULONGLONG value) {
+    static void NTAPI notifyEntry(PVOID context, ULONG code, ULONGLONG) {
         auto* self = static_cast<FakeDriver*>(context);
         self->notes.push_back(code);
-        self->lastValue = value;
         if (self->onNotify)
             self->onNotify(code);
     }
     static LONG NTAPI stcEntry(PVOID context, ULONG code, ULONG value) {
         auto* self = static_cast<FakeDriver*>(context);
         self->questions.emplace_back(code, value);
-        return self->stcAnswer;
+        return 0;
     }
     static void NTAPI exchangeEntry(PVOID context, MMEAdapterInfo* info) {
         auto* self = static_cast<FakeDriver*>(context);
-        ++self->exchanges;
         self->exchangeAtDispatch &= KeGetCurrentIrql() == DISPATCH_LEVEL;
         self->wrongArguments |= info != &self->record;
     }
-    AudioSM& capture() { return *reinterpret_cast<AudioSM*>(record.mpCaptureRing + 8); }
-    AudioSM& render() { return *record.mpSharedMemory; }
 };
 
 NTSTATUS NTAPI keepIrp(PDEVICE_OBJECT, PIRP, PVOID context) {
@@ -72,10 +63,9 @@ NTSTATUS NTAPI keepIrp(PDEVICE_OBJECT, PIRP, PVOID context) {
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
-// Sends one request the way the adapter does; returns what the dispatch
-// returned, and the I/O status through ioStatus.
+// Sends one request the way the adapter does; returns what the dispatch returned.
 NTSTATUS send(UsbDriverModel& model, ULONG code, MMEAdapterInfo* record,
-              UCHAR major = IRP_MJ_INTERNAL_DEVICE_CONTROL, NTSTATUS* ioStatus = nullptr) {
+              UCHAR major = IRP_MJ_INTERNAL_DEVICE_CONTROL) {
     PIRP irp = IoAllocateIrp(model.pdo()->StackSize, FALSE);
     bool completed = false;
     irp->UserBuffer = record;
@@ -88,8 +78,6 @@ NTSTATUS send(UsbDriverModel& model, ULONG code, MMEAdapterInfo* record,
     // returns, with the status it returns unless it pended.
     EXPECT_TRUE(completed) << "code " << code;
     EXPECT_TRUE(status == STATUS_PENDING || irp->IoStatus.Status == status) << "code " << code;
-    if (ioStatus)
-        *ioStatus = irp->IoStatus.Status;
     IoFreeIrp(irp);
     return status;
 }
@@ -176,7 +164,7 @@ TEST(UsbsimCalls, MalformedOrMisplacedCallsAreRefusedWithoutEffect) {
 
     ASSERT_EQ(send(model, USBCall_Register, &drv.record), STATUS_SUCCESS);
     EXPECT_EQ(drv.record.mpSettings->current, (ChannelConfig{48000, 8, 8, 24, 24, 0}));
-    EXPECT_EQ(drv.render().mMMEReadPos, MME_RING_NOT_ATTACHED);
+    EXPECT_EQ(drv.record.mpSharedMemory->mMMEReadPos, MME_RING_NOT_ATTACHED);
     EXPECT_EQ(send(model, 6, &drv.record), STATUS_INVALID_DEVICE_REQUEST);
     EXPECT_EQ(model.calls().back().note, "unknown call code 6");
     EXPECT_EQ(send(model, USBCall_Register, &other.record), STATUS_INVALID_DEVICE_STATE);
@@ -184,67 +172,26 @@ TEST(UsbsimCalls, MalformedOrMisplacedCallsAreRefusedWithoutEffect) {
     EXPECT_EQ(send(model, USBCall_Unregister, &other.record), STATUS_INVALID_DEVICE_STATE);
     EXPECT_EQ(model.link(), &drv.record);
     EXPECT_EQ(send(model, USBCall_Register, &drv.record), STATUS_SUCCESS) << "the same again";
-
-    // Set answers replace the work, except a pending one, which is done at once.
-    UsbDriverModel pending;
-    pending.setAnswer(USBCall_Register, STATUS_PENDING);
-    NTSTATUS io = 0;
-    EXPECT_EQ(send(pending, USBCall_Register, &other.record, IRP_MJ_INTERNAL_DEVICE_CONTROL, &io),
-              STATUS_PENDING);
-    EXPECT_EQ(io, STATUS_SUCCESS);
-    EXPECT_EQ(pending.link(), &other.record);
-    model.setAnswer(USBCall_ChangeConfig, STATUS_UNSUCCESSFUL);
-    drv.record.mcAttachChannels = {96000, 8, 8, 24, 24, 0};
-    EXPECT_EQ(send(model, USBCall_ChangeConfig, &drv.record), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(model.settings().current.fr, 48000u);
-    model.clearAnswers();
-    EXPECT_EQ(send(model, USBCall_ChangeConfig, &drv.record), STATUS_SUCCESS);
-    EXPECT_EQ(model.settings().current.fr, 96000u);
 }
 
 // (Each accept rule and its reason: UsbsimProfile.ChangesAreJudgedByTheAcceptRules.)
-TEST_F(Usbsim, ChangeConfigRefusalsLeaveTheHardwareAsItWas) {
-    DeviceProfile p = DeviceProfile::builtInDefault();
-    p.accept.refuse.push_back({96000u, std::nullopt, 2u, std::nullopt, std::nullopt, std::nullopt,
-                               "no stereo output at 96 kHz"});
-    link(p);
+TEST_F(Usbsim, ARefusedChangeIsNotedWithItsReasonAndLeavesTheHardwareAsItWas) {
     const ChannelConfig start = model->settings().current;
-    const struct {
-        ChannelConfig wanted;
-        uint32_t lock;
-        const char* note;
-    } cases[] = {
-        {{48000, 8, 0, 24, 24, 0}, 0, "0 output channels outside 1..8"},
-        {{96000, 8, 2, 24, 24, 0}, 0, "no stereo output at 96 kHz"},
-        {{48000, 8, 8, 24, 24, 0}, 44100, "digital input locked to 44100 Hz"},
-    };
-    for (const auto& c : cases) {
-        model->setDigitalLock(c.lock);
-        drv.record.mcAttachChannels = c.wanted;
-        EXPECT_EQ(send(*model, USBCall_ChangeConfig, &drv.record), STATUS_NOT_SUPPORTED);
-        EXPECT_EQ(model->calls().back().note.rfind(c.note, 0), 0u) << model->calls().back().note;
-        EXPECT_EQ(model->settings().current, start);
-    }
+    model->setDigitalLock(44100);
     EXPECT_EQ(model->settings().mDigitalLockFrequency, 44100u);
+    drv.record.mcAttachChannels = {48000, 8, 8, 24, 24, 0};
+    EXPECT_EQ(send(*model, USBCall_ChangeConfig, &drv.record), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(model->calls().back().note.rfind("digital input locked to 44100 Hz", 0), 0u);
+    EXPECT_EQ(model->settings().current, start);
     drv.record.mcAttachChannels = {44100, 8, 8, 24, 24, 0};
     EXPECT_EQ(send(*model, USBCall_ChangeConfig, &drv.record), STATUS_SUCCESS);
 }
 
-TEST_F(Usbsim, AcceptedChangesReshapeTheRingsAndAreReportedWhenAsked) {
-    model->runPeriods(2);
-    const uint32_t capturePos = drv.capture().mWritePos;
+TEST_F(Usbsim, AcceptedChangesAreReportedOnlyWhenAsked) {
     drv.record.mcAttachChannels = {44100, 2, 4, 16, 24, 0};
     EXPECT_EQ(send(*model, USBCall_ChangeConfig, &drv.record), STATUS_SUCCESS);
-    EXPECT_EQ(model->calls().back().wanted, drv.record.mcAttachChannels);
     EXPECT_EQ(model->settings().current, drv.record.mcAttachChannels);
-    EXPECT_EQ(drv.capture().mChannelsPerFrame, 2u);
-    EXPECT_EQ(drv.capture().mMaxFrames, 65536u);
-    EXPECT_EQ(drv.render().mChannelsPerFrame, 4u);
-    EXPECT_EQ(drv.render().mMaxFrames, 32768u);
-    model->runPeriods(1);
-    EXPECT_EQ(drv.capture().mWritePos, capturePos + 256) << "positions run on";
     EXPECT_TRUE(drv.questions.empty()) << "own changes are not reported by default";
-
     model->setReportOwnChanges(true);
     drv.record.mcAttachChannels = {96000, 8, 8, 24, 24, 0};
     send(*model, USBCall_ChangeConfig, &drv.record);
@@ -253,74 +200,12 @@ TEST_F(Usbsim, AcceptedChangesReshapeTheRingsAndAreReportedWhenAsked) {
     EXPECT_EQ(drv.questions, (Questions{{USBStc_SampleRate, 96000},
                                         {USBStc_ConfigChanged, 0},
                                         {USBStc_ConfigChanged, 0}}));
-
-    // The hardware changing on its own, told or not.
-    drv.questions.clear();
-    model->changeHardware({88200, 8, 8, 24, 24, 3}, false);
-    EXPECT_TRUE(drv.questions.empty());
-    EXPECT_EQ(model->settings().current, (ChannelConfig{88200, 8, 8, 24, 24, 3}));
-    drv.stcAnswer = 7;
-    model->changeHardware({44100, 8, 8, 24, 24, 3}, true);
-    EXPECT_EQ(drv.questions, (Questions{{USBStc_SampleRate, 44100}, {USBStc_ConfigChanged, 0}}));
-    EXPECT_EQ(model->notices().back().answer, 7);
     EXPECT_THROW(model->changeHardware({44100, 33, 8, 24, 24, 0}, false), std::invalid_argument);
 }
 
-// ---- Notifications ----
+// ---- Notifications and the clock ----
 
-TEST_F(Usbsim, EachEventSendsItsCodeAndAttachSetsTheReadPositionFirst) {
-    DeviceProfile p = DeviceProfile::builtInDefault();
-    p.captureStartPosition = 1000;
-    p.renderStartPosition = 77;
-    link(p);
-    model->runPeriods(2);
-    uint32_t seen = 0;
-    drv.onNotify = [&](ULONG code) {
-        if (code == MMENotify_OnMMEAttached)
-            seen = drv.render().mMMEReadPos;
-    };
-    model->attachMME(300);
-    EXPECT_EQ(seen, 1000u + 512u - 300u);
-    EXPECT_EQ(model->renderReadPos(), 77u);
-    model->asioAttach(); // takes the device: the MME side is detached first
-    EXPECT_FALSE(model->mmeAttached());
-    EXPECT_EQ(drv.render().mMMEReadPos, MME_RING_NOT_ATTACHED);
-    model->asioDetach();
-    model->timedStart();
-    model->preventFurtherCalls();
-    model->notify(17, 0x123456789ull);
-    EXPECT_EQ(drv.notes, (std::vector<ULONG>{MMENotify_OnMMEAttached, MMENotify_OnMMEDetached,
-                                             MMENotify_OnAsioAttached, MMENotify_OnAsioDetached,
-                                             MMENotify_OnTimedStartCallback,
-                                             MMENotify_PreventFurtherDriverCalls, 17}));
-    EXPECT_EQ(drv.lastValue, 0x123456789ull);
-    drv.stcAnswer = 1;
-    EXPECT_EQ(model->askState(USBStc_IsMMEAttached, 5), 1);
-    EXPECT_EQ(drv.questions.back(), (std::pair<ULONG, ULONG>{USBStc_IsMMEAttached, 5}));
-    model->setExclusiveInputs(true);
-    EXPECT_NE(drv.capture().mExclInputs, 0u);
-    model->setExclusiveInputs(false);
-    EXPECT_EQ(drv.capture().mExclInputs, 0u);
-}
-
-TEST_F(Usbsim, AttachAndTimedStartAreAnsweredAtThePeriodBoundaryUnlessAsioHoldsTheDevice) {
-    bool inCall = false, notedInCall = false;
-    model->setDuringCall([&](ULONG) {
-        inCall = true;
-        model->notify(MMENotify_PreventFurtherDriverCalls);
-        inCall = false;
-    });
-    drv.onNotify = [&](ULONG) { notedInCall = inCall; };
-    EXPECT_EQ(send(*model, USBCall_Attach, &drv.record), STATUS_SUCCESS);
-    EXPECT_TRUE(notedInCall) << "a hook's notification arrives inside the call";
-    EXPECT_EQ(drv.notes, std::vector<ULONG>{MMENotify_PreventFurtherDriverCalls});
-    model->setDuringCall(nullptr);
-    model->runPeriods(1);
-    EXPECT_EQ(drv.notes.back(), MMENotify_OnMMEAttached);
-    EXPECT_EQ(drv.exchanges, 1u) << "attached before the period's exchange";
-    EXPECT_TRUE(drv.exchangeAtDispatch);
-    EXPECT_FALSE(drv.wrongArguments);
-
+TEST_F(Usbsim, AttachAndTimedStartAreRefusedWhileAsioHoldsTheDevice) {
     model->asioAttach();
     drv.notes.clear();
     EXPECT_EQ(send(*model, USBCall_Attach, &drv.record), STATUS_INVALID_DEVICE_STATE);
@@ -329,105 +214,20 @@ TEST_F(Usbsim, AttachAndTimedStartAreAnsweredAtThePeriodBoundaryUnlessAsioHoldsT
     EXPECT_TRUE(drv.notes.empty());
     model->asioDetach();
     drv.notes.clear();
-    hostk::runAtDispatch([&] { send(*model, USBCall_TimedStart, &drv.record); });
-    EXPECT_EQ(model->calls().back().irql, DISPATCH_LEVEL);
+    EXPECT_EQ(send(*model, USBCall_Attach, &drv.record), STATUS_SUCCESS);
     model->runPeriods(1);
-    EXPECT_EQ(drv.notes, std::vector<ULONG>{MMENotify_OnTimedStartCallback});
-    model->setAutoAttach(false);
-    drv.notes.clear();
-    send(*model, USBCall_Attach, &drv.record);
-    model->runPeriods(2);
-    EXPECT_TRUE(drv.notes.empty());
+    EXPECT_EQ(drv.notes, std::vector<ULONG>{MMENotify_OnMMEAttached});
+    EXPECT_TRUE(drv.exchangeAtDispatch);
+    EXPECT_FALSE(drv.wrongArguments);
 }
 
-TEST_F(Usbsim, ScheduledEventsFireAtTheStartOfTheirPeriod) {
-    std::vector<std::pair<ULONG, uint64_t>> when;
-    drv.onNotify = [&](ULONG code) { when.emplace_back(code, model->periodsRun()); };
-    using usbsim::EventKind;
-    model->schedule({2, EventKind::ExclusiveInputsOn, 0});
-    model->schedule({2, EventKind::SampleRate, 96000});
-    model->schedule({3, EventKind::DigitalLock, 96000});
-    model->runPeriods(2);
-    EXPECT_EQ(drv.capture().mExclInputs, 0u);
-    model->runPeriods(1);
-    EXPECT_NE(drv.capture().mExclInputs, 0u);
-    EXPECT_EQ(drv.questions.front(), (std::pair<ULONG, ULONG>{USBStc_SampleRate, 96000}));
-    EXPECT_EQ(model->settings().mDigitalLockFrequency, 0u);
-    model->runPeriods(1);
-    EXPECT_EQ(model->settings().mDigitalLockFrequency, 96000u);
-    model->schedule({1, EventKind::TimedStart, 0}); // already past: fires next period
-    model->runPeriods(1);
-    EXPECT_EQ(when, (std::vector<std::pair<ULONG, uint64_t>>{{MMENotify_OnTimedStartCallback, 4}}));
-}
-
-TEST_F(Usbsim, UnregisterWaitsForCallbacksOnOtherThreadsButNotForItsOwn) {
-    std::atomic<bool> inside{false}, release{false}, unregistered{false}, releasedFirst{false};
-    drv.onNotify = [&](ULONG) {
-        inside = true;
-        while (!release)
-            std::this_thread::yield();
-    };
-    std::thread notifier([&] { model->timedStart(); });
-    while (!inside)
-        std::this_thread::yield();
-    std::thread remover([&] {
-        send(*model, USBCall_Unregister, &drv.record);
-        releasedFirst = release.load();
-        unregistered = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_FALSE(unregistered.load()) << "returned while a notification was still running";
-    release = true;
-    notifier.join();
-    remover.join();
-    EXPECT_TRUE(releasedFirst.load());
-
-    link();
+// (Waiting for a period under way on the clock's thread: StackConcurrency.)
+TEST_F(Usbsim, UnregisterFromInsideACallbackDoesNotWaitForItself) {
     NTSTATUS answer = STATUS_PENDING;
     drv.onNotify = [&](ULONG) { answer = send(*model, USBCall_Unregister, &drv.record); };
     model->asioDetach();
     EXPECT_EQ(answer, STATUS_SUCCESS);
     EXPECT_EQ(model->link(), nullptr);
-}
-
-// ---- Period clock and rings ----
-
-TEST(UsbsimClock, CaptureRingReceivesDeviceInputAcrossTheWrap) {
-    DeviceProfile p = DeviceProfile::builtInDefault();
-    p.periodFrames = 128;
-    p.captureStartPosition = 0xFFFFFF00u; // 2 periods before 2^32
-    UsbDriverModel model(p);
-    model.setInput(std::make_shared<usbsim::PatternInput>());
-    const AudioSM& cap = model.captureRing();
-    model.runPeriods(5);
-    EXPECT_EQ(cap.mWritePos, 0xFFFFFF00u + 5 * 128) << "wrapped modulo 2^32";
-    EXPECT_EQ(model.framesRun(), 640u);
-    for (uint32_t f = 0; f < 640; ++f)
-        for (uint32_t c = 0; c < 8; ++c)
-            ASSERT_EQ(cap.mSamples[((0xFFFFFF00u + f) % cap.mMaxFrames) * 8 + c],
-                      usbsim::PatternInput::sample(f, c))
-                << "frame " << f << " channel " << c;
-}
-
-TEST(UsbsimClock, ClocksAndHostTimeFollowTheSampleClock) {
-    DeviceProfile p = DeviceProfile::builtInDefault();
-    p.hardware.fr = 44100;
-    UsbDriverModel model(p);
-    const int64_t start = hostk::now100ns();
-    model.runPeriods(100);
-    EXPECT_EQ(hostk::now100ns() - start, int64_t(100ull * 256 * 10000000 / 44100)) << "no drift";
-    const AudioSM& cap = model.captureRing();
-    const AudioSMClock& clock = cap.mClockSelect ? cap.mClockA : cap.mClockB;
-    EXPECT_EQ(clock.framePos, cap.mWritePos);
-    EXPECT_EQ(clock.rateNum, 10000000);
-    EXPECT_EQ(clock.rateDen, 44100);
-    const uint32_t select = cap.mClockSelect;
-    model.runPeriods(1);
-    EXPECT_NE(cap.mClockSelect, select) << "the other block takes over";
-    model.setAdvanceHostTime(false);
-    const int64_t frozen = hostk::now100ns();
-    model.runPeriods(3);
-    EXPECT_EQ(hostk::now100ns(), frozen);
 }
 
 TEST_F(Usbsim, RenderSamplesThatAreNotTwentyFourBitAreCounted) {
@@ -445,26 +245,7 @@ TEST_F(Usbsim, RenderSamplesThatAreNotTwentyFourBitAreCounted) {
     EXPECT_EQ(out->at(0, 1), int32_t(0x80000000));
 }
 
-TEST_F(Usbsim, RealTimeIsPacedBySampleClockAndStoppedByUnregisterOrAFailingBackend) {
-    DeviceProfile p = DeviceProfile::builtInDefault();
-    p.hardware.fr = 192000;
-    link(p);
-    model->attachMME();
-    const auto start = std::chrono::steady_clock::now();
-    auto waitFor = [&](const std::function<bool()>& done) {
-        while (!done() && std::chrono::steady_clock::now() - start < std::chrono::seconds(20))
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    };
-    model->startRealTime();
-    EXPECT_THROW(model->runPeriods(1), std::logic_error);
-    waitFor([&] { return model->periodsRun() >= 30; });
-    ASSERT_GE(model->periodsRun(), 30u);
-    // 29 full periods of 256 frames at 192 kHz have passed before the 30th
-    EXPECT_GE(std::chrono::steady_clock::now() - start,
-              std::chrono::microseconds(29 * 256 * 1000000ull / 192000));
-    EXPECT_EQ(send(*model, USBCall_Unregister, &drv.record), STATUS_SUCCESS);
-    EXPECT_FALSE(model->realTimeRunning());
-
+TEST(UsbsimClock, ARealTimeRunStopsAtAFailingBackendWithItsError) {
     struct FailingOutput : usbsim::OutputBackend {
         int left = 3;
         void write(const int32_t*, uint32_t, uint32_t) override {
@@ -476,7 +257,10 @@ TEST_F(Usbsim, RealTimeIsPacedBySampleClockAndStoppedByUnregisterOrAFailingBacke
     UsbDriverModel failing;
     failing.setOutput(std::make_shared<FailingOutput>());
     failing.startRealTime();
-    waitFor([&] { return !failing.realTimeRunning(); });
+    const auto start = std::chrono::steady_clock::now();
+    while (failing.realTimeRunning() &&
+           std::chrono::steady_clock::now() - start < std::chrono::seconds(20))
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     EXPECT_FALSE(failing.realTimeRunning());
     EXPECT_EQ(failing.realTimeError(), "disk full");
     EXPECT_EQ(failing.periodsRun(), 2u);
@@ -484,68 +268,8 @@ TEST_F(Usbsim, RealTimeIsPacedBySampleClockAndStoppedByUnregisterOrAFailingBacke
 
 // ---- Backends ----
 
-TEST(UsbsimBackends, GeneratorsProduceTheirSignal) {
-    usbsim::SineInput sine(1000, 0.5);
-    sine.configure(48000, 2);
-    std::vector<int32_t> buf(48000 * 2);
-    sine.read(buf.data(), 48000, 2);
-    int crossings = 0; // (its level as recorded: mme_sim_test)
-    for (size_t f = 1; f < 48000; ++f)
-        crossings += (buf[f * 2 - 2] < 0) != (buf[f * 2] < 0) && buf[f * 2] == buf[f * 2 + 1];
-    EXPECT_NEAR(crossings, 2000, 2);
-    usbsim::SweepInput sweep(100, 10000, 2.0, 0.5, true);
-    sweep.configure(48000, 1);
-    EXPECT_DOUBLE_EQ(sweep.frequencyAt(0), 100);
-    EXPECT_NEAR(sweep.frequencyAt(1.0), 1000, 1e-6) << "log sweep";
-    EXPECT_NEAR(sweep.frequencyAt(2.5), sweep.frequencyAt(0.5), 1e-6) << "starts again";
-    // The pattern names its frame (top 16 bits) and channel (next 8).
-    EXPECT_EQ(uint32_t(usbsim::PatternInput::sample(69999, 2)) >> 16, 69999u % 65536);
-    EXPECT_EQ((uint32_t(usbsim::PatternInput::sample(5, 2)) >> 8) & 0xFF, 2u);
-}
-
-// (Files as mme-sim plays and records them: mme_sim_test.)
-TEST_F(Usbsim, WavFilesMapChannelsLoopAndAppearOnlyWhenFinished) {
-    const std::string path = file("device.wav");
-    usbsim::WavFileOutput wav(path, 24);
-    wav.configure(48000, 3);
-    std::vector<int32_t> frames(1000 * 3);
-    for (size_t i = 0; i < frames.size(); ++i)
-        frames[i] = usbsim::PatternInput::sample(i / 3, uint32_t(i % 3));
-    wav.write(frames.data(), 1000, 3);
-    EXPECT_FALSE(std::filesystem::exists(path)) << "not under its name before finish";
-    wav.finish();
-    EXPECT_FALSE(std::filesystem::exists(path + ".part"));
-
-    usbsim::WavFileInput in(path);
-    std::vector<int32_t> wide(600 * 4), narrow(600 * 2);
-    in.read(wide.data(), 600, 4);   // one more device channel than the file
-    in.read(narrow.data(), 600, 2); // 400 frames left, then silence
-    for (uint32_t f = 0; f < 600; ++f) {
-        ASSERT_EQ(wide[f * 4 + 2], usbsim::PatternInput::sample(f, 2));
-        ASSERT_EQ(wide[f * 4 + 3], 0);
-        ASSERT_EQ(narrow[f * 2 + 1], f < 400 ? usbsim::PatternInput::sample(600 + f, 1) : 0);
-    }
-    EXPECT_TRUE(in.finished());
-    usbsim::WavFileInput looping(path, true);
-    std::vector<int32_t> twice(2500 * 3);
-    looping.read(twice.data(), 2500, 3);
-    EXPECT_EQ(twice[2200 * 3], usbsim::PatternInput::sample(200, 0));
-    EXPECT_FALSE(looping.finished());
-
-    usbsim::WavFileOutput wav16(file("device16.wav"), 16);
-    wav16.configure(44100, 1);
-    wav16.write(&frames[5], 1, 1);
-    wav16.finish();
-    int32_t back = 0;
-    usbsim::WavFileInput(file("device16.wav")).read(&back, 1, 1);
-    EXPECT_EQ(back, frames[5] & int32_t(0xFFFF0000)) << "16-bit files keep the top 16 bits";
-}
-
 TEST_F(Usbsim, BadFilesAndBackendNamesAreRefusedClearly) {
-    EXPECT_NE(thrown([&] { usbsim::WavFileInput in(file("missing.wav")); }).find("missing.wav"),
-              std::string::npos);
-    std::ofstream(file("notes.wav")) << "not a sound file\n";
-    EXPECT_THROW(usbsim::WavFileInput{file("notes.wav")}, std::runtime_error);
+    // (Missing, unreadable and unwritable files as mme-sim reports them: mme_sim_test.)
     EXPECT_THROW(usbsim::WavFileOutput(file("x.wav"), 20), std::invalid_argument);
     {
         usbsim::WavFileOutput abandoned(file("abandoned.wav"), 24);
@@ -553,9 +277,7 @@ TEST_F(Usbsim, BadFilesAndBackendNamesAreRefusedClearly) {
         int32_t frame[2] = {1, 2};
         abandoned.write(frame, 1, 2);
     }
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 1) << "notes.wav only";
-    usbsim::WavFileOutput nowhere("/nonexistent/dir/out.wav", 24);
-    EXPECT_THROW(nowhere.configure(48000, 2), std::runtime_error);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 0) << "nothing left";
 
     EXPECT_EQ(usbsim::makeInput("sine:440:0.25")->describe(), "sine 440 Hz, amplitude 0.25");
     EXPECT_EQ(usbsim::makeInput("sweep:20:20000:3")->describe(), "log sweep 20 to 20000 Hz in 3 s");
@@ -573,19 +295,9 @@ TEST_F(Usbsim, BadFilesAndBackendNamesAreRefusedClearly) {
               std::string::npos);
 }
 
-TEST(UsbsimBackends, LoopbackDelaysAndMapsChannelsInFixedMemory) {
+TEST(UsbsimBackends, LoopbackKeepsItsMemoryFixedForAListenerFarBehind) {
     UsbDriverModel model;
     EXPECT_THROW(model.setLoopback(255), std::invalid_argument) << "shorter than a period";
-    usbsim::LoopbackBackend loop(4);
-    int32_t played[2 * 3] = {1, 2, 3, 4, 5, 6}; // 3 frames of 2 channels
-    loop.write(played, 3, 2);
-    int32_t heard[8 * 3];
-    loop.read(heard, 8, 3);
-    const int32_t want[8 * 3] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-                                 1, 2, 0, 3, 4, 0, 5, 6, 0, 0, 0, 0};
-    EXPECT_TRUE(std::equal(heard, heard + 24, want));
-    EXPECT_EQ(loop.underruns(), 1u) << "the eighth frame was not played yet";
-
     // A listener behind by more than the ring loses the oldest frames,
     // counted, and hears the newest in order: memory stays fixed.
     usbsim::LoopbackBackend behind(256);
@@ -626,16 +338,14 @@ TEST(UsbsimProfile, RingsHoldWholePeriodsAndTheDriversWriteAhead) {
     EXPECT_EQ(p.ringFramesFor(8), 4096u);
 }
 
-TEST(UsbsimProfile, SamplesSurviveAJsonRoundTripAndDefaultJsonIsTheBuiltIn) {
-    for (const char* name : {"default.json", "stereo-16.json", "spdif-locked.json"}) {
-        SCOPED_TRACE(name);
-        const DeviceProfile p = DeviceProfile::fromJsonFile(profilePath(name));
-        const DeviceProfile again = DeviceProfile::fromJsonString(p.toJson().dump());
-        EXPECT_TRUE(sameRecord(*recordOf(p), *recordOf(again)));
-        EXPECT_EQ(p.toJson(), again.toJson());
-    }
+// (That any accepted profile survives a JSON round trip: fuzz_profile.)
+TEST(UsbsimProfile, TheSampleProfilesLoadAndDefaultJsonIsTheBuiltIn) {
+    for (const char* name : {"stereo-16.json", "spdif-locked.json"})
+        EXPECT_EQ(profileErrorOf([&] { DeviceProfile::fromJsonFile(profilePath(name)); }).first,
+                  "(accepted)");
     const DeviceProfile fromFile = DeviceProfile::fromJsonFile(profilePath("default.json"));
     EXPECT_TRUE(sameRecord(*recordOf(fromFile), *recordOf(DeviceProfile::builtInDefault())));
+    EXPECT_EQ(fromFile.toJson(), DeviceProfile::builtInDefault().toJson());
 }
 
 // Each row changes the default profile's JSON one way and names the error.
