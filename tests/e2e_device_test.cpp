@@ -54,6 +54,7 @@ TEST(Directions, RenderAtAnotherRateIsRefusedAtStartWhileCaptureIsOpen) {
         EXPECT_EQ(render->state(), KSSTATE_PAUSE);
         EXPECT_TRUE(traced(
             "ERROR: RenderStream want to change the format while mpStreamCapture is open ?"));
+        EXPECT_TRUE(traced("SetFormat returned C000000D"));
         EXPECT_EQ(rig.model().settings().current.fr, 48000u);
         EXPECT_EQ(rig.model().callCount(USBCall_ChangeConfig), 0u);
 
@@ -103,14 +104,20 @@ TEST(Directions, IntersectionOffersOnlyTheRateOfAnOpenStream) {
 TEST(Directions, RenderAloneChangesTheRateAndCaptureThenFollowsIt) {
     Rig rig;
     auto out = rig.output();
+    rig.model().clearCalls();
     auto render = rig.open(false, 44100, 2, 24);
     ASSERT_TRUE(render);
     const auto sent = e2e::noise(2 * 3000, 24, 4);
     Pump pump(rig, render.get(), e2e::pack(sent, 24), nullptr);
     pump.feed();
-    rig.model().clearCalls();
+    EXPECT_EQ(rig.model().callCount(USBCall_ChangeConfig), 0u) << "opening only records it";
+    hostk::clearCaptured();
     ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
     EXPECT_EQ(rig.model().settings().current.fr, 44100u);
+    for (const char* line :
+         {"format change seems to be allowed", "mMMEAdapter->changeConfig success",
+          "SamplingFrequency is now  44100", "SetFormat returned 00000000"})
+        EXPECT_TRUE(traced(line)) << line;
     auto calls = rig.model().calls();
     ASSERT_EQ(rig.model().callCount(USBCall_ChangeConfig), 1u);
     for (const auto& c : calls) {
@@ -122,6 +129,9 @@ TEST(Directions, RenderAloneChangesTheRateAndCaptureThenFollowsIt) {
     Played p = played(*out, 0, 2);
     EXPECT_EQ(p.sound, asPlayed(sent, 24));
     EXPECT_EQ(render->counters().glitches, 0u);
+    ASSERT_EQ(render->setState(KSSTATE_PAUSE), STATUS_SUCCESS);
+    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    EXPECT_EQ(rig.model().callCount(USBCall_ChangeConfig), 1u) << "the format is carried once";
 
     hostk::clearCaptured();
     auto capture48 = rig.open(true, 48000, 2, 24);
@@ -172,6 +182,7 @@ TEST(Directions, AStoppedStreamCarriesItsFormatAgainAfterTheOtherStarted) {
         const uint64_t glitchesBefore = render->counters().glitches; // the empty first run's
         ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
         EXPECT_EQ(traced("!mbSetFormatCalled"), otherStarts);
+        EXPECT_EQ(traced("START STREAM : check other stream frequency"), otherStarts);
         // Either way the hardware is back at the render stream's eight outputs
         // (through its own format, or the adapter's check at the start).
         EXPECT_EQ(rig.model().settings().current.outCH, 8u);
@@ -381,10 +392,14 @@ TEST(UsbDriver, ADigitalLockAllowsOnlyItsRate) {
     Rig rig;
     rig.model().setDigitalLock(44100);
     hostk::clearCaptured();
+    const size_t blocks = hostk::poolStats().liveBlocks;
     NTSTATUS status = STATUS_SUCCESS;
     EXPECT_EQ(rig.open(true, 48000, 2, 24, &status), nullptr);
     EXPECT_EQ(status, STATUS_NOT_SUPPORTED);
-    EXPECT_TRUE(traced("samplerate not allowed requested/digital"));
+    EXPECT_TRUE(traced("doValidateFormat: validate digital lock frequency 44100"));
+    EXPECT_TRUE(traced("samplerate not allowed requested/digital 48000 44100"));
+    EXPECT_FALSE(traced("+ MMEWaveStream::MMEWaveStream")) << "refused before any stream";
+    EXPECT_EQ(hostk::poolStats().liveBlocks, blocks);
     auto capture = rig.open(true, 44100, 2, 24);
     ASSERT_TRUE(capture);
     EXPECT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
