@@ -109,7 +109,6 @@ TEST(Directions, RenderAloneChangesTheRateAndCaptureThenFollowsIt) {
     ASSERT_TRUE(render);
     const auto sent = e2e::noise(2 * 3000, 24, 4);
     Pump pump(rig, render.get(), e2e::pack(sent, 24), nullptr);
-    pump.feed();
     EXPECT_EQ(rig.model().callCount(USBCall_ChangeConfig), 0u) << "opening only records it";
     hostk::clearCaptured();
     ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
@@ -177,7 +176,6 @@ TEST(Directions, AStoppedStreamCarriesItsFormatAgainAfterTheOtherStarted) {
         rig.model().clearCalls();
         const auto sent = e2e::noise(2 * 2000, 16, 8);
         Pump pump(rig, render.get(), e2e::pack(sent, 16), capture.get());
-        pump.feed();
         const size_t before = out->frames();
         const uint64_t glitchesBefore = render->counters().glitches; // the empty first run's
         ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
@@ -231,7 +229,6 @@ TEST(States, RepeatedStopAndStartPlayEachRunFromItsFirstFrame) {
         SCOPED_TRACE("run " + std::to_string(run));
         const auto sent = e2e::noise(2 * 4000, 16, 100 + run);
         Pump pump(rig, render.get(), e2e::pack(sent, 16), nullptr);
-        pump.feed();
         ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
         EXPECT_EQ(render->positionFrames(), 0u) << "a stopped stream starts from 0";
         // Stopped part way, at a different place in the cyclic buffer each time.
@@ -259,7 +256,6 @@ TEST(States, PauseAndResumeLoseNothingAndRepeatNothing) {
     const size_t frames = 40 * 256 + 100;
     const auto sent = e2e::noise(2 * frames, 24, 21);
     Pump pump(rig, render.get(), e2e::pack(sent, 24), nullptr);
-    pump.feed();
     ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
     for (int cycle = 0; cycle < 5; ++cycle) {
         SCOPED_TRACE("cycle " + std::to_string(cycle));
@@ -294,7 +290,6 @@ TEST(Asio, StreamsPauseWhileItHoldsTheDeviceAndResumeThroughTheAttachTimer) {
     ASSERT_TRUE(render && capture);
     const auto sent = e2e::noise(2 * 100 * 256, 16, 31);
     Pump pump(rig, render.get(), e2e::pack(sent, 16), capture.get());
-    pump.feed();
     ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
     ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
     pump.periods(20);
@@ -333,7 +328,6 @@ TEST(Asio, ReturningWithinTheSecondCancelsTheTimedStart) {
     auto render = rig.open(false, 48000, 2, 16);
     ASSERT_TRUE(render);
     Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 48000, 16, 2), 16), nullptr);
-    pump.feed();
     ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
     pump.periods(5);
     rig.model().asioAttach();
@@ -442,7 +436,6 @@ TEST(Removal, WhileStreamsRunEverythingIsReleased) {
     auto render = rig.open(false, 48000, 2, 16);
     ASSERT_TRUE(capture && render);
     Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 20000, 16, 6), 16), capture.get());
-    pump.feed();
     ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
     ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
     pump.periods(20);

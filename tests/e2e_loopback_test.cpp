@@ -48,7 +48,6 @@ TEST_P(Loopback, ComesBackBitExactAfterTheKnownLatency) {
     const size_t frames = 4000, latency = e2e::kRenderWriteAhead + kLoop;
     const auto sent = e2e::noise(frames * 2, c.bits, c.rate + c.bits + c.devicePeriod);
     Pump pump(rig, render.get(), e2e::pack(sent, c.bits), capture.get());
-    pump.feed();
     ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
     size_t periods = 0;
     while (pump.capturedFrames() < frames + latency && periods < 100000) {
@@ -124,7 +123,6 @@ TEST(Channels, RenderOnEightRingChannelsIsZeroPadded) {
         const size_t frames = 3000;
         const auto sent = e2e::noise(frames * channels, 16, channels);
         Pump pump(rig, render.get(), e2e::pack(sent, 16), nullptr);
-        pump.feed();
         ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
         pump.periods((frames + e2e::kRenderWriteAhead) / 256 + 2);
 
@@ -177,7 +175,6 @@ TEST(Positions, StepWithThePeriodsAndStandStillBetween) {
         auto render = rig.open(false, 48000, 2, 16);
         ASSERT_TRUE(capture && render);
         Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 48000, 16, 3), 16), capture.get());
-        pump.feed();
         ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
         ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
         EXPECT_EQ(render->positionFrames(), 0u);
@@ -326,33 +323,6 @@ TEST(Overruns, CountedWhenTheClientDoesNotReadAndWhatWasKeptIsIntact) {
     got = e2e::unpack(bytes, 24);
     EXPECT_EQ(got[0], e2e::captureValue(usbsim::PatternInput::sample(20 * 256, 0), 24));
     EXPECT_EQ(capture->counters().overruns, 16u);
-}
-
-TEST(Flood, WritesTakeWhatFitsAndEverythingTakenIsPlayed) {
-    Rig rig;
-    auto out = rig.output();
-    hostpc::StreamOptions options;
-    options.queueFrames = 2048;
-    auto render = rig.open(false, 48000, 2, 16, nullptr, options);
-    ASSERT_TRUE(render);
-    const size_t frames = 12000;
-    const auto sent = e2e::noise(frames * 2, 16, 9);
-    const auto bytes = e2e::pack(sent, 16);
-    EXPECT_EQ(render->write(bytes.data(), frames), 2048u);
-    EXPECT_EQ(render->roomFrames(), 0u);
-    EXPECT_EQ(render->write(bytes.data(), frames), 0u);
-    size_t written = 2048;
-    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
-    while (written < frames) {
-        rig.model().runPeriods(1);
-        written += render->write(bytes.data() + written * 4, frames - written);
-    }
-    render->endOfStream();
-    rig.model().runPeriods((2048 + render->leadFrames() + e2e::kRenderWriteAhead) / 256 + 4);
-    EXPECT_EQ(render->counters().glitches, 0u);
-    Played p = played(*out, e2e::kRenderWriteAhead, 2, frames);
-    EXPECT_EQ(p.silentFrames, 0u);
-    EXPECT_EQ(p.sound, asPlayed(sent, 16));
 }
 
 } // namespace

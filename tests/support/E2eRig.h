@@ -79,12 +79,15 @@ public:
 };
 
 // Runs the model's periods in virtual time as a client would between them:
-// keeps a render stream fed from `signal` (end of stream marked once all of
-// it is queued) and reads a capture stream empty. Either may be null.
+// keeps a render stream fed from `signal` (queued as far as it fits from the
+// start; end of stream marked once all of it is) and reads a capture stream
+// empty. Either may be null.
 class Pump {
 public:
     Pump(Rig& rig, hostpc::KsStream* render, std::vector<uint8_t> signal, hostpc::KsStream* capture)
-        : mRig(rig), mRender(render), mSignal(std::move(signal)), mCapture(capture) {}
+        : mRig(rig), mRender(render), mSignal(std::move(signal)), mCapture(capture) {
+        feed();
+    }
 
     void feed() {
         if (!mRender)
