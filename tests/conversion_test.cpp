@@ -43,7 +43,7 @@ private:
     uint8_t* mData;
 };
 
-template <typename T> std::vector<T> randomValues(size_t n, uint32_t seed) {
+template <typename T = uint8_t> std::vector<T> randomBytes(size_t n, uint32_t seed) {
     std::mt19937 rng(seed);
     std::vector<T> v(n);
     for (auto& x : v)
@@ -53,7 +53,7 @@ template <typename T> std::vector<T> randomValues(size_t n, uint32_t seed) {
 
 // Random samples with the corners of the range among them.
 std::vector<LONG> randomSamples(size_t n, uint32_t seed) {
-    auto v = randomValues<LONG>(n, seed);
+    auto v = randomBytes<LONG>(n, seed);
     if (n > 3) {
         v[0] = INT32_MIN;
         v[1] = INT32_MAX;
@@ -62,21 +62,13 @@ std::vector<LONG> randomSamples(size_t n, uint32_t seed) {
     return v;
 }
 
-std::vector<uint8_t> randomBytes(size_t n, uint32_t seed) {
-    return randomValues<uint8_t>(n, seed);
-}
-
-uint32_t asBits(LONG v) {
-    return uint32_t(v);
-}
-
 // Per-sample oracles, straight from the rules: a PCM sample of `bits` is the
 // top bits of the working sample, little-endian.
 std::vector<uint8_t> oraclePack(const std::vector<LONG>& in, ULONG bits) {
     std::vector<uint8_t> out;
     for (LONG s : in)
         for (ULONG shift = 32 - bits; shift < 32; shift += 8)
-            out.push_back(uint8_t(asBits(s) >> shift));
+            out.push_back(uint8_t(uint32_t(s) >> shift));
     return out;
 }
 std::vector<LONG> oracleUnpack(const uint8_t* b, size_t samples, ULONG bits) {

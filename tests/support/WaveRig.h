@@ -82,11 +82,6 @@ public:
     PSERVICEGROUP lastGroup = nullptr;
 };
 
-inline LONG refCount(IUnknown* object) {
-    object->AddRef();
-    return (LONG)object->Release();
-}
-
 class LightRig {
 public:
     // info may be null: the USB driver never described the device.
