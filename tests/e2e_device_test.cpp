@@ -8,6 +8,7 @@
 // the device removed while streams run.
 #include "support/E2eRig.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -213,6 +214,14 @@ TEST(States, StartingWalksUpAndClosingWalksBackThroughEveryState) {
         for (int s = int(from) - 1; s >= 0; --s)
             down.push_back(s);
         EXPECT_EQ(statesTraced(), down);
+        const auto lines = hostk::capturedLines();
+        EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                                [](const std::string& l) {
+                                    return l.find("+ MMEDMAEmulator::Stop") != std::string::npos;
+                                }),
+                  from == KSSTATE_RUN ? 1 : 0)
+            << "the DMA channel stops only when the stream leaves run";
+        EXPECT_EQ(traced("WAVE STOP"), from != KSSTATE_STOP);
         EXPECT_EQ(render->setState(KSSTATE_RUN), STATUS_INVALID_DEVICE_STATE)
             << "a closed pin takes no more states";
         EXPECT_TRUE(rig.directionFree(false));
