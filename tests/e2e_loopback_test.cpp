@@ -251,40 +251,6 @@ TEST(Glitches, CountedAndHeardExactlyWhenTheClientIsLate) {
     }
 }
 
-class StarvedSource : public hostpc::RenderSource {
-public:
-    ULONG map(const UCHAR** where, ULONG) override {
-        ++asked;
-        *where = nullptr;
-        return 0;
-    }
-    void release(ULONG bytes) override { released += bytes; }
-    size_t asked = 0;
-    size_t released = 0;
-};
-
-TEST(Glitches, AStarvedSourceGivesSilenceEveryPeriod) {
-    Rig rig;
-    auto out = rig.output();
-    StarvedSource source;
-    hostpc::StreamOptions options;
-    options.source = &source;
-    auto render = rig.open(false, 48000, 2, 16, nullptr, options);
-    ASSERT_TRUE(render);
-    EXPECT_EQ(render->write("abcd", 1), 0u) << "a stream with its own source takes no writes";
-    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
-    rig.model().runPeriods(20);
-    const hostpc::StreamCounters c = render->counters();
-    EXPECT_EQ(c.services, 20u);
-    EXPECT_EQ(c.glitches, c.services + 1) << "the start and every service found nothing";
-    EXPECT_EQ(c.silenceFrames, c.glitches * 256);
-    EXPECT_EQ(c.framesCopied, 0u);
-    EXPECT_GE(source.asked, c.glitches);
-    EXPECT_EQ(source.released, 0u);
-    EXPECT_EQ(render->positionFrames(), 20u * 256);
-    EXPECT_EQ(played(*out, 0, 8).sound.size(), 0u);
-}
-
 TEST(Overruns, CountedWhenTheClientDoesNotReadAndWhatWasKeptIsIntact) {
     Rig rig;
     rig.model().setInput(std::make_shared<usbsim::PatternInput>());
