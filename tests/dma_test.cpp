@@ -1,9 +1,7 @@
 // Emulated DMA channel: the IDmaChannelSlave slots, buffer sizes from the
 // stream's format and the configuration, reuse and replacement of the two
 // buffers, allocation failures, positions, Silence and the port's copies
-// with their bounds. Channels are the started driver's own, shaped by
-// streams opened through the wave miniport; what a stream's teardown leaves
-// in its channel is checked in wave_stream_test.
+// with their bounds, on the started driver's own channels.
 #include "host/kernel/HostKernel.h"
 #include "support/StreamingRig.h"
 #include "support/TraceCapture.h"

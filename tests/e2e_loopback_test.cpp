@@ -89,26 +89,14 @@ INSTANTIATE_TEST_SUITE_P(
                (c.extensible ? "Extensible" : "") + "Period" + std::to_string(c.devicePeriod);
     });
 
-TEST(LoopbackFormats, ThirtyTwoBitStreamsAreNotOfferedAndRefused) {
+// Not offered either: wave_ranges_test, wave_format_test.
+TEST(LoopbackFormats, ThirtyTwoBitStreamsAreRefused) {
     Rig rig;
-    ASSERT_TRUE(rig.started());
-    for (ULONG pinId : {hostpc::kWaveCapturePin, hostpc::kWaveRenderPin}) {
-        hostpc::PinInfo pin = rig.filter->pin(pinId);
-        ASSERT_FALSE(pin.ranges.empty());
-        for (const auto& range : pin.ranges)
-            EXPECT_LT(range.MaximumBitsPerSample, 32u);
-        std::vector<UCHAR> format;
-        EXPECT_EQ(
-            rig.filter->intersect(pinId, hostpc::clientRange(2, 32, 32, 48000, 48000), &format),
-            STATUS_NO_MATCH);
-        EXPECT_TRUE(format.empty());
+    for (bool capture : {true, false}) {
+        NTSTATUS status = STATUS_SUCCESS;
+        EXPECT_EQ(rig.open(capture, 48000, 2, 32, &status), nullptr);
+        EXPECT_EQ(status, STATUS_NOT_SUPPORTED) << (capture ? "capture" : "render");
     }
-    for (ULONG rate : {44100u, 48000u, 96000u, 192000u})
-        for (bool capture : {true, false}) {
-            NTSTATUS status = STATUS_SUCCESS;
-            EXPECT_EQ(rig.open(capture, rate, 2, 32, &status), nullptr);
-            EXPECT_EQ(status, STATUS_NOT_SUPPORTED) << rate << (capture ? " capture" : " render");
-        }
 }
 
 // ---- Channels ----
