@@ -28,16 +28,12 @@ std::unique_ptr<AudioSM> makeRing(ULONG channels, ULONG frames) {
     return ring;
 }
 
-// A capture-ring sample that differs in every bit field per frame and channel.
-LONG ringValue(ULONG frame, ULONG channel) {
-    return LONG(frame * 2654435761u ^ (channel + 1) * 0x9E3779B9u);
-}
-// The started driver, an 8 x 4096 capture ring of ringValue()s and a render
-// ring of -1s.
+// The started driver, an 8 x 4096 capture ring whose samples differ in every
+// bit field per frame and channel, and a render ring of -1s.
 struct Rings {
     Rings() {
         for (ULONG i = 0; i < 8 * 4096; ++i) {
-            capture->mSamples[i] = ringValue(i / 8, i % 8);
+            capture->mSamples[i] = LONG(i / 8 * 2654435761u ^ (i % 8 + 1) * 0x9E3779B9u);
             render->mSamples[i] = -1;
         }
     }
@@ -45,9 +41,7 @@ struct Rings {
     // 16-bit) with `usb` configured ring channels; a render buffer gets bytes
     // that differ per position.
     MMEDMAEmulator* attach(bool in, ULONG channels, ULONG bits, ULONG first = 0, ULONG usb = 8) {
-        MMEWaveStream*& s = streams[in];
-        if (!s)
-            s = rig.openStream(in, 2, 16);
+        MMEWaveStream* s = rig.openStream(in, 2, 16);
         EXPECT_NE(s, nullptr);
         MMEDMAEmulator* channel = rig.channel(in);
         rig.setAttachChannels(usb, usb);
@@ -56,12 +50,9 @@ struct Rings {
             std::vector<unsigned char> pcm(channel->BufferSize());
             for (size_t i = 0; i < pcm.size(); ++i)
                 pcm[i] = static_cast<unsigned char>(i * 29 + bits);
-            channel->CopyTo(cyclic(false), pcm.data(), ULONG(pcm.size()));
+            channel->CopyTo(channel->SystemAddress(), pcm.data(), ULONG(pcm.size()));
         }
         return channel;
-    }
-    unsigned char* cyclic(bool in) {
-        return static_cast<unsigned char*>(rig.channel(in)->SystemAddress());
     }
     // One period of the direction, checked against the staged reference.
     bool period(bool in, ULONG frames) {
@@ -86,7 +77,6 @@ struct Rings {
 
     streamtest::StreamingRig rig;
     std::unique_ptr<AudioSM> capture = makeRing(8, 4096), render = makeRing(8, 4096);
-    MMEWaveStream* streams[2] = {};
 };
 
 struct Case {
