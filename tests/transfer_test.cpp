@@ -4,14 +4,12 @@
 // result must match it bit for bit (the staged conversions are held to the
 // rules in conversion_test). The table adds what only the driver shows
 // (results, final position, trace lines).
-#include "host/kernel/HostKernel.h"
 #include "support/StagedTransfer.h"
 #include "support/StreamingRig.h"
 #include "support/TraceCapture.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <vector>
