@@ -113,6 +113,8 @@ TEST_P(KernelPaths, MatchThePerSampleRuleInsideTheirBuffers) {
         for (size_t misalign = 0; misalign < 4; ++misalign) {
             SCOPED_TRACE(testing::Message() << n << " samples, offset " << misalign);
             auto in = randomSamples(n, uint32_t(n * 7 + misalign));
+            GuardedBytes working(n * 4);
+            std::copy(in.begin(), in.end(), working.samples());
             for (ULONG bits : {16u, 24u}) {
                 const size_t bytes = n * bits / 8;
                 // The offset moves the start's alignment and leaves bytes
@@ -120,7 +122,7 @@ TEST_P(KernelPaths, MatchThePerSampleRuleInsideTheirBuffers) {
                 GuardedBytes raw(bytes + misalign);
                 uint8_t* pcm = raw.data();
                 std::memset(pcm, 0xCC, bytes + misalign);
-                (bits == 16 ? int32ToPcm16 : int32ToPcm24)(pcm, in.data(), ULONG(n));
+                (bits == 16 ? int32ToPcm16 : int32ToPcm24)(pcm, working.samples(), ULONG(n));
                 EXPECT_EQ(std::vector<uint8_t>(pcm, pcm + bytes), oraclePack(in, bits));
                 EXPECT_TRUE(std::all_of(pcm + bytes, pcm + bytes + misalign,
                                         [](uint8_t b) { return b == 0xCC; }));
@@ -132,11 +134,9 @@ TEST_P(KernelPaths, MatchThePerSampleRuleInsideTheirBuffers) {
                 EXPECT_EQ(std::vector<LONG>(out.samples(), out.samples() + n),
                           oracleUnpack(src.data(), n, bits));
             }
-            GuardedBytes shifted(n * 4);
-            std::copy(in.begin(), in.end(), shifted.samples());
-            shiftRight8(shifted.samples(), ULONG(n));
+            shiftRight8(working.samples(), ULONG(n));
             for (size_t i = 0; i < n; ++i)
-                ASSERT_EQ(shifted.samples()[i], in[i] >> 8) << i;
+                ASSERT_EQ(working.samples()[i], in[i] >> 8) << i;
         }
     }
 }
