@@ -1,9 +1,7 @@
-// Sample conversion: documented values for every width in both directions,
-// the blockwise kernels against a per-sample oracle at every length around
-// their block sizes, channel dropping and padding, the period path's single
-// passes against the staged conversions, refusals, and buffers
-// that end right before an unmapped page (no kernel reads or writes past
-// its last byte).
+// Sample conversion: the blockwise kernels against a per-sample oracle at
+// every length around their block sizes, in buffers that end right before an
+// unmapped page; channel dropping and padding; the staged conversions by the
+// rules and the period path's single passes against them; refusals.
 #include "driver/streaming/SampleConversion.h"
 
 #include <gtest/gtest.h>
@@ -14,6 +12,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <numeric>
 #include <random>
 #include <vector>
 
@@ -44,7 +43,7 @@ private:
     uint8_t* mData;
 };
 
-template <typename T> std::vector<T> randomValues(size_t n, uint32_t seed) {
+template <typename T = uint8_t> std::vector<T> randomBytes(size_t n, uint32_t seed) {
     std::mt19937 rng(seed);
     std::vector<T> v(n);
     for (auto& x : v)
@@ -54,7 +53,7 @@ template <typename T> std::vector<T> randomValues(size_t n, uint32_t seed) {
 
 // Random samples with the corners of the range among them.
 std::vector<LONG> randomSamples(size_t n, uint32_t seed) {
-    auto v = randomValues<LONG>(n, seed);
+    auto v = randomBytes<LONG>(n, seed);
     if (n > 3) {
         v[0] = INT32_MIN;
         v[1] = INT32_MAX;
@@ -63,21 +62,13 @@ std::vector<LONG> randomSamples(size_t n, uint32_t seed) {
     return v;
 }
 
-std::vector<uint8_t> randomBytes(size_t n, uint32_t seed) {
-    return randomValues<uint8_t>(n, seed);
-}
-
-uint32_t asBits(LONG v) {
-    return uint32_t(v);
-}
-
 // Per-sample oracles, straight from the rules: a PCM sample of `bits` is the
 // top bits of the working sample, little-endian.
 std::vector<uint8_t> oraclePack(const std::vector<LONG>& in, ULONG bits) {
     std::vector<uint8_t> out;
     for (LONG s : in)
         for (ULONG shift = 32 - bits; shift < 32; shift += 8)
-            out.push_back(uint8_t(asBits(s) >> shift));
+            out.push_back(uint8_t(uint32_t(s) >> shift));
     return out;
 }
 std::vector<LONG> oracleUnpack(const uint8_t* b, size_t samples, ULONG bits) {
@@ -112,57 +103,40 @@ INSTANTIATE_TEST_SUITE_P(ConversionKernels, KernelPaths, ::testing::Values(false
                              return info.param ? "Baseline" : "Dispatched";
                          });
 
-TEST_P(KernelPaths, DocumentedValues) {
-    uint8_t b[4] = {};
-    const LONG extremes[2] = {0x7FFFFFFF, LONG(0x8000FFFFu)}; // truncation, no rounding
-    int32ToPcm16(b, extremes, 2);
-    EXPECT_EQ(std::vector<uint8_t>(b, b + 4), (std::vector<uint8_t>{0xFF, 0x7F, 0x00, 0x80}));
-    const LONG s = 0x12345678;
-    int32ToPcm24(b, &s, 1);
-    EXPECT_EQ(std::vector<uint8_t>(b, b + 3), (std::vector<uint8_t>{0x56, 0x34, 0x12}));
-
-    LONG out[2] = {};
-    const uint8_t p24[6] = {0x56, 0x34, 0x12, 0x00, 0x00, 0x80};
-    pcm24ToInt32(out, p24, 6);
-    EXPECT_EQ(asBits(out[0]), 0x12345600u);
-    EXPECT_EQ(asBits(out[1]), 0x80000000u);
-    const uint8_t p16[2] = {0xFF, 0xFF};
-    pcm16ToInt32(out, p16, 2);
-    EXPECT_EQ(asBits(out[0]), 0xFFFF0000u);
-
-    LONG shifted[3] = {LONG(0x80000000u), 0x12345600, LONG(0xFFFFFF00u)};
-    shiftRight8(shifted, 3);
-    EXPECT_EQ(asBits(shifted[0]), 0xFF800000u);
-    EXPECT_EQ(asBits(shifted[1]), 0x00123456u);
-    EXPECT_EQ(asBits(shifted[2]), 0xFFFFFFFFu);
-}
-
-TEST_P(KernelPaths, MatchThePerSampleRuleAtEveryLengthAndAlignment) {
-    for (size_t n = 0; n <= 70; ++n) {
+// Every length around the block sizes at every alignment, next to an
+// unmapped page.
+TEST_P(KernelPaths, MatchThePerSampleRuleInsideTheirBuffers) {
+    std::vector<size_t> lengths(71);
+    std::iota(lengths.begin(), lengths.end(), 0);
+    lengths.insert(lengths.end(), {256, 257, 511});
+    for (size_t n : lengths) {
         for (size_t misalign = 0; misalign < 4; ++misalign) {
             SCOPED_TRACE(testing::Message() << n << " samples, offset " << misalign);
             auto in = randomSamples(n, uint32_t(n * 7 + misalign));
-            auto bytes = randomBytes(n * 3 + 8, uint32_t(n + 99));
+            GuardedBytes working(n * 4);
+            std::copy(in.begin(), in.end(), working.samples());
             for (ULONG bits : {16u, 24u}) {
-                std::vector<uint8_t> raw(n * 3 + 8, 0xCC);
-                (bits == 16 ? int32ToPcm16 : int32ToPcm24)(raw.data() + misalign, in.data(),
-                                                           ULONG(n));
-                const size_t end = misalign + n * bits / 8;
-                EXPECT_EQ(std::vector<uint8_t>(raw.begin() + misalign, raw.begin() + end),
-                          oraclePack(in, bits));
-                EXPECT_EQ(raw[end], 0xCC) << "wrote past the end";
+                const size_t bytes = n * bits / 8;
+                // The offset moves the start's alignment and leaves bytes
+                // before the page that must stay as they were.
+                GuardedBytes raw(bytes + misalign);
+                uint8_t* pcm = raw.data();
+                std::memset(pcm, 0xCC, bytes + misalign);
+                (bits == 16 ? int32ToPcm16 : int32ToPcm24)(pcm, working.samples(), ULONG(n));
+                EXPECT_EQ(std::vector<uint8_t>(pcm, pcm + bytes), oraclePack(in, bits));
+                EXPECT_TRUE(std::all_of(pcm + bytes, pcm + bytes + misalign,
+                                        [](uint8_t b) { return b == 0xCC; }));
 
-                std::vector<LONG> out(n + 1, 0x5A5A5A5A);
-                (bits == 16 ? pcm16ToInt32 : pcm24ToInt32)(out.data(), bytes.data() + misalign,
-                                                           ULONG(n * bits / 8));
-                EXPECT_EQ(std::vector<LONG>(out.begin(), out.begin() + n),
-                          oracleUnpack(bytes.data() + misalign, n, bits));
-                EXPECT_EQ(out[n], 0x5A5A5A5A);
+                auto src = randomBytes(bytes, uint32_t(n + 99));
+                std::copy(src.begin(), src.end(), pcm);
+                GuardedBytes out(n * 4);
+                (bits == 16 ? pcm16ToInt32 : pcm24ToInt32)(out.samples(), pcm, ULONG(bytes));
+                EXPECT_EQ(std::vector<LONG>(out.samples(), out.samples() + n),
+                          oracleUnpack(src.data(), n, bits));
             }
-            auto shifted = in;
-            shiftRight8(shifted.data(), ULONG(n));
+            shiftRight8(working.samples(), ULONG(n));
             for (size_t i = 0; i < n; ++i)
-                ASSERT_EQ(shifted[i], in[i] >> 8) << i;
+                ASSERT_EQ(working.samples()[i], in[i] >> 8) << i;
         }
     }
 }
@@ -176,22 +150,6 @@ TEST_P(KernelPaths, ByteCountsThatAreNotWholeSamplesRoundDown) {
     pcm24ToInt32(out, bytes, 8); // two samples
     EXPECT_EQ(out[1], LONG(0x06050400));
     EXPECT_EQ(out[2], -1);
-}
-
-TEST_P(KernelPaths, NothingIsReadOrWrittenPastTheBuffersLastByte) {
-    for (size_t n : {1u, 3u, 4u, 5u, 7u, 8u, 9u, 15u, 16u, 17u, 256u, 257u, 511u}) {
-        SCOPED_TRACE(n);
-        auto samples = randomSamples(n, uint32_t(n));
-        GuardedBytes in32(n * 4), out16(n * 2), out24(n * 3), back(n * 4);
-        std::memcpy(in32.data(), samples.data(), n * 4);
-        int32ToPcm16(out16.data(), in32.samples(), ULONG(n));
-        int32ToPcm24(out24.data(), in32.samples(), ULONG(n));
-        EXPECT_EQ(0, std::memcmp(out24.data(), oraclePack(samples, 24).data(), n * 3));
-        pcm24ToInt32(back.samples(), out24.data(), ULONG(n * 3));
-        pcm16ToInt32(back.samples(), out16.data(), ULONG(n * 2));
-        EXPECT_EQ(0, std::memcmp(back.data(), oracleUnpack(out16.data(), n, 16).data(), n * 4));
-        shiftRight8(back.samples(), ULONG(n));
-    }
 }
 
 // The period path's single passes against the staged conversions they
@@ -243,50 +201,44 @@ TEST_P(KernelPaths, SinglePassesMatchTheStagedConversions) {
     }
 }
 
-TEST(SinglePasses, RefuseWhatTheStagedConversionsRefuse) {
+TEST(Conversions, AbsentBuffersZeroCountsAndShapesThatDoNotFitChangeNothing) {
     LONG ring[16];
     uint8_t pcm[64];
     std::fill_n(ring, 16, 7);
     std::memset(pcm, 0xAB, sizeof pcm);
+    int32ToPcm16(nullptr, ring, 4);
+    int32ToPcm16(pcm, nullptr, 4);
+    int32ToPcm24(pcm, ring, 0);
+    pcm16ToInt32(ring, nullptr, 8);
+    pcm24ToInt32(nullptr, pcm, 12);
+    pcm24ToInt32(ring, pcm, 2); // less than one sample
+    shiftRight8(nullptr, 4);
+    dropExtraChannels(nullptr, 2, 1, 1);
+    padExtraChannels(nullptr, 2, 1, 1);
     ringToPcm(2, ring, 2, pcm, 4, 16); // a stream wider than the ring
     ringToPcm(2, ring, 8, pcm, 2, 20); // no such width
     ringToPcm(0, ring, 8, pcm, 2, 16); // no frames
     ringToPcm(2, nullptr, 8, pcm, 2, 16);
-    EXPECT_TRUE(std::all_of(pcm, pcm + 64, [](uint8_t b) { return b == 0xAB; }));
     pcmToRing(2, pcm, 4, 16, ring, 2, 0); // wider than the ring
     pcmToRing(2, pcm, 2, 16, ring, 8, 7); // does not fit behind its first channel
     pcmToRing(2, pcm, 2, 20, ring, 8, 0); // no such width
     pcmToRing(2, pcm, 2, 16, nullptr, 8, 0);
     pcmToRing(2, pcm, 0, 16, ring, 8, 0);
+    convertInput(2, ring, 2, pcm, 4, 16); // more stream channels than ring
+    convertInput(0, ring, 2, pcm, 2, 16);
+    convertInput(2, nullptr, 2, pcm, 2, 16);
+    convertInput(2, ring, 0, pcm, 0, 16);
+    convertOutput(2, pcm, 4, 16, ring, 2); // more stream channels than ring
+    convertOutput(0, pcm, 1, 16, ring, 2);
+    convertOutput(2, nullptr, 1, 16, ring, 2);
+    convertOutput(2, pcm, 1, 16, nullptr, 2);
+    EXPECT_TRUE(std::all_of(pcm, pcm + 64, [](uint8_t b) { return b == 0xAB; }));
     EXPECT_TRUE(std::all_of(ring, ring + 16, [](LONG s) { return s == 7; }));
 }
 
-TEST(ConversionKernels, AbsentBuffersAndZeroCountsDoNothing) {
-    LONG s[4] = {1, 2, 3, 4};
-    uint8_t b[16];
-    std::memset(b, 0xAB, sizeof b);
-    int32ToPcm16(nullptr, s, 4);
-    int32ToPcm16(b, nullptr, 4);
-    int32ToPcm24(b, s, 0);
-    pcm16ToInt32(s, nullptr, 8);
-    pcm24ToInt32(nullptr, b, 12);
-    pcm24ToInt32(s, b, 2); // less than one sample
-    shiftRight8(nullptr, 4);
-    dropExtraChannels(nullptr, 2, 1, 1);
-    padExtraChannels(nullptr, 2, 1, 1);
-    EXPECT_EQ(std::vector<uint8_t>(b, b + 16), std::vector<uint8_t>(16, 0xAB));
-    EXPECT_EQ(std::vector<LONG>(s, s + 4), (std::vector<LONG>{1, 2, 3, 4}));
-}
-
 TEST(ChannelMapping, DropKeepsAndPadWidensTheFirstChannelsOfEachFrame) {
-    std::vector<LONG> buf = {0, 1, 2, 3, 4, 5, 6, 7};
-    dropExtraChannels(buf.data(), 2, 2, 2);
-    EXPECT_EQ(std::vector<LONG>(buf.begin(), buf.begin() + 4), (std::vector<LONG>{0, 1, 4, 5}));
-    buf = {10, 11, 20, 21, -1, -1, -1, -1};
-    padExtraChannels(buf.data(), 2, 2, 2);
-    EXPECT_EQ(buf, (std::vector<LONG>{10, 11, 0, 0, 20, 21, 0, 0}));
     // Equal channel counts: no frame is compacted or widened.
-    buf = {1, 2, 3, 4};
+    std::vector<LONG> buf = {1, 2, 3, 4};
     dropExtraChannels(buf.data(), 2, 2, 0);
     padExtraChannels(buf.data(), 2, 2, 0);
     EXPECT_EQ(buf, (std::vector<LONG>{1, 2, 3, 4}));
@@ -316,18 +268,11 @@ TEST(ChannelMapping, DropKeepsAndPadWidensTheFirstChannelsOfEachFrame) {
     }
 }
 
-TEST(ConvertInput, RefusedArgumentsUnknownWidthAndInPlace) {
+TEST(StagedConversions, UnknownWidthAndInPlace) {
     std::vector<LONG> src = {1, 2, 3, 4};
     uint8_t dst[16];
     std::memset(dst, 0x77, sizeof dst);
-    convertInput(2, src.data(), 2, dst, 4, 16); // more stream channels than ring
-    convertInput(0, src.data(), 2, dst, 2, 16);
-    convertInput(2, nullptr, 2, dst, 2, 16);
-    convertInput(2, src.data(), 0, dst, 0, 16);
-    EXPECT_EQ(std::vector<uint8_t>(dst, dst + 16), std::vector<uint8_t>(16, 0x77));
-    EXPECT_EQ(src, (std::vector<LONG>{1, 2, 3, 4}));
-
-    // An unknown width still compacts the source but writes nothing.
+    // convertInput at an unknown width compacts the source but writes nothing.
     convertInput(2, src.data(), 2, dst, 1, 20);
     EXPECT_EQ(std::vector<uint8_t>(dst, dst + 16), std::vector<uint8_t>(16, 0x77));
     EXPECT_EQ(src[0], 1);
@@ -337,20 +282,10 @@ TEST(ConvertInput, RefusedArgumentsUnknownWidthAndInPlace) {
     std::vector<LONG> buf = {1, 2, 3, 4, 5, 6};
     convertInput(3, buf.data(), 2, buf.data(), 1, 32);
     EXPECT_EQ(std::vector<LONG>(buf.begin(), buf.begin() + 3), (std::vector<LONG>{1, 3, 5}));
-}
 
-TEST(ConvertOutput, RefusalsUnknownWidthAndInPlaceWidening) {
-    uint8_t src[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    std::vector<LONG> dst(8, 0x11);
-    convertOutput(2, src, 4, 16, dst.data(), 2); // more stream channels than ring
-    convertOutput(0, src, 1, 16, dst.data(), 2);
-    convertOutput(2, nullptr, 1, 16, dst.data(), 2);
-    convertOutput(2, src, 1, 16, nullptr, 2);
-    EXPECT_EQ(dst, std::vector<LONG>(8, 0x11));
-
-    // Unknown width: nothing converted, the frames are still padded.
+    // convertOutput at an unknown width: nothing converted, the frames still padded.
     std::vector<LONG> pre = {7, 8, 9, 10, -1, -1, -1, -1};
-    convertOutput(4, src, 1, 20, pre.data(), 2);
+    convertOutput(4, dst, 1, 20, pre.data(), 2);
     EXPECT_EQ(pre, (std::vector<LONG>{7, 0, 8, 0, 9, 0, 10, 0}));
 
     // 32 bits with source and destination the same buffer: only the widening.
@@ -407,16 +342,6 @@ TEST_P(KernelPaths, StagedConversionsFollowTheRulesForEveryLayout) {
                         }
                     ASSERT_EQ(work, expected);
                 }
-    // The documented examples at 16 bits.
-    std::vector<LONG> one = {0x12345678, 1, 2, 3, 4, 5, 6, 7};
-    uint16_t pcm16 = 0;
-    convertInput(1, one.data(), 8, &pcm16, 1, 16);
-    EXPECT_EQ(pcm16, 0x1234);
-    const int16_t doc[3] = {int16_t(0x8000), 0x0001, 0x7FFF};
-    std::vector<LONG> docOut(3 * 2);
-    convertOutput(3, doc, 1, 16, docOut.data(), 2);
-    shiftRight8(docOut.data(), 6);
-    EXPECT_EQ(docOut, (std::vector<LONG>{LONG(0xFF800000u), 0, 0x00000100, 0, 0x007FFF00, 0}));
 }
 
 } // namespace

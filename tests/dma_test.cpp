@@ -1,9 +1,7 @@
 // Emulated DMA channel: the IDmaChannelSlave slots, buffer sizes from the
 // stream's format and the configuration, reuse and replacement of the two
 // buffers, allocation failures, positions, Silence and the port's copies
-// with their bounds. Channels are the started driver's own, shaped by
-// streams opened through the wave miniport; what a stream's teardown leaves
-// in its channel is checked in wave_stream_test.
+// with their bounds, on the started driver's own channels.
 #include "host/kernel/HostKernel.h"
 #include "support/StreamingRig.h"
 #include "support/TraceCapture.h"
@@ -24,76 +22,60 @@ bool allAre(const void* p, size_t n, unsigned char value = 0) {
     return std::all_of(b, b + n, [&](unsigned char c) { return c == value; });
 }
 
-// ---- A channel on its own ----
-
-class LoneChannel : public ::testing::Test {
-protected:
-    void SetUp() override {
-        mChannel = new MMEDMAEmulator(nullptr, false);
-        ASSERT_NE(mChannel, nullptr);
-        mChannel->AddRef();
-    }
-    void TearDown() override {
-        if (mChannel) {
-            EXPECT_EQ(mChannel->Release(), 0u);
-        }
-    }
-    MMEDMAEmulator* mChannel = nullptr;
-};
-
-TEST_F(LoneChannel, BeforeAnyFormatThereIsNoBufferAndTheSlotsGiveFixedAnswers) {
-    EXPECT_EQ((std::vector<ULONG>{mChannel->BufferSize(), mChannel->AllocatedBufferSize(),
-                                  mChannel->MaximumBufferSize(), mChannel->TransferCount(),
-                                  mChannel->ReadCounter()}),
+// A render channel's slots before any format; a capture channel's lifetime
+// and a stream that never found its miniport.
+TEST(LoneChannel, FixedAnswersBeforeAnyFormatAndTracedLifetime) {
+    auto* render = new MMEDMAEmulator(nullptr, false);
+    render->AddRef();
+    EXPECT_EQ((std::vector<ULONG>{render->BufferSize(), render->AllocatedBufferSize(),
+                                  render->MaximumBufferSize(), render->TransferCount(),
+                                  render->ReadCounter()}),
               (std::vector<ULONG>{0, 0, 0, 0, 0}));
-    EXPECT_EQ(mChannel->SystemAddress(), nullptr);
-    EXPECT_FALSE(mChannel->isCapture());
-    EXPECT_EQ(mChannel->stream(), nullptr);
-    EXPECT_EQ(mChannel->WaitForTC(1000), STATUS_SUCCESS);
-    EXPECT_EQ(mChannel->Stop(), STATUS_SUCCESS);
-    EXPECT_EQ(mChannel->GetAdapterObject(), nullptr);
+    EXPECT_EQ(render->SystemAddress(), nullptr);
+    EXPECT_FALSE(render->isCapture());
+    EXPECT_EQ(render->stream(), nullptr);
+    EXPECT_EQ(render->WaitForTC(1000), STATUS_SUCCESS);
+    EXPECT_EQ(render->Stop(), STATUS_SUCCESS);
+    EXPECT_EQ(render->GetAdapterObject(), nullptr);
     PHYSICAL_ADDRESS address;
     address.QuadPart = 0x1234;
-    EXPECT_EQ(mChannel->PhysicalAddress(&address), &address);
+    EXPECT_EQ(render->PhysicalAddress(&address), &address);
     EXPECT_EQ(address.QuadPart, 0);
 
     const size_t blocks = hostk::poolStats().liveBlocks;
     PHYSICAL_ADDRESS constraint;
     constraint.QuadPart = 0xFFFFFFFF;
     tracecap::clearTrace();
-    EXPECT_EQ(mChannel->AllocateBuffer(65536, nullptr), STATUS_SUCCESS);
-    EXPECT_EQ(mChannel->AllocateBuffer(4096, &constraint), STATUS_SUCCESS);
+    EXPECT_EQ(render->AllocateBuffer(65536, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(render->AllocateBuffer(4096, &constraint), STATUS_SUCCESS);
     EXPECT_EQ(hostk::poolStats().liveBlocks, blocks); // nothing allocated
     EXPECT_TRUE(tracecap::containsLine("PhysicalAddressConstraint 0x" +
                                        tracecap::kernelPointer(&constraint)))
         << tracecap::dumpTrace();
-    mChannel->SetBufferSize(4096);
-    EXPECT_EQ(mChannel->BufferSize(), 0u);
-}
+    render->SetBufferSize(4096);
+    EXPECT_EQ(render->BufferSize(), 0u);
 
-TEST_F(LoneChannel, QueryInterfaceAnswersUnknownAndDmaChannelOnly) {
-    IDmaChannelSlave* self = mChannel;
+    IDmaChannelSlave* self = render;
     checks::expectInterfaces(self, self, {&IID_IUnknown, &IID_IDmaChannel},
                              {&IID_IDmaChannelSlave, &IID_IMiniportWaveCyclic});
-    EXPECT_EQ(mChannel->QueryInterface(IID_IUnknown, nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(render->QueryInterface(IID_IUnknown, nullptr), STATUS_INVALID_PARAMETER);
     checks::expectAssert("Object", "MMEDMAEmulator", 42);
-    EXPECT_EQ(mChannel->referenceCount(), 1);
-}
+    EXPECT_EQ(render->referenceCount(), 1);
+    EXPECT_EQ(render->Release(), 0u);
 
-TEST(DmaChannelLifetime, TracedAndNotShapedByAStreamWithoutMiniport) {
     tracecap::clearTrace();
-    auto* channel = new MMEDMAEmulator(nullptr, true);
-    channel->AddRef();
-    EXPECT_TRUE(channel->isCapture());
+    auto* capture = new MMEDMAEmulator(nullptr, true);
+    capture->AddRef();
+    EXPECT_TRUE(capture->isCapture());
     EXPECT_TRUE(tracecap::containsLineStartingWith("+ MMEDMAEmulator::MMEDMAEmulator()"));
 
-    auto* stream = new MMEWaveStream(channel, true); // never initialised
+    auto* stream = new MMEWaveStream(capture, true); // never initialised
     stream->AddRef();
-    EXPECT_FALSE(channel->setStreamFormat(stream, 2, 16, 0));
-    EXPECT_EQ(channel->stream(), nullptr);
-    EXPECT_EQ(channel->BufferSize(), 0u);
+    EXPECT_FALSE(capture->setStreamFormat(stream, 2, 16, 0));
+    EXPECT_EQ(capture->stream(), nullptr);
+    EXPECT_EQ(capture->BufferSize(), 0u);
     stream->Release();
-    EXPECT_EQ(channel->Release(), 0u);
+    EXPECT_EQ(capture->Release(), 0u);
     EXPECT_TRUE(tracecap::containsLine("- MMEDMAEmulator::~MMEDMAEmulator"))
         << tracecap::dumpTrace();
 }

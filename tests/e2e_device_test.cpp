@@ -8,6 +8,7 @@
 // the device removed while streams run.
 #include "support/E2eRig.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -54,6 +55,7 @@ TEST(Directions, RenderAtAnotherRateIsRefusedAtStartWhileCaptureIsOpen) {
         EXPECT_EQ(render->state(), KSSTATE_PAUSE);
         EXPECT_TRUE(traced(
             "ERROR: RenderStream want to change the format while mpStreamCapture is open ?"));
+        EXPECT_TRUE(traced("SetFormat returned C000000D"));
         EXPECT_EQ(rig.model().settings().current.fr, 48000u);
         EXPECT_EQ(rig.model().callCount(USBCall_ChangeConfig), 0u);
 
@@ -103,14 +105,19 @@ TEST(Directions, IntersectionOffersOnlyTheRateOfAnOpenStream) {
 TEST(Directions, RenderAloneChangesTheRateAndCaptureThenFollowsIt) {
     Rig rig;
     auto out = rig.output();
+    rig.model().clearCalls();
     auto render = rig.open(false, 44100, 2, 24);
     ASSERT_TRUE(render);
     const auto sent = e2e::noise(2 * 3000, 24, 4);
     Pump pump(rig, render.get(), e2e::pack(sent, 24), nullptr);
-    pump.feed();
-    rig.model().clearCalls();
+    EXPECT_EQ(rig.model().callCount(USBCall_ChangeConfig), 0u) << "opening only records it";
+    hostk::clearCaptured();
     ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
     EXPECT_EQ(rig.model().settings().current.fr, 44100u);
+    for (const char* line :
+         {"format change seems to be allowed", "mMMEAdapter->changeConfig success",
+          "SamplingFrequency is now  44100", "SetFormat returned 00000000"})
+        EXPECT_TRUE(traced(line)) << line;
     auto calls = rig.model().calls();
     ASSERT_EQ(rig.model().callCount(USBCall_ChangeConfig), 1u);
     for (const auto& c : calls) {
@@ -122,6 +129,9 @@ TEST(Directions, RenderAloneChangesTheRateAndCaptureThenFollowsIt) {
     Played p = played(*out, 0, 2);
     EXPECT_EQ(p.sound, asPlayed(sent, 24));
     EXPECT_EQ(render->counters().glitches, 0u);
+    ASSERT_EQ(render->setState(KSSTATE_PAUSE), STATUS_SUCCESS);
+    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    EXPECT_EQ(rig.model().callCount(USBCall_ChangeConfig), 1u) << "the format is carried once";
 
     hostk::clearCaptured();
     auto capture48 = rig.open(true, 48000, 2, 24);
@@ -167,11 +177,11 @@ TEST(Directions, AStoppedStreamCarriesItsFormatAgainAfterTheOtherStarted) {
         rig.model().clearCalls();
         const auto sent = e2e::noise(2 * 2000, 16, 8);
         Pump pump(rig, render.get(), e2e::pack(sent, 16), capture.get());
-        pump.feed();
         const size_t before = out->frames();
         const uint64_t glitchesBefore = render->counters().glitches; // the empty first run's
         ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
         EXPECT_EQ(traced("!mbSetFormatCalled"), otherStarts);
+        EXPECT_EQ(traced("START STREAM : check other stream frequency"), otherStarts);
         // Either way the hardware is back at the render stream's eight outputs
         // (through its own format, or the adapter's check at the start).
         EXPECT_EQ(rig.model().settings().current.outCH, 8u);
@@ -204,6 +214,14 @@ TEST(States, StartingWalksUpAndClosingWalksBackThroughEveryState) {
         for (int s = int(from) - 1; s >= 0; --s)
             down.push_back(s);
         EXPECT_EQ(statesTraced(), down);
+        const auto lines = hostk::capturedLines();
+        EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                                [](const std::string& l) {
+                                    return l.find("+ MMEDMAEmulator::Stop") != std::string::npos;
+                                }),
+                  from == KSSTATE_RUN ? 1 : 0)
+            << "the DMA channel stops only when the stream leaves run";
+        EXPECT_EQ(traced("WAVE STOP"), from != KSSTATE_STOP);
         EXPECT_EQ(render->setState(KSSTATE_RUN), STATUS_INVALID_DEVICE_STATE)
             << "a closed pin takes no more states";
         EXPECT_TRUE(rig.directionFree(false));
@@ -220,7 +238,6 @@ TEST(States, RepeatedStopAndStartPlayEachRunFromItsFirstFrame) {
         SCOPED_TRACE("run " + std::to_string(run));
         const auto sent = e2e::noise(2 * 4000, 16, 100 + run);
         Pump pump(rig, render.get(), e2e::pack(sent, 16), nullptr);
-        pump.feed();
         ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
         EXPECT_EQ(render->positionFrames(), 0u) << "a stopped stream starts from 0";
         // Stopped part way, at a different place in the cyclic buffer each time.
@@ -248,7 +265,6 @@ TEST(States, PauseAndResumeLoseNothingAndRepeatNothing) {
     const size_t frames = 40 * 256 + 100;
     const auto sent = e2e::noise(2 * frames, 24, 21);
     Pump pump(rig, render.get(), e2e::pack(sent, 24), nullptr);
-    pump.feed();
     ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
     for (int cycle = 0; cycle < 5; ++cycle) {
         SCOPED_TRACE("cycle " + std::to_string(cycle));
@@ -283,7 +299,6 @@ TEST(Asio, StreamsPauseWhileItHoldsTheDeviceAndResumeThroughTheAttachTimer) {
     ASSERT_TRUE(render && capture);
     const auto sent = e2e::noise(2 * 100 * 256, 16, 31);
     Pump pump(rig, render.get(), e2e::pack(sent, 16), capture.get());
-    pump.feed();
     ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
     ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
     pump.periods(20);
@@ -322,7 +337,6 @@ TEST(Asio, ReturningWithinTheSecondCancelsTheTimedStart) {
     auto render = rig.open(false, 48000, 2, 16);
     ASSERT_TRUE(render);
     Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 48000, 16, 2), 16), nullptr);
-    pump.feed();
     ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
     pump.periods(5);
     rig.model().asioAttach();
@@ -381,10 +395,14 @@ TEST(UsbDriver, ADigitalLockAllowsOnlyItsRate) {
     Rig rig;
     rig.model().setDigitalLock(44100);
     hostk::clearCaptured();
+    const size_t blocks = hostk::poolStats().liveBlocks;
     NTSTATUS status = STATUS_SUCCESS;
     EXPECT_EQ(rig.open(true, 48000, 2, 24, &status), nullptr);
     EXPECT_EQ(status, STATUS_NOT_SUPPORTED);
-    EXPECT_TRUE(traced("samplerate not allowed requested/digital"));
+    EXPECT_TRUE(traced("doValidateFormat: validate digital lock frequency 44100"));
+    EXPECT_TRUE(traced("samplerate not allowed requested/digital 48000 44100"));
+    EXPECT_FALSE(traced("+ MMEWaveStream::MMEWaveStream")) << "refused before any stream";
+    EXPECT_EQ(hostk::poolStats().liveBlocks, blocks);
     auto capture = rig.open(true, 44100, 2, 24);
     ASSERT_TRUE(capture);
     EXPECT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
@@ -427,7 +445,6 @@ TEST(Removal, WhileStreamsRunEverythingIsReleased) {
     auto render = rig.open(false, 48000, 2, 16);
     ASSERT_TRUE(capture && render);
     Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 20000, 16, 6), 16), capture.get());
-    pump.feed();
     ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
     ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
     pump.periods(20);

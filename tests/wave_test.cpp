@@ -1,10 +1,10 @@
-// The wave miniport and its streams. The miniport: interfaces, Init with its
-// unwinding, GetDescription, NewStream's refusals in order and its
-// references, the rate rule between the directions in onSetFormat and the
-// running report. The stream: notification interval and framing, positions,
-// silence, the state machine carrying the format to the hardware, SetFormat
-// and Init with their refusals and the DMA channel's shape, and the
-// teardown when the port lets go.
+// The wave miniport and its streams, below what the end-to-end suites show:
+// interfaces, Init with its unwinding, GetDescription, NewStream's refusals
+// and references, onSetFormat's channel request, the running report, the
+// notification interval, positions, SetFormat and Init with their refusals
+// and the DMA channel's shape, and the teardown when the port lets go. (The
+// rate rule between the directions, the format carried at the start and the
+// DMA stop on leaving run: e2e_device_test.)
 #include "driver/wave/MMEWave.h"
 #include "driver/wave/MMEWaveStream.h"
 #include "support/DeviceInfoBuilder.h"
@@ -201,71 +201,6 @@ TEST_F(Wave, NewStreamHandsOutCountedReferencesOncePerDirection) {
     EXPECT_EQ(refs(captureDma), dmaBefore);
 }
 
-TEST_F(Wave, RefusalsBeforeAnyStreamObjectOrWithItsInit) {
-    // A switched-off direction refuses every format (the other still streams:
-    // bad_input_test).
-    stack.usb.settings().current.inCH = 0;
-    for (const FormatDesc& desc :
-         {FormatDesc{48000, 2, 16}, FormatDesc{48000, 3, 16}, FormatDesc{44100, 8, 24}}) {
-        tracecap::clearTrace();
-        EXPECT_EQ(open(true, desc), nullptr);
-        EXPECT_EQ(status, STATUS_NOT_SUPPORTED);
-        EXPECT_TRUE(tracecap::containsLine("MME DISABLED INPUT"));
-    }
-    stack.usb.settings().current.inCH = 8;
-
-    // A format larger than the stream keeps: its Init refuses, the slot stays free.
-    FormatDesc big{48000, 2, 16};
-    big.formatSize = MME_MAX_FORMAT_SIZE + 1;
-    tracecap::clearTrace();
-    EXPECT_EQ(open(true, big), nullptr);
-    EXPECT_EQ(status, STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(tracecap::countLinesStartingWith("+ DESTRUCTOR MMEWaveStream::~MMEWaveStream"), 1u);
-    EXPECT_EQ(stack.wave->captureStream(), nullptr);
-    EXPECT_NE(open(true, {48000, 2, 16}), nullptr);
-
-    // A digital lock refuses other rates before anything is allocated.
-    stack.usb.setDigitalLock(48000);
-    const size_t blocks = hostk::poolStats().liveBlocks;
-    tracecap::clearTrace();
-    EXPECT_EQ(open(false, {44100, 2, 16}), nullptr);
-    EXPECT_EQ(status, STATUS_NOT_SUPPORTED);
-    EXPECT_TRUE(tracecap::containsLine("doValidateFormat: validate digital lock frequency 48000"));
-    EXPECT_TRUE(tracecap::containsLine("samplerate not allowed requested/digital 44100 48000"));
-    EXPECT_FALSE(tracecap::containsLineStartingWith("+ MMEWaveStream::MMEWaveStream"));
-    EXPECT_EQ(hostk::poolStats().liveBlocks, blocks);
-    EXPECT_NE(open(false, {48000, 2, 16}), nullptr);
-}
-
-TEST_F(Wave, OnSetFormatKeepsOneRateForBothDirections) {
-    MMEWaveStream* capture = open(true, {48000, 2, 16});
-    // Opened with another rate: created all the same (its Init ignores the refusal).
-    MMEWaveStream* render = open(false, {44100, 2, 16});
-    ASSERT_TRUE(capture && render);
-    const WAVEFORMATEX* at48 = wavetest::waveOf(formats[0]);
-    const WAVEFORMATEX* at44 = wavetest::waveOf(formats[1]);
-    KSDATARANGE_AUDIO range = hostpc::clientRange(8, 16, 24, 44100, 44100);
-
-    tracecap::clearTrace();
-    EXPECT_EQ(stack.wave->onSetFormat(render, at44, &range, false), STATUS_INVALID_PARAMETER);
-    EXPECT_TRUE(tracecap::containsLine(
-        "ERROR: RenderStream want to change the format while mpStreamCapture is open ?"));
-    EXPECT_EQ(stack.wave->onSetFormat(capture, at44, &range, false), STATUS_INVALID_PARAMETER);
-    EXPECT_TRUE(tracecap::containsLine(
-        "ERROR: Capture Stream want to change the format while mpStreamRender is open ?"));
-
-    tracecap::clearTrace();
-    EXPECT_EQ(stack.wave->onSetFormat(render, at48, &range, true), STATUS_SUCCESS);
-    EXPECT_TRUE(tracecap::containsLine("format change seems to be allowed"));
-    EXPECT_TRUE(tracecap::containsLine("mMMEAdapter->changeConfig success"));
-    EXPECT_TRUE(tracecap::containsLine("SamplingFrequency is now  48000"));
-
-    // With the render stream gone, the capture stream may move the rate.
-    stack.closeStream(render);
-    EXPECT_EQ(stack.wave->onSetFormat(capture, at44, &range, true), STATUS_SUCCESS);
-    EXPECT_EQ(stack.usb.settings().current.fr, 44100u);
-}
-
 TEST_F(Wave, OnSetFormatAsksForTheRangesChannelCount) {
     MMEWaveStream* s = open(true, {48000, 2, 16});
     ASSERT_NE(s, nullptr);
@@ -384,7 +319,7 @@ TEST_F(Wave, NormalizePhysicalPosition) {
     EXPECT_EQ(s->NormalizePhysicalPosition(nullptr), STATUS_INVALID_PARAMETER);
 }
 
-TEST_F(Wave, StreamInterfacesPositionAndSilence) {
+TEST_F(Wave, StreamInterfacesSettingsAndRefusedArguments) {
     MMEWaveStream* s = open(false, {48000, 2, 16});
     ASSERT_NE(s, nullptr);
     IMiniportWaveCyclicStream* self = s;
@@ -395,121 +330,8 @@ TEST_F(Wave, StreamInterfacesPositionAndSilence) {
     EXPECT_EQ(settings, stack.adapter->linkInfo().mcAttachChannels);
     EXPECT_FALSE(s->getAdapterSettings(nullptr));
 
-    MMEDMAEmulator* dma = s->dmaChannel();
-    ASSERT_EQ(dma->BufferSize(), 16384u);
-    dma->Start(1024, TRUE);
-    ULONG position = 0;
-    EXPECT_EQ(s->GetPosition(&position), STATUS_SUCCESS);
-    EXPECT_EQ(position, 1024u);
     EXPECT_EQ(s->GetPosition(nullptr), STATUS_INVALID_PARAMETER);
     EXPECT_TRUE(tracecap::containsLine("MMEWaveStream::GetPosition Position is NULL"));
-
-    UCHAR* buffer = static_cast<UCHAR*>(dma->SystemAddress());
-    std::memset(buffer, 0x55, dma->BufferSize());
-    s->Silence(buffer + 16, 32);
-    EXPECT_EQ(buffer[15], 0x55);
-    EXPECT_EQ(buffer[16], 0);
-    EXPECT_EQ(buffer[47], 0);
-    EXPECT_EQ(buffer[48], 0x55);
-    s->Silence(buffer, dma->BufferSize() + 1); // more than the buffer: nothing
-    EXPECT_EQ(buffer[0], 0x55);
-}
-
-TEST_F(Wave, RunCarriesTheFormatOnceAndNoChangeWhileRunning) {
-    MMEWaveStream* s = open(false, {44100, 2, 16}); // the hardware runs at 48000 Hz
-    ASSERT_NE(s, nullptr);
-    EXPECT_EQ(stack.usb.callCount(USBCall_ChangeConfig), 0u); // Init only records it
-    EXPECT_FALSE(s->setFormatCalled());
-
-    tracecap::clearTrace();
-    ASSERT_EQ(s->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    EXPECT_EQ(s->state(), KSSTATE_RUN);
-    EXPECT_TRUE(s->setFormatCalled());
-    EXPECT_TRUE(s->isRunning());
-    EXPECT_TRUE(stack.adapter->isWaveRunning());
-    EXPECT_EQ(stack.usb.callCount(USBCall_ChangeConfig), 1u);
-    EXPECT_EQ(stack.usb.settings().current.fr, 44100u);
-    EXPECT_TRUE(tracecap::containsLine("!mbSetFormatCalled"));
-    EXPECT_TRUE(tracecap::containsLine("SetFormat returned 00000000"));
-
-    EXPECT_EQ(s->SetState(KSSTATE_RUN), STATUS_SUCCESS); // same state: nothing
-    ASSERT_EQ(s->SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
-    EXPECT_FALSE(s->isRunning());
-    ASSERT_EQ(s->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    EXPECT_EQ(tracecap::countLines("!mbSetFormatCalled"), 1u);
-    EXPECT_EQ(stack.usb.callCount(USBCall_ChangeConfig), 1u);
-
-    std::vector<UCHAR> saved(formats[0]), other24 = makeFormat({44100, 2, 24});
-    EXPECT_EQ(s->SetFormat(asFormat(other24)), STATUS_INVALID_DEVICE_REQUEST);
-    EXPECT_EQ(s->sampleSize(), 4u);
-    EXPECT_EQ(std::memcmp(s->dataFormat(), saved.data(), saved.size()), 0);
-    EXPECT_EQ(s->dmaChannel()->wdmBits(), 16u);
-}
-
-TEST_F(Wave, OtherStreamsStartMarksAStoppedStream) {
-    MMEWaveStream* s = open(false, {44100, 2, 16});
-    ASSERT_NE(s, nullptr);
-    ASSERT_EQ(s->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    ASSERT_EQ(s->SetState(KSSTATE_STOP), STATUS_SUCCESS);
-    EXPECT_FALSE(stack.adapter->isWaveRunning());
-
-    MMEWaveStream* other = open(true, {44100, 2, 24});
-    ASSERT_NE(other, nullptr);
-    tracecap::clearTrace();
-    ASSERT_EQ(other->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    EXPECT_TRUE(tracecap::containsLine(
-        "START STREAM : other stream is not running -> allow change but mark other for reconfig"));
-    EXPECT_FALSE(s->setFormatCalled());
-
-    tracecap::clearTrace();
-    ASSERT_EQ(s->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    EXPECT_TRUE(tracecap::containsLine("START STREAM : check other stream frequency"));
-    EXPECT_TRUE(tracecap::containsLine("!mbSetFormatCalled"));
-    EXPECT_TRUE(s->setFormatCalled());
-    // A running stream is not marked by the other's start.
-    ASSERT_EQ(other->SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
-    ASSERT_EQ(other->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    EXPECT_TRUE(s->setFormatCalled());
-}
-
-TEST_F(Wave, FailedStartKeepsTheState) {
-    MMEWaveStream* capture = open(true, {48000, 2, 16});
-    MMEWaveStream* render = open(false, {44100, 2, 16}); // created, but its rate conflicts
-    ASSERT_TRUE(capture && render);
-    EXPECT_EQ(render->dmaChannel()->wdmChannels(), 2u); // shaped all the same
-
-    tracecap::clearTrace();
-    EXPECT_EQ(render->SetState(KSSTATE_RUN), STATUS_INVALID_PARAMETER);
-    EXPECT_TRUE(tracecap::containsLine("SetFormat returned C000000D"));
-    EXPECT_EQ(render->state(), KSSTATE_STOP);
-    EXPECT_FALSE(render->setFormatCalled());
-    EXPECT_FALSE(render->isRunning());
-    EXPECT_FALSE(stack.adapter->isWaveRunning());
-    EXPECT_EQ(stack.usb.callCount(USBCall_ChangeConfig), 0u);
-
-    // The USB driver refusing the change fails the start the same way.
-    stack.closeStream(capture);
-    stack.usb.setAnswer(USBCall_ChangeConfig, STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(render->SetState(KSSTATE_RUN), STATUS_INVALID_DEVICE_STATE);
-    EXPECT_EQ(render->state(), KSSTATE_STOP);
-    stack.usb.clearAnswers();
-    EXPECT_EQ(render->SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    EXPECT_EQ(stack.usb.settings().current.fr, 44100u);
-}
-
-TEST_F(Wave, DmaStoppedOnlyWhenLeavingRun) {
-    MMEWaveStream* s = open(true, {48000, 2, 16});
-    ASSERT_NE(s, nullptr);
-    const std::string stop = "+ MMEDMAEmulator::Stop";
-    for (KSSTATE state : {KSSTATE_ACQUIRE, KSSTATE_PAUSE, KSSTATE_RUN})
-        ASSERT_EQ(s->SetState(state), STATUS_SUCCESS);
-    tracecap::clearTrace();
-    ASSERT_EQ(s->SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
-    EXPECT_EQ(tracecap::countLinesStartingWith(stop), 1u);
-    ASSERT_EQ(s->SetState(KSSTATE_ACQUIRE), STATUS_SUCCESS);
-    ASSERT_EQ(s->SetState(KSSTATE_STOP), STATUS_SUCCESS);
-    EXPECT_EQ(tracecap::countLinesStartingWith(stop), 1u);
-    EXPECT_TRUE(tracecap::containsLine("WAVE STOP"));
     EXPECT_EQ(s->SetState(static_cast<KSSTATE>(7)), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(s->state(), KSSTATE_STOP);
 }
@@ -547,6 +369,13 @@ TEST_F(Wave, RefusedFormatStillShapesTheDmaChannel) {
 }
 
 TEST_F(Wave, FormatSizesOutsideTheStoreRefusedBySetFormatAndInit) {
+    FormatDesc big{48000, 2, 16};
+    big.formatSize = MME_MAX_FORMAT_SIZE + 1;
+    tracecap::clearTrace();
+    EXPECT_EQ(open(true, big), nullptr); // its Init refuses; the slot stays free
+    EXPECT_EQ(status, STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(tracecap::countLinesStartingWith("+ DESTRUCTOR MMEWaveStream::~MMEWaveStream"), 1u);
+    EXPECT_EQ(stack.wave->captureStream(), nullptr);
     MMEWaveStream* s = open(true, {48000, 2, 16});
     ASSERT_NE(s, nullptr);
     FormatDesc full{48000, 6, 24}, over{48000, 6, 24}, small{48000, 6, 24};

@@ -1,16 +1,8 @@
 // End-to-end rig (header only): the whole driver loaded on the host
 // port-class library above the model USB driver, seen by a kernel-streaming
-// client through hostpc::WaveFilter / KsStream, plus the PCM packing and the
-// conversion rules the tests check against, written out independently of
-// the driver's kernels.
-//
-//   e2e::Rig rig;                                      // default 8-in/8-out device
-//   auto render = rig.open(false, 48000, 2, 16);       // NewStream and friends
-//   render->write(...); render->setState(KSSTATE_RUN);
-//   rig.model.runPeriods(10);                          // virtual time
-//
-// Streams a test opens must be closed (or destroyed) before the rig goes;
-// the rig removes the device when it is destroyed.
+// client (hostpc::WaveFilter / KsStream); the rig removes the device when it
+// goes, so a test closes its streams first. Also the PCM packing and the
+// conversion rules, written out independently of the driver's kernels.
 #pragma once
 
 #include "host/portcls/KsClient.h"
@@ -79,12 +71,15 @@ public:
 };
 
 // Runs the model's periods in virtual time as a client would between them:
-// keeps a render stream fed from `signal` (end of stream marked once all of
-// it is queued) and reads a capture stream empty. Either may be null.
+// keeps a render stream fed from `signal` (queued as far as it fits from the
+// start; end of stream marked once all of it is) and reads a capture stream
+// empty. Either may be null.
 class Pump {
 public:
     Pump(Rig& rig, hostpc::KsStream* render, std::vector<uint8_t> signal, hostpc::KsStream* capture)
-        : mRig(rig), mRender(render), mSignal(std::move(signal)), mCapture(capture) {}
+        : mRig(rig), mRender(render), mSignal(std::move(signal)), mCapture(capture) {
+        feed();
+    }
 
     void feed() {
         if (!mRender)

@@ -1,14 +1,9 @@
-// Rigs for the wave layer (header only).
-//
-// LightRig: a wave miniport Init-bound to an adapter that was never started
-// and to a stand-in port; the test writes the link record itself, and no
-// stream can open (no DMA channels).
-//
-// StackRig: the whole driver started on the host port-class library and the
-// model USB driver; streams open through NewStream with the real DMA
-// channels. openStream() holds the references the port would and lets go of
-// them in closeStream() or the destructor; the model's period clock runs
-// only when a test runs it.
+// Rigs for the wave layer (header only). LightRig: a wave miniport bound to
+// an adapter that never started and to a stand-in port; the test writes the
+// link record and no stream can open. StackRig: the whole driver started on
+// the host port-class library and the model USB driver; streams open through
+// NewStream and the rig holds what the port would until closeStream(). The
+// model's period clock runs only when a test runs it.
 #pragma once
 
 #include "driver/adapter/MMEAdapter.h"
@@ -81,11 +76,6 @@ public:
     size_t notifies = 0;
     PSERVICEGROUP lastGroup = nullptr;
 };
-
-inline LONG refCount(IUnknown* object) {
-    object->AddRef();
-    return (LONG)object->Release();
-}
 
 class LightRig {
 public:
