@@ -1,10 +1,9 @@
-// The driver across threads, each race forced or provoked once (the tsan
-// preset runs these under ThreadSanitizer, the asan preset for use after
-// free): the adapter's USB call, timer and notifications against its
-// destruction; the whole stack with the model's real-time clock running
-// periods while clients open, run and close streams; stream slots taken
-// from two threads; and the period transfer while the port's side reshapes
-// and frees the channels.
+// The driver across threads, each race forced or provoked once (under
+// ThreadSanitizer in the tsan preset): the adapter's USB call, timer and
+// notifications against its destruction; the whole stack with the model's
+// real-time clock running while clients churn streams; stream slots taken
+// from two threads; the period transfer while the port's side reshapes and
+// frees the channels.
 #include "host/kernel/HostKernel.h"
 #include "support/AdapterHarness.h"
 #include "support/E2eRig.h"
@@ -60,18 +59,15 @@ struct SlowUsbDevice {
     SlowUsbDevice() {
         driver.MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = &dispatch;
         device = hostk::createDeviceObject(&driver, 1, 0);
-        current() = this;
+        current = this;
     }
     ~SlowUsbDevice() {
-        current() = nullptr;
+        current = nullptr;
         hostk::deleteDeviceObject(device);
     }
-    static SlowUsbDevice*& current() {
-        static SlowUsbDevice* device = nullptr;
-        return device;
-    }
+    static inline SlowUsbDevice* current = nullptr;
     static NTSTATUS NTAPI dispatch(PDEVICE_OBJECT, PIRP irp) {
-        SlowUsbDevice* self = current();
+        SlowUsbDevice* self = current;
         if (IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.IoControlCode ==
             self->holdCode)
             self->gate.arrive(&self->gate.held);
@@ -96,7 +92,6 @@ struct SlowUsbDevice {
 class ConcurrencyAdapter : public ::testing::Test {
 protected:
     void SetUp() override {
-        hostpc::resetForTest();
         // No subdevices: the tests need the adapter's request and channels only.
         hostpc::fail(hostpc::Op::NewPortTopology, STATUS_UNSUCCESSFUL);
         fdo = hostk::createDeviceObject(nullptr, 2, 0);
@@ -219,7 +214,6 @@ TEST_F(ConcurrencyAdapter, NotificationsAndStateQuestionsFromOtherThreads) {
 // while the device is removed: the wave miniport's teardown must wait for it
 // before it lets go of the port and the service group the callback uses.
 TEST(RemovalRace, PeriodCallbackInNotifyAgainstTheWaveMiniportsTeardown) {
-    hostpc::resetForTest();
     Gate gate;
     {
         e2e::Rig rig;

@@ -22,13 +22,6 @@ LARGE_INTEGER relative100ns(LONGLONG delay) {
     return due;
 }
 
-std::string joined(const std::vector<std::string>& texts) {
-    std::string all;
-    for (const auto& t : texts)
-        all += t + "\n";
-    return all;
-}
-
 // A timer with a DPC that counts its calls and notes the IRQL.
 struct TimerWithDpc {
     KTIMER timer;
@@ -109,7 +102,7 @@ TEST(KernelFormat, ArgumentsAreReadAndPrintedAsWindowsDoes) {
 void expectReport(const char* rule) {
     const std::vector<std::string> reports = hostk::verifierFailures();
     hostk::clearVerifierFailures();
-    ASSERT_EQ(reports.size(), 1u) << rule << "\n" << joined(reports);
+    ASSERT_EQ(reports.size(), 1u) << rule << "\n" << ::testing::PrintToString(reports);
     EXPECT_NE(reports[0].find(rule), std::string::npos) << reports[0];
     EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL) << rule;
 }
@@ -223,7 +216,7 @@ TEST(KernelVerifier, EachRuleReportsItsViolation) {
     EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
     KeReleaseSpinLock(&lock, old);
     EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
-    EXPECT_TRUE(hostk::verifierFailures().empty()) << joined(hostk::verifierFailures());
+    EXPECT_EQ(hostk::verifierFailures(), std::vector<std::string>());
 }
 
 // What a test leaves behind is named at its end, so it fails the test.

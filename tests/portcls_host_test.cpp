@@ -15,7 +15,7 @@
 namespace {
 
 // A miniport of either kind that holds its port, as the driver's do.
-template <class Interface> class FakeMiniport : public Interface {
+template <class Interface, class Port> class FakeMiniport : public Interface {
 public:
     virtual ~FakeMiniport() = default;
 
@@ -48,8 +48,7 @@ public:
         return STATUS_NOT_IMPLEMENTED;
     }
 
-    NTSTATUS initCommon(PUNKNOWN port) {
-        // Like the driver's miniports: hold the port.
+    STDMETHODIMP_(NTSTATUS) Init(PUNKNOWN, PRESOURCELIST, Port port) override {
         mPort = port;
         mPort->AddRef();
         return STATUS_SUCCESS;
@@ -62,12 +61,7 @@ public:
     PCPIN_DESCRIPTOR mPins[4] = {};
 };
 
-class FakeTopology : public FakeMiniport<IMiniportTopology> {
-public:
-    STDMETHODIMP_(NTSTATUS) Init(PUNKNOWN, PRESOURCELIST, PPORTTOPOLOGY port) override {
-        return initCommon(port);
-    }
-};
+using FakeTopology = FakeMiniport<IMiniportTopology, PPORTTOPOLOGY>;
 
 // A stream that is its own DMA channel, with a pool-backed cyclic buffer,
 // and the faults a driver could commit against the port.
@@ -133,7 +127,7 @@ public:
     bool mFreed = false; // freed behind the port, still reported as its buffer
 };
 
-class FakeWave : public FakeMiniport<IMiniportWaveCyclic> {
+class FakeWave : public FakeMiniport<IMiniportWaveCyclic, PPORTWAVECYCLIC> {
 public:
     FakeWave() {
         mPins[2].KsPinDescriptor.Communication = KSPIN_COMMUNICATION_SINK;
@@ -142,9 +136,6 @@ public:
     ~FakeWave() override {
         if (mGroup)
             mGroup->Release();
-    }
-    STDMETHODIMP_(NTSTATUS) Init(PUNKNOWN, PRESOURCELIST, PPORTWAVECYCLIC port) override {
-        return initCommon(port);
     }
     STDMETHODIMP_(NTSTATUS)
     NewStream(PMINIPORTWAVECYCLICSTREAM* stream, PUNKNOWN, POOL_TYPE, ULONG, BOOLEAN, PKSDATAFORMAT,

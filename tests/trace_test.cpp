@@ -1,8 +1,6 @@
-// The driver's trace output, line by line: every FunctionTrace and TraceLine
-// form, the indentation of nested operations, silent traces, the cap on deep
-// nesting, and several threads tracing at once:
-// lines whole, each with its own thread part and in its thread's order, the
-// depth shared between them.
+// The driver's trace output, line by line: every form, nesting and its cap,
+// silent traces, and threads tracing at once: lines whole, each with its own
+// thread part and in its thread's order, the depth shared between them.
 #include "driver/common/MMEAdapterInfo.h"
 #include "driver/common/Trace.h"
 #include "host/kernel/HostKernel.h"
@@ -20,21 +18,20 @@
 
 namespace {
 
-using tracecap::threadPrefix;
+using tracecap::traceBodies;
 using tracecap::traceLines;
 
 const void* const kObject = reinterpret_cast<const void*>(uintptr_t(0x561D2C3A9F10));
 const void* const kOther = reinterpret_cast<const void*>(uintptr_t(0xFFFF8001234ABCD0));
 
-// Expected lines with this thread's prefix in front of each body.
-std::vector<std::string> withPrefix(const std::vector<std::string>& bodies) {
-    std::vector<std::string> lines;
-    for (const auto& body : bodies)
-        lines.push_back(threadPrefix() + body);
-    return lines;
-}
-
+// Every FunctionTrace and TraceLine form; a line without this thread's
+// "MME: (<thread>) " prefix keeps it in its body and fails the comparison.
 TEST(TraceFunction, OpenValueAndCloseLinesOfEveryForm) {
+    // Memory order fr, inCH, outCH, inRes, outRes, config; printed otherwise.
+    const ChannelConfig config{48000, 2, 8, 24, 32, 7};
+    const GUID iidUnknown = {0x00000000, 0x0000, 0x0000, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
+    const GUID iidAdapter = {
+        0xD7C1562E, 0x8F69, 0x449B, {0x91, 0x44, 0x1B, 0x8B, 0x8F, 0x0E, 0x32, 0xC8}};
     {
         FunctionTrace trace("MMEAdapter::callUSBDriver", kObject);
         trace.text("call IoCallDriver");
@@ -50,8 +47,19 @@ TEST(TraceFunction, OpenValueAndCloseLinesOfEveryForm) {
     }
     { FunctionTrace trace("MMEAdapter::onTimer", ULONG(3)); }
     { FunctionTrace trace("MMEWave::NewStream", ULONG(0xBB00CC11)); }
-    EXPECT_EQ(traceLines(),
-              withPrefix({
+    TraceLine("MMEAdapter::start");
+    TraceLine("one", -7);
+    TraceLine("two", 0, 1);
+    TraceLine("three", 1, -2, 3);
+    TraceLineConfig("fr/inCH/inRes/outCH/outRes/config", config);
+    TraceLineStatus("status", STATUS_MORE_PROCESSING_REQUIRED);
+    TraceLineStatus("status", STATUS_SUCCESS);
+    TraceLinePointer("pointer", kOther);
+    TraceLinePointer("pointer", nullptr);
+    TraceLineGuid("Interface is", iidUnknown);
+    TraceLineGuid("Interface is", iidAdapter);
+    EXPECT_EQ(traceBodies(),
+              (std::vector<std::string>{
                   "+ MMEAdapter::callUSBDriver 0x0000561D2C3A9F10",
                   "  call IoCallDriver",
                   "  one -1",
@@ -68,6 +76,17 @@ TEST(TraceFunction, OpenValueAndCloseLinesOfEveryForm) {
                   "- MMEAdapter::onTimer",
                   "+ MMEWave::NewStream 0xBB00CC11",
                   "- MMEWave::NewStream",
+                  "MMEAdapter::start",
+                  "one -7",
+                  "two 0 1",
+                  "three 1 -2 3",
+                  "fr/inCH/inRes/outCH/outRes/config 48000 2 24 8 32 7",
+                  "status 0xC0000016",
+                  "status 0x0",
+                  "pointer 0xFFFF8001234ABCD0",
+                  "pointer 0x0000000000000000",
+                  "Interface is 0-0-0-C0-46000000",
+                  "Interface is D7C1562E-8F69-449B-8B1B4491-C8320E8F",
               }));
     EXPECT_EQ(TraceDepth(), 0);
 }
@@ -80,49 +99,41 @@ void innermost() {
     TraceLineStatus("failed", STATUS_INVALID_PARAMETER);
 }
 
-TEST(TraceFunction, EachLevelIsTwoBlanksDeeperAndSingleLinesAreNeverIndented) {
+// A null name is silent in every form and leaves the depth alone.
+TEST(TraceFunction, EachLevelIsTwoBlanksDeeperSingleLinesNeverAndSilentTracesNotAtAll) {
     {
         FunctionTrace outer("outer", nullptr);
         outer.text("x");
         {
+            FunctionTrace silent(nullptr, kObject);
+            silent.text("dropped");
+            silent.num("dropped", 1, 2, 3, 4, 5);
+            silent.pointers("dropped", kObject, kOther);
+            silent.hex("dropped", 1, 2);
             FunctionTrace middle("middle", ULONG(2));
+            FunctionTrace alsoSilent(nullptr, ULONG(5));
+            EXPECT_EQ(TraceDepth(), 2);
             innermost();
             middle.text("after inner");
         }
         { FunctionTrace sibling("sibling", ULONG(4)); }
     }
-    EXPECT_EQ(traceLines(), withPrefix({
-                                "+ outer 0x0000000000000000",
-                                "  x",
-                                "  + middle 0x00000002",
-                                "    + inner 0x00000003",
-                                "      deep 9",
-                                "event",
-                                "failed 0xC000000D",
-                                "    - inner",
-                                "    after inner",
-                                "  - middle",
-                                "  + sibling 0x00000004",
-                                "  - sibling",
-                                "- outer",
-                            }));
-}
-
-TEST(TraceFunction, NullNameIsSilentAndLeavesTheDepthAlone) {
-    {
-        FunctionTrace silent(nullptr, kObject);
-        EXPECT_EQ(TraceDepth(), 0);
-        silent.text("dropped");
-        silent.num("dropped", 1, 2, 3, 4, 5);
-        silent.pointers("dropped", kObject, kOther);
-        silent.hex("dropped", 1, 2);
-        FunctionTrace visible("visible", ULONG(0));
-        visible.text("value");
-        FunctionTrace alsoSilent(nullptr, ULONG(5));
-        EXPECT_EQ(TraceDepth(), 1);
-    }
     EXPECT_EQ(TraceDepth(), 0);
-    EXPECT_EQ(traceLines(), withPrefix({"+ visible 0x00000000", "  value", "- visible"}));
+    EXPECT_EQ(traceBodies(), (std::vector<std::string>{
+                                 "+ outer 0x0000000000000000",
+                                 "  x",
+                                 "  + middle 0x00000002",
+                                 "    + inner 0x00000003",
+                                 "      deep 9",
+                                 "event",
+                                 "failed 0xC000000D",
+                                 "    - inner",
+                                 "    after inner",
+                                 "  - middle",
+                                 "  + sibling 0x00000004",
+                                 "  - sibling",
+                                 "- outer",
+                             }));
 }
 
 void nest(int levels, int& reached) {
@@ -159,67 +170,7 @@ TEST(TraceFunction, NestingBeyond127LevelsIsCappedAndUnwindsCleanly) {
     }
 }
 
-TEST(TraceLineForms, EveryFormPrintsItsGoldenLine) {
-    // Memory order fr, inCH, outCH, inRes, outRes, config; printed otherwise.
-    const ChannelConfig config{48000, 2, 8, 24, 32, 7};
-    const GUID iidUnknown = {0x00000000, 0x0000, 0x0000, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
-    const GUID iidAdapter = {
-        0xD7C1562E, 0x8F69, 0x449B, {0x91, 0x44, 0x1B, 0x8B, 0x8F, 0x0E, 0x32, 0xC8}};
-
-    TraceLine("MMEAdapter::start");
-    TraceLine("one", -7);
-    TraceLine("two", 0, 1);
-    TraceLine("three", 1, -2, 3);
-    TraceLineConfig("fr/inCH/inRes/outCH/outRes/config", config);
-    TraceLineStatus("status", STATUS_MORE_PROCESSING_REQUIRED);
-    TraceLineStatus("status", STATUS_SUCCESS);
-    TraceLinePointer("pointer", kOther);
-    TraceLinePointer("pointer", nullptr);
-    TraceLineGuid("Interface is", iidUnknown);
-    TraceLineGuid("Interface is", iidAdapter);
-
-    EXPECT_EQ(traceLines(), withPrefix({
-                                "MMEAdapter::start",
-                                "one -7",
-                                "two 0 1",
-                                "three 1 -2 3",
-                                "fr/inCH/inRes/outCH/outRes/config 48000 2 24 8 32 7",
-                                "status 0xC0000016",
-                                "status 0x0",
-                                "pointer 0xFFFF8001234ABCD0",
-                                "pointer 0x0000000000000000",
-                                "Interface is 0-0-0-C0-46000000",
-                                "Interface is D7C1562E-8F69-449B-8B1B4491-C8320E8F",
-                            }));
-}
-
 // ---- Several threads at once (under ThreadSanitizer too) ----
-
-// Spins until all parties have arrived, so that their tracing overlaps.
-void arriveAndWait(std::atomic<int>& arrived, int parties) {
-    ++arrived;
-    while (arrived < parties)
-        std::this_thread::yield();
-}
-
-void tracedWork(int thread, int iteration) {
-    FunctionTrace outer("worker", ULONG(thread));
-    outer.num("iteration", thread, iteration);
-    TraceLine("single", thread, iteration);
-}
-
-std::vector<std::string> expectedMessages(int thread, int iterations) {
-    char open[32];
-    std::snprintf(open, sizeof open, "+ worker 0x%08X", unsigned(thread));
-    std::vector<std::string> messages;
-    for (int i = 0; i < iterations; ++i) {
-        const std::string pair = std::to_string(thread) + " " + std::to_string(i);
-        for (std::string m :
-             {std::string(open), "iteration " + pair, "single " + pair, std::string("- worker")})
-            messages.push_back(m);
-    }
-    return messages;
-}
 
 TEST(TraceConcurrency, ThreadsTracingAtOnceKeepLinesWholeAndInOrder) {
     constexpr int kThreads = 6;
@@ -230,9 +181,13 @@ TEST(TraceConcurrency, ThreadsTracingAtOnceKeepLinesWholeAndInOrder) {
     for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([&, t] {
             ids[t] = tracecap::kernelPointer(KeGetCurrentThread());
-            arriveAndWait(arrived, kThreads);
-            for (int i = 0; i < kIterations; ++i)
-                tracedWork(t, i);
+            for (++arrived; arrived < kThreads;) // start together, so the tracing overlaps
+                std::this_thread::yield();
+            for (int i = 0; i < kIterations; ++i) {
+                FunctionTrace outer("worker", ULONG(t));
+                outer.num("iteration", t, i);
+                TraceLine("single", t, i);
+            }
         });
     for (auto& thread : threads)
         thread.join();
@@ -257,8 +212,17 @@ TEST(TraceConcurrency, ThreadsTracingAtOnceKeepLinesWholeAndInOrder) {
         }
         perThread[owner->second].push_back(message);
     }
-    for (int t = 0; t < kThreads; ++t)
-        EXPECT_EQ(perThread[t], expectedMessages(t, kIterations)) << "thread " << t;
+    for (int t = 0; t < kThreads; ++t) {
+        char open[32];
+        std::snprintf(open, sizeof open, "+ worker 0x%08X", unsigned(t));
+        std::vector<std::string> expected;
+        for (int i = 0; i < kIterations; ++i) {
+            const std::string pair = std::to_string(t) + " " + std::to_string(i);
+            expected.insert(expected.end(),
+                            {open, "iteration " + pair, "single " + pair, "- worker"});
+        }
+        EXPECT_EQ(perThread[t], expected) << "thread " << t;
+    }
 }
 
 TEST(TraceConcurrency, DepthIsSharedSoOtherThreadsLinesShowIt) {
@@ -278,9 +242,8 @@ TEST(TraceConcurrency, DepthIsSharedSoOtherThreadsLinesShowIt) {
     stage = 2;
     holder.join();
     EXPECT_EQ(TraceDepth(), 0);
-    EXPECT_EQ(tracecap::traceBodies(),
-              (std::vector<std::string>{"+ holder 0x00000001", "  + mine 0x00000002", "    value",
-                                        "  - mine", "- holder"}));
+    EXPECT_EQ(traceBodies(), (std::vector<std::string>{"+ holder 0x00000001", "  + mine 0x00000002",
+                                                       "    value", "  - mine", "- holder"}));
 }
 
 } // namespace

@@ -99,10 +99,6 @@ inline std::string kernelPointer(const void* p) {
     std::snprintf(buffer, sizeof buffer, "%016llX", (unsigned long long)(uintptr_t)p);
     return buffer;
 }
-// "MME: (<current thread>) ", the prefix of lines this thread prints.
-inline std::string threadPrefix() {
-    return "MME: (" + kernelPointer(KeGetCurrentThread()) + ") ";
-}
 // All captured lines, one per line, for failure messages.
 inline std::string dumpTrace() {
     std::string text;
