@@ -238,7 +238,11 @@ TEST(KernelClean, WhatATestLeavesBehindIsReported) {
     EXPECT_TRUE(KeCancelTimer(&t.timer));
     PDEVICE_OBJECT device = hostk::createDeviceObject(nullptr, 1, 0);
     expectNamed("never deleted");
+    ObfReferenceObject(device);
     hostk::deleteDeviceObject(device);
+    expectNamed("deleted but still referenced 1 time(s)");
+    ObfDereferenceObject(device);
+    EXPECT_EQ(hostk::liveDeviceObjects(), 0u);
     PIRP irp = IoAllocateIrp(1, FALSE);
     expectNamed("never freed");
     IoFreeIrp(irp);
@@ -253,13 +257,6 @@ TEST(KernelClean, WhatATestLeavesBehindIsReported) {
     EXPECT_EQ(hostk::checkClean(), "");
 }
 
-TEST(KernelRefusals, WhatTheKernelRefuses) {
-    hostk::DriverObjectBlock block;
-    EXPECT_EQ(ExAllocatePoolWithTag(NonPagedPool, SIZE_MAX / 2, kTag), nullptr);
-    EXPECT_EQ(IoAllocateIrp(0, FALSE), nullptr);
-    EXPECT_EQ(hostk::createDeviceObject(hostk::initDriverObject(block), 0, 0), nullptr);
-}
-
 NTSTATUS NTAPI leaveIrp(PDEVICE_OBJECT, PIRP) {
     return STATUS_SUCCESS;
 }
@@ -268,9 +265,12 @@ NTSTATUS NTAPI keepIrp(PDEVICE_OBJECT, PIRP, PVOID) {
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
-TEST(KernelIrp, MisuseIsReported) {
+TEST(KernelIrp, RefusalsAndMisuseAreReported) {
     hostk::DriverObjectBlock block;
     PDRIVER_OBJECT driver = hostk::initDriverObject(block);
+    EXPECT_EQ(ExAllocatePoolWithTag(NonPagedPool, SIZE_MAX / 2, kTag), nullptr);
+    EXPECT_EQ(IoAllocateIrp(0, FALSE), nullptr);
+    EXPECT_EQ(hostk::createDeviceObject(driver, 0, 0), nullptr);
     driver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = leaveIrp;
     PDEVICE_OBJECT lower = hostk::createDeviceObject(driver, 1, 0);
     PIRP irp = IoAllocateIrp(1, FALSE);
