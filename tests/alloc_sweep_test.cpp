@@ -5,17 +5,11 @@
 // one failing: every run must leave nothing behind, report no assertion or
 // verifier failure, and show the failure as the driver (or the port-class
 // library) reports it.
-#include "driver/adapter/MMEAdapter.h"
-#include "driver/entry/adapter.h"
 #include "driver/streaming/MMEDMAEmulator.h"
-#include "driver/topology/MMETopology.h"
-#include "driver/wave/MMEWave.h"
 #include "driver/wave/MMEWaveStream.h"
-#include "host/kernel/HostKernel.h"
-#include "host/portcls/HostPortCls.h"
 #include "host/portcls/KsClient.h"
+#include "support/AdapterHarness.h"
 #include "support/TraceCapture.h"
-#include "usbsim/UsbDriverModel.h"
 
 #include <gtest/gtest.h>
 
