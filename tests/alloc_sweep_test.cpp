@@ -261,10 +261,6 @@ std::vector<Role> rolesOf(const std::vector<Allocation>& allocations, bool bySiz
     return roles;
 }
 
-bool isCapture(size_t slot) {
-    return slot == kCapture || slot == kCapture2;
-}
-
 // The failure shows the way the driver reports it, and the rest of the life goes on.
 void expectReported(const Life& life, const Role& role) {
     const NTSTATUS noMemory = STATUS_INSUFFICIENT_RESOURCES;
@@ -326,8 +322,9 @@ void expectReported(const Life& life, const Role& role) {
         EXPECT_TRUE(life.topologyRegistered && life.waveRegistered);
         const bool capture = is({"capture DMA channel"});
         for (size_t s : all)
-            EXPECT_EQ(life.open[s],
-                      isCapture(s) == capture ? STATUS_INVALID_DEVICE_REQUEST : STATUS_SUCCESS)
+            EXPECT_EQ(life.open[s], (s == kCapture || s == kCapture2) == capture
+                                        ? STATUS_INVALID_DEVICE_REQUEST
+                                        : STATUS_SUCCESS)
                 << "stream " << s;
     } else if (is({"pin", "stream", "stream buffer"})) {
         // A channel left without buffers: the port, which takes the cyclic
