@@ -57,19 +57,6 @@ struct Life {
 
 enum : size_t { kCapture = 0, kRender = 1, kCapture2 = 2, kRender2 = 3 };
 
-MMEAdapter* adapterOf(PDEVICE_OBJECT fdo) {
-    for (const char16_t* name : {u"Wave", u"Topology"}) {
-        PUNKNOWN port = fdo ? hostpc::subdevice(fdo, name) : nullptr;
-        PUNKNOWN miniport = port ? hostpc::portState(port).miniport : nullptr;
-        if (!miniport)
-            continue;
-        if (name[0] == u'W')
-            return static_cast<MMEWave*>(static_cast<IMiniportWaveCyclic*>(miniport))->adapter();
-        return static_cast<MMETopology*>(static_cast<IMiniportTopology*>(miniport))->adapter();
-    }
-    return nullptr;
-}
-
 // Opens a stream, runs it for a while, and notes what moved.
 std::unique_ptr<hostpc::KsStream> openAndRun(hostpc::WaveFilter& filter, Life& life, size_t slot,
                                              bool capture, ULONG rate, USHORT channels,
@@ -102,7 +89,10 @@ void live(Life& life, usbsim::UsbDriverModel& model) {
     life.registers = model.callCount(USBCall_Register);
     life.adapterStarted = model.callCount(USBCall_AdapterStarted);
     life.startUnregisters = model.callCount(USBCall_Unregister);
-    if (MMEAdapter* adapter = loader.runsImage() ? nullptr : adapterOf(fdo)) {
+    // Where the failure lets the start succeed, the wave miniport holds the adapter.
+    if (PUNKNOWN wave = wavePort && life.linked ? hostpc::portState(wavePort).miniport : nullptr) {
+        MMEAdapter* adapter =
+            static_cast<MMEWave*>(static_cast<IMiniportWaveCyclic*>(wave))->adapter();
         life.inspected = true;
         life.timer = adapter->attachTimer() != nullptr;
         life.request = adapter->callIrp() != nullptr;

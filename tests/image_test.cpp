@@ -104,7 +104,7 @@ protected:
     Bytes file;
 };
 
-TEST_F(ImageLoader, MapsTheShippedDriverWithSectionProtectionsAndRelocatesEachCopy) {
+TEST_F(ImageLoader, MapsTheDriverWithSectionProtectionsRelocatesEachCopyAndRefusesDamagedOnes) {
     std::string error;
     auto image = load(file, &error);
     ASSERT_TRUE(image) << error;
@@ -130,9 +130,8 @@ TEST_F(ImageLoader, MapsTheShippedDriverWithSectionProtectionsAndRelocatesEachCo
     EXPECT_FALSE(
         hostimg::LoadedImage::loadFile("/nonexistent/x.sys", &hostimg::hostExport, &error));
     EXPECT_EQ(error, "/nonexistent/x.sys: cannot open");
-}
 
-TEST_F(ImageLoader, RefusesDamagedCopiesWithTheirReason) {
+    // Damaged copies are refused with their reason.
     const struct {
         const char* what;
         std::function<void(Bytes&, const Pe&)> apply;
@@ -182,7 +181,7 @@ TEST_F(ImageLoader, RefusesDamagedCopiesWithTheirReason) {
     for (const auto& d : damages) {
         Bytes copy = file;
         d.apply(copy, Pe{copy});
-        std::string error;
+        error.clear();
         EXPECT_FALSE(load(copy, &error)) << d.what;
         EXPECT_NE(error.find(d.reason), std::string::npos)
             << d.what << ": \"" << error << "\" lacks \"" << d.reason << "\"";
