@@ -6,15 +6,8 @@
 // nowhere (MME_FUZZ_TRACE=1: to stderr), but is still formatted.
 #pragma once
 
-#include "driver/streaming/MMEDMAEmulator.h"
-#include "driver/wave/MMEWave.h"
-#include "driver/wave/MMEWaveStream.h"
-#include "host/kernel/HostKernel.h"
-#include "host/portcls/HostPortCls.h"
-#include "host/portcls/KsClient.h"
 #include "support/AdapterHarness.h"
-#include "support/WaveRig.h"
-#include "usbsim/UsbDriverModel.h"
+#include "support/WaveRig.h" // the driver's wave objects, the host kernel and port-class library
 
 #include <cstdio>
 #include <cstdlib>

@@ -9,7 +9,6 @@
 
 #include "driver/wave/DeviceFormat.h"
 #include "driver/wave/DeviceLists.h"
-#include "tests/support/WaveRig.h"
 
 #include <memory>
 #include <set>
@@ -18,17 +17,16 @@ namespace {
 
 using fuzzsupport::Input;
 
-// One pair in each device list, so inputs can reach every rule.
-const DeviceIdPair kDirectionByInterface[] = {{0x0001, 0x0001}};
-const DeviceIdPair kInputInterfaceOnly[] = {{0x0002, 0x0002}};
-const DeviceIdPair kStereo16[] = {{0x0003, 0x0003}};
-const DeviceIdPair kStereo24[] = {{0x0004, 0x0004}};
+// One pair in each device list (vendor and product 1 to 4), so inputs can
+// reach every rule.
+const DeviceIdPair kListed[] = {
+    {0x0001, 0x0001}, {0x0002, 0x0002}, {0x0003, 0x0003}, {0x0004, 0x0004}};
 
 void installLists() {
-    DIRECTION_BY_INTERFACE_DEVICES = {kDirectionByInterface, 1};
-    INPUT_INTERFACE_ONLY_DEVICES = {kInputInterfaceOnly, 1};
-    STEREO_16BIT_DEVICES = {kStereo16, 1};
-    STEREO_24BIT_DEVICES = {kStereo24, 1};
+    DIRECTION_BY_INTERFACE_DEVICES = {&kListed[0], 1};
+    INPUT_INTERFACE_ONLY_DEVICES = {&kListed[1], 1};
+    STEREO_16BIT_DEVICES = {&kListed[2], 1};
+    STEREO_24BIT_DEVICES = {&kListed[3], 1};
 }
 
 ULONG clamp(ULONG count, ULONG capacity) {

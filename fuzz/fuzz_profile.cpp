@@ -43,18 +43,14 @@ void checkDeviceInfo(const usbsim::DeviceProfile& profile) {
                 }
                 if (alt.flag != 1 || alt.rates.empty() || alt.continuous)
                     continue;
-                for (uint32_t rate : alt.rates) {
-                    if (usableIn)
-                        FUZZ_CHECK(findDeviceFormat(info.get(), (ULONG)c, rate, alt.bits,
-                                                    alt.channels, true, false)
-                                       .bFound,
-                                   "a declared input mode is not found");
-                    if (usableOut)
-                        FUZZ_CHECK(findDeviceFormat(info.get(), (ULONG)c, rate, alt.bits,
-                                                    alt.channels, true, true)
-                                       .bFound,
-                                   "a declared output mode is not found");
-                }
+                for (uint32_t rate : alt.rates)
+                    for (bool output : {false, true})
+                        FUZZ_CHECK(!(output ? usableOut : usableIn) ||
+                                       findDeviceFormat(info.get(), (ULONG)c, rate, alt.bits,
+                                                        alt.channels, true, output)
+                                           .bFound,
+                                   std::string("a declared ") + (output ? "output" : "input") +
+                                       " mode is not found");
             }
         }
     }

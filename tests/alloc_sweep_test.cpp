@@ -5,17 +5,11 @@
 // one failing: every run must leave nothing behind, report no assertion or
 // verifier failure, and show the failure as the driver (or the port-class
 // library) reports it.
-#include "driver/adapter/MMEAdapter.h"
-#include "driver/entry/adapter.h"
 #include "driver/streaming/MMEDMAEmulator.h"
-#include "driver/topology/MMETopology.h"
-#include "driver/wave/MMEWave.h"
 #include "driver/wave/MMEWaveStream.h"
-#include "host/kernel/HostKernel.h"
-#include "host/portcls/HostPortCls.h"
 #include "host/portcls/KsClient.h"
+#include "support/AdapterHarness.h"
 #include "support/TraceCapture.h"
-#include "usbsim/UsbDriverModel.h"
 
 #include <gtest/gtest.h>
 
@@ -63,19 +57,6 @@ struct Life {
 
 enum : size_t { kCapture = 0, kRender = 1, kCapture2 = 2, kRender2 = 3 };
 
-MMEAdapter* adapterOf(PDEVICE_OBJECT fdo) {
-    for (const char16_t* name : {u"Wave", u"Topology"}) {
-        PUNKNOWN port = fdo ? hostpc::subdevice(fdo, name) : nullptr;
-        PUNKNOWN miniport = port ? hostpc::portState(port).miniport : nullptr;
-        if (!miniport)
-            continue;
-        if (name[0] == u'W')
-            return static_cast<MMEWave*>(static_cast<IMiniportWaveCyclic*>(miniport))->adapter();
-        return static_cast<MMETopology*>(static_cast<IMiniportTopology*>(miniport))->adapter();
-    }
-    return nullptr;
-}
-
 // Opens a stream, runs it for a while, and notes what moved.
 std::unique_ptr<hostpc::KsStream> openAndRun(hostpc::WaveFilter& filter, Life& life, size_t slot,
                                              bool capture, ULONG rate, USHORT channels,
@@ -108,7 +89,10 @@ void live(Life& life, usbsim::UsbDriverModel& model) {
     life.registers = model.callCount(USBCall_Register);
     life.adapterStarted = model.callCount(USBCall_AdapterStarted);
     life.startUnregisters = model.callCount(USBCall_Unregister);
-    if (MMEAdapter* adapter = loader.runsImage() ? nullptr : adapterOf(fdo)) {
+    // Where the failure lets the start succeed, the wave miniport holds the adapter.
+    if (PUNKNOWN wave = wavePort && life.linked ? hostpc::portState(wavePort).miniport : nullptr) {
+        MMEAdapter* adapter =
+            static_cast<MMEWave*>(static_cast<IMiniportWaveCyclic*>(wave))->adapter();
         life.inspected = true;
         life.timer = adapter->attachTimer() != nullptr;
         life.request = adapter->callIrp() != nullptr;
@@ -267,10 +251,6 @@ std::vector<Role> rolesOf(const std::vector<Allocation>& allocations, bool bySiz
     return roles;
 }
 
-bool isCapture(size_t slot) {
-    return slot == kCapture || slot == kCapture2;
-}
-
 // The failure shows the way the driver reports it, and the rest of the life goes on.
 void expectReported(const Life& life, const Role& role) {
     const NTSTATUS noMemory = STATUS_INSUFFICIENT_RESOURCES;
@@ -332,8 +312,9 @@ void expectReported(const Life& life, const Role& role) {
         EXPECT_TRUE(life.topologyRegistered && life.waveRegistered);
         const bool capture = is({"capture DMA channel"});
         for (size_t s : all)
-            EXPECT_EQ(life.open[s],
-                      isCapture(s) == capture ? STATUS_INVALID_DEVICE_REQUEST : STATUS_SUCCESS)
+            EXPECT_EQ(life.open[s], (s == kCapture || s == kCapture2) == capture
+                                        ? STATUS_INVALID_DEVICE_REQUEST
+                                        : STATUS_SUCCESS)
                 << "stream " << s;
     } else if (is({"pin", "stream", "stream buffer"})) {
         // A channel left without buffers: the port, which takes the cyclic

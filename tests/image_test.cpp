@@ -104,7 +104,7 @@ protected:
     Bytes file;
 };
 
-TEST_F(ImageLoader, MapsTheShippedDriverWithSectionProtectionsAndRelocatesEachCopy) {
+TEST_F(ImageLoader, MapsTheDriverWithSectionProtectionsRelocatesEachCopyAndRefusesDamagedOnes) {
     std::string error;
     auto image = load(file, &error);
     ASSERT_TRUE(image) << error;
@@ -130,9 +130,8 @@ TEST_F(ImageLoader, MapsTheShippedDriverWithSectionProtectionsAndRelocatesEachCo
     EXPECT_FALSE(
         hostimg::LoadedImage::loadFile("/nonexistent/x.sys", &hostimg::hostExport, &error));
     EXPECT_EQ(error, "/nonexistent/x.sys: cannot open");
-}
 
-TEST_F(ImageLoader, RefusesDamagedCopiesWithTheirReason) {
+    // Damaged copies are refused with their reason.
     const struct {
         const char* what;
         std::function<void(Bytes&, const Pe&)> apply;
@@ -182,7 +181,7 @@ TEST_F(ImageLoader, RefusesDamagedCopiesWithTheirReason) {
     for (const auto& d : damages) {
         Bytes copy = file;
         d.apply(copy, Pe{copy});
-        std::string error;
+        error.clear();
         EXPECT_FALSE(load(copy, &error)) << d.what;
         EXPECT_NE(error.find(d.reason), std::string::npos)
             << d.what << ": \"" << error << "\" lacks \"" << d.reason << "\"";
@@ -224,7 +223,7 @@ protected:
 
 using Lines = std::vector<std::string>;
 
-TEST_F(ImageProbe, DbgPrintFormatsAsWindowsAndCr8ReadsAndSetsTheThreadsIrql) {
+TEST_F(ImageProbe, DbgPrintFormatsAsWindowsCr8IsTheThreadsIrqlAndCliIsAVerifierFailure) {
     // %ld is 32 bits on Windows: the 64-bit 0x1234567890 prints its low half.
     EXPECT_EQ(run(u'p'), Lines{"probe 878082192 fedcba9876543210 wide|"});
     EXPECT_EQ(run(u'i'), Lines{"probe irql 0 0 2 0"});
@@ -235,6 +234,13 @@ TEST_F(ImageProbe, DbgPrintFormatsAsWindowsAndCr8ReadsAndSetsTheThreadsIrql) {
         EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
     });
     EXPECT_EQ(atDispatch, Lines{"probe irql 2 2 2 2"});
+    // A privileged instruction is a verifier failure naming its bytes.
+    EXPECT_EQ(run(u'c'), Lines{"probe after cli"});
+    const auto failures = hostk::verifierFailures();
+    ASSERT_EQ(failures.size(), 1u);
+    EXPECT_NE(failures[0].find("privileged instruction at "), std::string::npos) << failures[0];
+    EXPECT_NE(failures[0].find("): fa"), std::string::npos) << failures[0];
+    hostk::clearVerifierFailures();
 }
 
 TEST_F(ImageProbe, GsGivesEachThreadItsOwnThreadObject) {
@@ -267,15 +273,6 @@ TEST_F(ImageProbe, GsGivesEachThreadItsOwnThreadObject) {
             EXPECT_TRUE(failures.empty()) << start;
         }
     }
-}
-
-TEST_F(ImageProbe, PrivilegedInstructionIsAVerifierFailureNamingItsBytes) {
-    EXPECT_EQ(run(u'c'), Lines{"probe after cli"});
-    const auto failures = hostk::verifierFailures();
-    ASSERT_EQ(failures.size(), 1u);
-    EXPECT_NE(failures[0].find("privileged instruction at "), std::string::npos) << failures[0];
-    EXPECT_NE(failures[0].find("): fa"), std::string::npos) << failures[0];
-    hostk::clearVerifierFailures();
 }
 
 // ---- The same life, linked and loaded ----

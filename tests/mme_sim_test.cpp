@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <fstream>
 #include <pty.h>
 #include <regex>
@@ -24,6 +25,7 @@
 #include <vector>
 
 namespace fs = std::filesystem;
+using usbsim::DeviceProfile;
 
 namespace {
 
@@ -115,14 +117,6 @@ Wav readWav(const std::string& file) {
     return w;
 }
 
-void writeProfile(const std::string& file, const nlohmann::json& profile) {
-    std::ofstream(file) << profile.dump(2);
-}
-
-usbsim::DeviceProfile defaultProfile() {
-    return usbsim::DeviceProfile::builtInDefault();
-}
-
 // ---- The demo, loopback and the trace ----
 
 TEST_F(MmeSim, DemoPrintsTheFormatsAndABitExactLoopback) {
@@ -145,40 +139,35 @@ TEST_F(MmeSim, DemoPrintsTheFormatsAndABitExactLoopback) {
     EXPECT_TRUE(files().empty()) << "the demo writes no file";
 }
 
+// The driver's trace goes only where it is asked for: a file, or stderr.
 TEST_F(MmeSim, LoopbackAtOtherFormatsIsBitExactToo) {
     // A 32-channel device too: its test signal comes from the one-cycle table.
-    nlohmann::json wide = defaultProfile().toJson();
+    nlohmann::json wide = DeviceProfile::builtInDefault().toJson();
     for (auto& itf : wide["configurations"][0]["interfaces"])
         for (auto& alt : itf["altSettings"])
             if (alt["channels"] != 0)
                 alt["channels"] = 32;
     wide["hardware"]["inCH"] = wide["hardware"]["outCH"] = 32;
     wide["accept"]["maxInChannels"] = wide["accept"]["maxOutChannels"] = 32;
-    writeProfile(path("wide.json"), wide);
+    std::ofstream(path("wide.json")) << wide.dump(2);
+    std::map<std::string, Result> runs;
     for (std::vector<std::string> args :
-         std::vector<std::vector<std::string>>{{"44100/2/16"},
-                                               {"96000/2/24"},
+         std::vector<std::vector<std::string>>{{"44100/2/16", "--trace", "trace.txt"},
+                                               {"96000/2/24", "--verbose"},
                                                {"192000/4/16"},
                                                {"192000/32/24", "--device", "wide.json"},
                                                {"96000/32/16", "--device", "wide.json"}}) {
         args.insert(args.begin(), "--format");
         args.insert(args.end(), {"loopback", "--seconds", "0.5"});
-        Result r = run(args);
+        Result& r = runs[args[1]] = run(args);
         EXPECT_EQ(r.code, 0) << args[1] << ": " << r.err;
         EXPECT_NE(r.out.find("PASS: bit-exact"), std::string::npos) << args[1] << "\n" << r.out;
     }
-}
-
-TEST_F(MmeSim, TheDriverTraceGoesOnlyWhereItIsAskedFor) {
-    Result traced = run({"--seconds", "0.5", "--trace", "trace.txt"});
-    EXPECT_EQ(traced.code, 0);
     expectIn(slurp(path("trace.txt")),
              {"MME: (", "MMEWave::NewStream", "MMEWaveStream::SetNotificationFreq interval:10"});
-    EXPECT_EQ(traced.out.find("MME: ("), std::string::npos);
-    EXPECT_EQ(traced.err.find("MME: ("), std::string::npos);
-    Result verbose = run({"--seconds", "0.5", "--verbose"});
-    EXPECT_EQ(verbose.code, 0);
-    EXPECT_NE(verbose.err.find("MMEWave::NewStream"), std::string::npos);
+    EXPECT_EQ(runs["44100/2/16"].out.find("MME: ("), std::string::npos);
+    EXPECT_EQ(runs["44100/2/16"].err.find("MME: ("), std::string::npos);
+    EXPECT_NE(runs["96000/2/24"].err.find("MMEWave::NewStream"), std::string::npos);
 }
 
 TEST_F(MmeSim, ProgressIsABarOnATerminal) {
@@ -279,9 +268,9 @@ TEST_F(MmeSim, FormatsShowsThePinsAndValidatesAFormat) {
                                "\"pinSupportsSettingEx returned false (less channels)\""),
               std::string::npos)
         << refused.out;
-    auto locked = defaultProfile();
+    auto locked = DeviceProfile::builtInDefault();
     locked.digitalLockHz = locked.hardware.fr = 44100;
-    writeProfile(path("locked.json"), locked.toJson());
+    std::ofstream(path("locked.json")) << locked.toJson().dump(2);
     Result digital = run({"formats", "--device", "locked.json", "--format", "48000/2/24"});
     EXPECT_EQ(digital.code, 1);
     expectIn(digital.out,
@@ -291,19 +280,19 @@ TEST_F(MmeSim, FormatsShowsThePinsAndValidatesAFormat) {
 // ---- Errors ----
 
 TEST_F(MmeSim, EachMistakeIsOneLineWithItsExitStatusAndLeavesNoFileBehind) {
-    nlohmann::json j = defaultProfile().toJson();
+    nlohmann::json j = DeviceProfile::builtInDefault().toJson();
     j["hardware"]["fr"] = "fast";
-    writeProfile(path("bad.json"), j);
-    j = defaultProfile().toJson();
+    std::ofstream(path("bad.json")) << j.dump(2);
+    j = DeviceProfile::builtInDefault().toJson();
     j["hardwear"] = j["hardware"];
-    writeProfile(path("typo.json"), j);
+    std::ofstream(path("typo.json")) << j.dump(2);
     // The USB driver's own refusal, with its reason from the profile.
-    auto profile = defaultProfile();
+    auto profile = DeviceProfile::builtInDefault();
     usbsim::RefusalRule rule;
     rule.fr = 96000;
     rule.reason = "the clock does not lock at 96 kHz";
     profile.accept.refuse.push_back(rule);
-    writeProfile(path("refuse96.json"), profile.toJson());
+    std::ofstream(path("refuse96.json")) << profile.toJson().dump(2);
     fs::create_directory(path("folder.wav"));
     std::ofstream(path("notes.wav")) << "not audio at all\n";
     ASSERT_TRUE(writeWav(path("in.wav"), 44100, 2, SF_FORMAT_PCM_16, noise(2000, 16, 4)));
@@ -454,10 +443,10 @@ TEST_F(MmeSim, TheReportShowsTheRunAsChromiumRendersIt) {
         GTEST_SKIP() << "chromium cannot start under an address-space limit";
     // A glitch (the client stalls 1.5 s from 1.5 s on) and an ASIO client
     // that comes at period 40 and goes at period 60.
-    nlohmann::json asio = defaultProfile().toJson();
+    nlohmann::json asio = DeviceProfile::builtInDefault().toJson();
     asio["schedule"] = {{{"period", 40}, {"event", "asioAttach"}},
                         {{"period", 60}, {"event", "asioDetach"}}};
-    writeProfile(path("asio.json"), asio);
+    std::ofstream(path("asio.json")) << asio.dump(2);
     Result r = run({"--device", "asio.json", "loopback", "--seconds", "3", "--stall", "1.5:1.5",
                     "--report", "report.html"});
     ASSERT_EQ(r.code, 3) << r.err;

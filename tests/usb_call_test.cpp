@@ -76,7 +76,7 @@ TEST(UsbCallRecord, IsHandedOverEmptyAndReadAsTheUsbDriverFilledIt) {
                                        tracecap::kernelPointer(&h.model.deviceInfo())));
 }
 
-TEST_F(UsbCall, NestedCallIsRefusedAtOnceWithoutSending) {
+TEST_F(UsbCall, NestedPendingAndErrorCallsAreRefusedAndTheRequestServesTheNext) {
     h.model.clearCalls();
     bool nested = true;
     h.model.setDuringCall([&](ULONG code) {
@@ -102,30 +102,9 @@ TEST_F(UsbCall, NestedCallIsRefusedAtOnceWithoutSending) {
     // The guard is free again afterwards.
     h.model.setDuringCall(nullptr);
     EXPECT_TRUE(adapter->callUSBDriver(USBCall_TimedStart));
-}
 
-TEST(UsbCallUnstarted, MissingRequestOrDeviceObjectIsTracedAndRefused) {
-    // Never started (no request was allocated), with and without a USB device.
-    usbsim::UsbDriverModel model;
-    PDEVICE_OBJECT fdo = hostk::createDeviceObject(nullptr, 2, 0);
-    for (PDEVICE_OBJECT usb : {model.pdo(), PDEVICE_OBJECT(nullptr)}) {
-        MMEAdapter* adapter = MMEAdapter::create(fdo, usb);
-        ASSERT_NE(adapter, nullptr);
-        tracecap::clearTrace();
-        EXPECT_FALSE(adapter->callUSBDriver(USBCall_Attach));
-        EXPECT_TRUE(
-            tracecap::containsLine("!m_pCallIrp || !mUSBDeviceObject 0x0000000000000000 0x" +
-                                   tracecap::kernelPointer(usb)))
-            << tracecap::dumpTrace();
-        adapter->Release();
-    }
-    EXPECT_TRUE(model.calls().empty());
-    hostk::deleteDeviceObject(fdo);
-}
-
-TEST_F(UsbCall, PendingAndErrorStatusCountAsRefusal) {
+    // Pending and error answers count as refusals.
     PIRP request = adapter->callIrp();
-
     for (auto [answer, traced] : {std::pair<NTSTATUS, const char*>{STATUS_PENDING, "0x00000103"},
                                   {STATUS_INVALID_DEVICE_STATE, "0xC0000184"}}) {
         h.model.setAnswer(USBCall_Attach, answer);
@@ -140,6 +119,22 @@ TEST_F(UsbCall, PendingAndErrorStatusCountAsRefusal) {
     EXPECT_EQ(adapter->callIrp(), request);
     EXPECT_EQ(hostk::liveIrps(), 1u);
     EXPECT_EQ(request->StackCount, h.model.pdo()->StackSize);
+}
+
+TEST(UsbCallUnstarted, MissingRequestOrDeviceObjectIsTracedAndRefused) {
+    // Never started (no request was allocated), with and without a USB device.
+    usbsim::UsbDriverModel model;
+    for (PDEVICE_OBJECT usb : {model.pdo(), PDEVICE_OBJECT(nullptr)}) {
+        adaptertest::BareAdapter bare(usb);
+        ASSERT_NE(bare.adapter, nullptr);
+        tracecap::clearTrace();
+        EXPECT_FALSE(bare.adapter->callUSBDriver(USBCall_Attach));
+        EXPECT_TRUE(
+            tracecap::containsLine("!m_pCallIrp || !mUSBDeviceObject 0x0000000000000000 0x" +
+                                   tracecap::kernelPointer(usb)))
+            << tracecap::dumpTrace();
+    }
+    EXPECT_TRUE(model.calls().empty());
 }
 
 // (From another thread during a call: ConcurrencyAdapter; calls refused
