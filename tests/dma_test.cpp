@@ -247,6 +247,7 @@ TEST_F(DmaFormat, SilenceZeroesOnlyRangesItMayTouch) {
     EXPECT_EQ(base[300], 0x11);
 
     std::memset(base, 0x11, size);
+    tracecap::clearTrace();
     out->silence(base, size + 1);       // more than the buffer: nothing
     out->silence(base + size - 10, 20); // would run past the end: nothing
     out->silence(nullptr, 10);
@@ -254,6 +255,9 @@ TEST_F(DmaFormat, SilenceZeroesOnlyRangesItMayTouch) {
 
     out->silence(base, size); // the whole buffer is fine
     EXPECT_TRUE(allAre(base, size));
+    // Only the call that would run past the end is traced.
+    EXPECT_EQ(tracecap::countLinesStartingWith("range outside the cyclic buffer count"), 1u)
+        << tracecap::dumpTrace();
 }
 
 TEST_F(DmaFormat, CopiesStayInsideTheBufferAndGoOnlyWithTheDirection) {
