@@ -258,9 +258,21 @@ TEST_F(Wave, RunningReportIsTheOrOfBothStreams) {
 
 // ---- The stream ----
 
-TEST_F(Wave, NotificationEvery256Frames) {
+TEST_F(Wave, StreamInterfacesRefusedArgumentsAndANotificationEvery256Frames) {
     MMEWaveStream* s = open(false, {48000, 2, 16}); // 4-byte frames
     ASSERT_NE(s, nullptr);
+    IMiniportWaveCyclicStream* self = s;
+    checks::expectInterfaces(self, self, {&IID_IMiniportWaveCyclicStream, &IID_IUnknown},
+                             {&IID_IMiniport});
+    ChannelConfig settings{};
+    ASSERT_TRUE(s->getAdapterSettings(&settings));
+    EXPECT_EQ(settings, stack.adapter->linkInfo().mcAttachChannels);
+    EXPECT_FALSE(s->getAdapterSettings(nullptr));
+    EXPECT_EQ(s->GetPosition(nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_TRUE(tracecap::containsLine("MMEWaveStream::GetPosition Position is NULL"));
+    EXPECT_EQ(s->SetState(static_cast<KSSTATE>(7)), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(s->state(), KSSTATE_STOP);
+
     ChannelConfig& wanted = stack.adapter->linkInfo().mcAttachChannels;
     ASSERT_EQ(wanted.fr, 48000u);
     struct {
@@ -317,23 +329,6 @@ TEST_F(Wave, NormalizePhysicalPosition) {
     }
     EXPECT_TRUE(tracecap::containsLine("*PhysicalPosition  10000000"));
     EXPECT_EQ(s->NormalizePhysicalPosition(nullptr), STATUS_INVALID_PARAMETER);
-}
-
-TEST_F(Wave, StreamInterfacesSettingsAndRefusedArguments) {
-    MMEWaveStream* s = open(false, {48000, 2, 16});
-    ASSERT_NE(s, nullptr);
-    IMiniportWaveCyclicStream* self = s;
-    checks::expectInterfaces(self, self, {&IID_IMiniportWaveCyclicStream, &IID_IUnknown},
-                             {&IID_IMiniport});
-    ChannelConfig settings{};
-    ASSERT_TRUE(s->getAdapterSettings(&settings));
-    EXPECT_EQ(settings, stack.adapter->linkInfo().mcAttachChannels);
-    EXPECT_FALSE(s->getAdapterSettings(nullptr));
-
-    EXPECT_EQ(s->GetPosition(nullptr), STATUS_INVALID_PARAMETER);
-    EXPECT_TRUE(tracecap::containsLine("MMEWaveStream::GetPosition Position is NULL"));
-    EXPECT_EQ(s->SetState(static_cast<KSSTATE>(7)), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(s->state(), KSSTATE_STOP);
 }
 
 TEST_F(Wave, RefusedFormatStillShapesTheDmaChannel) {
