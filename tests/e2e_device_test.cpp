@@ -36,12 +36,36 @@ std::vector<int> statesTraced() {
 
 // ---- Directions ----
 
+// Intersection then offers only the open stream's rate, and the start of a
+// stream at another rate is refused.
 TEST(Directions, RenderAtAnotherRateIsRefusedAtStartWhileCaptureIsOpen) {
     for (bool captureRunning : {false, true}) {
         SCOPED_TRACE(captureRunning ? "capture running" : "capture stopped");
         Rig rig;
+        std::vector<UCHAR> format;
+        ULONG index = 99;
+        const auto anyRate = hostpc::clientRange(2, 16, 32, 8000, 192000);
+        // Nothing open: the pin's first range that the client's range meets.
+        ASSERT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin, anyRate, &format, &index),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(hostpc::waveFormatOf(format)->nSamplesPerSec, 44100u);
+        EXPECT_EQ(index, 0u);
         auto capture = rig.open(true, 48000, 2, 16);
         ASSERT_TRUE(capture);
+        EXPECT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin,
+                                        hostpc::clientRange(2, 16, 32, 44100, 44100), &format),
+                  STATUS_NO_MATCH);
+        ASSERT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin, anyRate, &format, &index),
+                  STATUS_SUCCESS);
+        const WAVEFORMATEX* w = hostpc::waveFormatOf(format);
+        EXPECT_EQ(w->nSamplesPerSec, 48000u) << "the ranges at other rates no longer intersect";
+        EXPECT_EQ(w->nChannels, 2u);
+        EXPECT_EQ(w->wBitsPerSample, 24u);
+        EXPECT_EQ(index, 1u);
+        // The capture pin has its stream already.
+        EXPECT_EQ(rig.filter->intersect(hostpc::kWaveCapturePin,
+                                        hostpc::clientRange(2, 16, 32, 48000, 48000), &format),
+                  STATUS_NO_MATCH);
         if (captureRunning) {
             ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
         }
@@ -70,36 +94,6 @@ TEST(Directions, RenderAtAnotherRateIsRefusedAtStartWhileCaptureIsOpen) {
         EXPECT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
         EXPECT_EQ(rig.model().settings().current.fr, 44100u);
     }
-}
-
-TEST(Directions, IntersectionOffersOnlyTheRateOfAnOpenStream) {
-    Rig rig;
-    std::vector<UCHAR> format;
-    ULONG index = 99;
-    // Nothing open: the pin's first range that the client's range meets.
-    ASSERT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin,
-                                    hostpc::clientRange(2, 16, 32, 8000, 192000), &format, &index),
-              STATUS_SUCCESS);
-    EXPECT_EQ(hostpc::waveFormatOf(format)->nSamplesPerSec, 44100u);
-    EXPECT_EQ(index, 0u);
-
-    auto capture = rig.open(true, 48000, 2, 16);
-    ASSERT_TRUE(capture);
-    EXPECT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin,
-                                    hostpc::clientRange(2, 16, 32, 44100, 44100), &format),
-              STATUS_NO_MATCH);
-    ASSERT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin,
-                                    hostpc::clientRange(2, 16, 32, 8000, 192000), &format, &index),
-              STATUS_SUCCESS);
-    const WAVEFORMATEX* w = hostpc::waveFormatOf(format);
-    EXPECT_EQ(w->nSamplesPerSec, 48000u) << "the ranges at other rates no longer intersect";
-    EXPECT_EQ(w->nChannels, 2u);
-    EXPECT_EQ(w->wBitsPerSample, 24u);
-    EXPECT_EQ(index, 1u);
-    // The capture pin has its stream already.
-    EXPECT_EQ(rig.filter->intersect(hostpc::kWaveCapturePin,
-                                    hostpc::clientRange(2, 16, 32, 48000, 48000), &format),
-              STATUS_NO_MATCH);
 }
 
 TEST(Directions, RenderAloneChangesTheRateAndCaptureThenFollowsIt) {
