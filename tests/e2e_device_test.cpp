@@ -367,10 +367,9 @@ TEST(UsbDriver, ARefusedConfigurationFailsTheStartAndChangesNothing) {
     ASSERT_TRUE(render);
     EXPECT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
     EXPECT_EQ(rig.model().settings().current.fr, 88200u);
-}
+    render.reset();
 
-TEST(UsbDriver, ADigitalLockAllowsOnlyItsRate) {
-    Rig rig;
+    // A digital lock allows only its rate.
     rig.model().setDigitalLock(44100);
     hostk::clearCaptured();
     const size_t blocks = hostk::poolStats().liveBlocks;
