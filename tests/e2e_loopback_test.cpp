@@ -89,7 +89,7 @@ INSTANTIATE_TEST_SUITE_P(
                (c.extensible ? "Extensible" : "") + "Period" + std::to_string(c.devicePeriod);
     });
 
-// Not offered either: wave_ranges_test, wave_format_test.
+// Not offered either: wave_filter_test.
 TEST(LoopbackFormats, ThirtyTwoBitStreamsAreRefused) {
     Rig rig;
     for (bool capture : {true, false}) {
