@@ -148,9 +148,26 @@ TEST_F(DmaFormat, BufferSizesFollowStreamFormatAndConfiguration) {
     }
 }
 
-TEST_F(DmaFormat, RefusedFormatsLeaveTheChannelDetachedWithItsBuffers) {
-    MMEWaveStream* s = open(true, 2, 16);
+TEST_F(DmaFormat, StartWrapsAtTheBufferEndAndRefusedFormatsLeaveTheChannelDetached) {
+    MMEWaveStream* s = open(true, 2, 16); // 16384 bytes
     MMEDMAEmulator* in = mRig.channel(true);
+    using Pair = std::pair<ULONG, ULONG>; // transfer offset, position
+    auto positions = [&] { return Pair(in->transferOffset(), in->position()); };
+    EXPECT_EQ(in->Start(16384 - 1024, FALSE), STATUS_SUCCESS);
+    EXPECT_EQ(positions(), Pair(15360, 15360));
+    in->Start(1024, TRUE); // exactly to the end: back to 0
+    EXPECT_EQ(positions(), Pair(0, 0));
+    in->Start(1000, TRUE);
+    in->Start(16000, TRUE); // past the end: wraps once
+    EXPECT_EQ(positions(), Pair(616, 616));
+    in->Start(100000, TRUE); // more than the whole buffer still lands inside it
+    EXPECT_LT(in->position(), 16384u);
+    EXPECT_EQ(in->position(), in->transferOffset());
+
+    in->resetPosition();
+    EXPECT_EQ(in->position(), 0u);
+    EXPECT_NE(in->transferOffset(), 0u);
+
     void* cyclic = in->SystemAddress();
     const ULONG bytes = in->BufferSize();
 
@@ -211,27 +228,6 @@ TEST_F(DmaFormat, FreeBufferAndFailedAllocationsLeaveTheChannelWithoutBuffers) {
         EXPECT_EQ(in->usbBufferBytes(), 4u * 2048 * 4);
         mRig.closeStream(s);
     }
-}
-
-TEST_F(DmaFormat, StartMovesBothPositionsAndWrapsAtTheBufferEnd) {
-    open(true, 2, 16); // 16384 bytes
-    MMEDMAEmulator* in = mRig.channel(true);
-    using Pair = std::pair<ULONG, ULONG>; // transfer offset, position
-    auto positions = [&] { return Pair(in->transferOffset(), in->position()); };
-    EXPECT_EQ(in->Start(16384 - 1024, FALSE), STATUS_SUCCESS);
-    EXPECT_EQ(positions(), Pair(15360, 15360));
-    in->Start(1024, TRUE); // exactly to the end: back to 0
-    EXPECT_EQ(positions(), Pair(0, 0));
-    in->Start(1000, TRUE);
-    in->Start(16000, TRUE); // past the end: wraps once
-    EXPECT_EQ(positions(), Pair(616, 616));
-    in->Start(100000, TRUE); // more than the whole buffer still lands inside it
-    EXPECT_LT(in->position(), 16384u);
-    EXPECT_EQ(in->position(), in->transferOffset());
-
-    in->resetPosition();
-    EXPECT_EQ(in->position(), 0u);
-    EXPECT_NE(in->transferOffset(), 0u);
 }
 
 TEST_F(DmaFormat, SilenceZeroesOnlyRangesItMayTouch) {
