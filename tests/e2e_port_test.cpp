@@ -71,8 +71,15 @@ TEST(PinCreation, ThePortRefusesWhatNoPinCanTake) {
     EXPECT_EQ(topology.open(0, good, {}, &stream), STATUS_INVALID_PARAMETER);
 }
 
-TEST(PinCreation, ASecondPinOfADirectionIsTheDriversRefusal) {
+// The driver's own refusals: 32-bit streams (not offered either:
+// wave_filter_test) and a second pin of a direction.
+TEST(PinCreation, ThirtyTwoBitStreamsAndASecondPinOfADirectionAreTheDriversRefusals) {
     Rig rig;
+    for (bool capture : {true, false}) {
+        NTSTATUS status = STATUS_SUCCESS;
+        EXPECT_EQ(rig.open(capture, 48000, 2, 32, &status), nullptr);
+        EXPECT_EQ(status, STATUS_NOT_SUPPORTED) << (capture ? "capture" : "render");
+    }
     auto first = rig.open(true, 48000, 2, 16);
     ASSERT_TRUE(first);
     ASSERT_EQ(first->setState(KSSTATE_RUN), STATUS_SUCCESS);
