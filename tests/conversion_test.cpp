@@ -139,9 +139,7 @@ TEST_P(KernelPaths, MatchThePerSampleRuleInsideTheirBuffers) {
                 ASSERT_EQ(working.samples()[i], in[i] >> 8) << i;
         }
     }
-}
-
-TEST_P(KernelPaths, ByteCountsThatAreNotWholeSamplesRoundDown) {
+    // Byte counts that are not whole samples round down.
     const uint8_t bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     LONG out[4] = {-1, -1, -1, -1};
     pcm16ToInt32(out, bytes, 5); // two samples
