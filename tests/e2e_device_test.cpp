@@ -1,10 +1,6 @@
-// End to end through the client API: the rules between the two directions
-// (one hardware rate; a stream may bring a new rate only while the other
-// direction has none open; a stopped stream carries its format again after
-// the other one started), the KS state cycles users put streams through,
-// and the device side doing things: an ASIO client taking the device and
-// leaving (attach timer, timed start), the USB driver refusing a
-// configuration, exclusive inputs and a digital lock from the profile, and
+// End to end through the client API: the rate rules between the two
+// directions, the KS state cycles, an ASIO client taking the device and
+// leaving, the USB driver's refusals and digital lock, exclusive inputs, and
 // the device removed while streams run.
 #include "support/E2eRig.h"
 #include "support/TraceCapture.h"

@@ -1,10 +1,7 @@
-// The wave miniport and its streams, below what the end-to-end suites show:
-// interfaces, Init with its unwinding, GetDescription, NewStream's refusals
-// and references, onSetFormat's channel request, the running report, the
-// notification interval, positions, SetFormat and Init with their refusals
-// and the DMA channel's shape, and the teardown when the port lets go. (The
-// rate rule between the directions, the format carried at the start and the
-// DMA stop on leaving run: e2e_device_test.)
+// The wave miniport and its streams below what the end-to-end suites show
+// (the rate rule between the directions, the format carried at the start and
+// the DMA stop on leaving run are in e2e_device_test): Init and its unwinding,
+// NewStream, SetFormat and Init refusals, positions and the teardown.
 #include "driver/wave/MMEWave.h"
 #include "driver/wave/MMEWaveStream.h"
 #include "support/DeviceInfoBuilder.h"
