@@ -408,69 +408,58 @@ TEST(UsbDriver, ExclusiveInputsOnAScheduleSilenceCaptureMeanwhile) {
 // ---- Removal, with the port servicing on its DPC thread as on Windows ----
 
 TEST(Removal, WhileStreamsRunEverythingIsReleased) {
-    Rig rig;
-    rig.harness.loader.setServiceMode(hostpc::ServiceMode::Concurrent);
-    rig.model().setLoopback(512);
-    auto capture = rig.open(true, 48000, 2, 16);
-    auto render = rig.open(false, 48000, 2, 16);
-    ASSERT_TRUE(capture && render);
-    Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 20000, 16, 6), 16), capture.get());
-    ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
-    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
-    pump.periods(20);
-    KeFlushQueuedDpcs(); // services still queued take what the periods moved
-    pump.drain();
-    rig.model().runPeriods(1); // one period recorded, not yet read
-    KeFlushQueuedDpcs();       // once its service has run
-    ASSERT_EQ(capture->queuedFrames(), 256u);
-    const size_t objects = hostpc::liveObjects();
+    for (bool realTime : {false, true}) {
+        SCOPED_TRACE(realTime ? "the clock on its own thread" : "periods run by the test");
+        Rig rig;
+        rig.harness.loader.setServiceMode(hostpc::ServiceMode::Concurrent);
+        rig.model().setLoopback(512);
+        auto capture = rig.open(true, 48000, 2, 16);
+        auto render = rig.open(false, 48000, 2, 16);
+        ASSERT_TRUE(capture && render);
+        Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 20000, 16, 6), 16), capture.get());
+        ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
+        ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+        if (realTime) {
+            rig.model().startRealTime();
+            std::vector<uint8_t> chunk(4096 * 4);
+            const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(120);
+            while (std::chrono::steady_clock::now() < until) {
+                capture->read(chunk.data(), 4096);
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
+            EXPECT_GT(capture->positionFrames(), 0u) << "the clock thread moved audio";
+        } else {
+            pump.periods(20);
+            KeFlushQueuedDpcs(); // services still queued take what the periods moved
+            pump.drain();
+            rig.model().runPeriods(1); // one period recorded, not yet read
+            KeFlushQueuedDpcs();       // once its service has run
+            ASSERT_EQ(capture->queuedFrames(), 256u);
+        }
+        const size_t objects = hostpc::liveObjects();
 
-    rig.harness.remove();
-    EXPECT_TRUE(hostk::assertReports().empty());
-    EXPECT_TRUE(hostk::verifierFailures().empty());
-    EXPECT_EQ(rig.model().callCount(USBCall_Unregister), 1u);
-    EXPECT_EQ(rig.model().link(), nullptr);
-    EXPECT_LT(hostpc::liveObjects(), objects) << "ports and the service group went";
-
-    for (hostpc::KsStream* s : {render.get(), capture.get()}) {
-        EXPECT_TRUE(s->removed());
-        EXPECT_EQ(s->state(), KSSTATE_STOP);
-        EXPECT_EQ(s->setState(KSSTATE_RUN), hostpc::kStatusDeviceRemoved);
+        rig.harness.remove(); // Unregister stops the clock
+        EXPECT_FALSE(rig.model().realTimeRunning());
+        EXPECT_TRUE(hostk::assertReports().empty());
+        EXPECT_TRUE(hostk::verifierFailures().empty());
+        EXPECT_EQ(rig.model().callCount(USBCall_Unregister), 1u);
+        EXPECT_EQ(rig.model().link(), nullptr);
+        EXPECT_LT(hostpc::liveObjects(), objects) << "ports and the service group went";
+        for (hostpc::KsStream* s : {render.get(), capture.get()}) {
+            EXPECT_TRUE(s->removed());
+            EXPECT_EQ(s->state(), KSSTATE_STOP);
+            EXPECT_EQ(s->setState(KSSTATE_RUN), hostpc::kStatusDeviceRemoved);
+        }
+        EXPECT_EQ(render->write("\1\2\3\4", 1), 0u);
+        if (realTime)
+            continue;
+        std::vector<uint8_t> rest(512 * 4);
+        EXPECT_EQ(capture->read(rest.data(), 512), 256u) << "what was recorded is still there";
+        const uint64_t calls = rig.model().exchangeCalls();
+        rig.model().runPeriods(5);
+        EXPECT_EQ(rig.model().exchangeCalls(), calls) << "no period reaches a removed driver";
+        EXPECT_TRUE(hostk::assertReports().empty());
     }
-    EXPECT_EQ(render->write("\1\2\3\4", 1), 0u);
-    std::vector<uint8_t> rest(512 * 4);
-    EXPECT_EQ(capture->read(rest.data(), 512), 256u) << "what was recorded is still there";
-    const uint64_t calls = rig.model().exchangeCalls();
-    rig.model().runPeriods(5);
-    EXPECT_EQ(rig.model().exchangeCalls(), calls) << "no period reaches a removed driver";
-    EXPECT_TRUE(hostk::assertReports().empty());
-}
-
-TEST(Removal, WhileTheRealTimeClockRunsOnItsOwnThread) {
-    Rig rig;
-    rig.harness.loader.setServiceMode(hostpc::ServiceMode::Concurrent);
-    rig.model().setLoopback(512);
-    auto capture = rig.open(true, 48000, 2, 16);
-    auto render = rig.open(false, 48000, 2, 16);
-    ASSERT_TRUE(capture && render);
-    const auto bytes = e2e::pack(e2e::noise(2 * 48000, 16, 12), 16);
-    render->write(bytes.data(), 48000);
-    ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
-    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
-    rig.model().startRealTime();
-    std::vector<uint8_t> chunk(4096 * 4);
-    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(120);
-    while (std::chrono::steady_clock::now() < until) {
-        capture->read(chunk.data(), 4096);
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    EXPECT_GT(capture->positionFrames(), 0u) << "the clock thread moved audio";
-    rig.harness.remove(); // Unregister stops the clock
-    EXPECT_FALSE(rig.model().realTimeRunning());
-    EXPECT_TRUE(render->removed());
-    EXPECT_TRUE(capture->removed());
-    EXPECT_TRUE(hostk::assertReports().empty());
-    EXPECT_TRUE(hostk::verifierFailures().empty());
 }
 
 TEST(Removal, PinsOpenedWhileTheDeviceGoesAreClosedWithIt) {
