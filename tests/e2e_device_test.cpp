@@ -22,12 +22,9 @@ using e2e::traced;
 // The "NewState is" values the driver's stream printed, in order.
 std::vector<int> statesTraced() {
     std::vector<int> states;
-    const std::string key = "NewState is ";
-    for (const std::string& line : hostk::capturedLines()) {
-        size_t at = line.find(key);
-        if (at != std::string::npos)
-            states.push_back(std::stoi(line.substr(at + key.size())));
-    }
+    for (const std::string& m : tracecap::traceMessages())
+        if (m.find("NewState is ") != std::string::npos)
+            states.push_back(std::stoi(m.substr(m.find("NewState is ") + 12)));
     return states;
 }
 
