@@ -139,9 +139,7 @@ TEST_P(KernelPaths, MatchThePerSampleRuleInsideTheirBuffers) {
                 ASSERT_EQ(working.samples()[i], in[i] >> 8) << i;
         }
     }
-}
-
-TEST_P(KernelPaths, ByteCountsThatAreNotWholeSamplesRoundDown) {
+    // Byte counts that are not whole samples round down.
     const uint8_t bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     LONG out[4] = {-1, -1, -1, -1};
     pcm16ToInt32(out, bytes, 5); // two samples
@@ -234,6 +232,30 @@ TEST(Conversions, AbsentBuffersZeroCountsAndShapesThatDoNotFitChangeNothing) {
     convertOutput(2, pcm, 1, 16, nullptr, 2);
     EXPECT_TRUE(std::all_of(pcm, pcm + 64, [](uint8_t b) { return b == 0xAB; }));
     EXPECT_TRUE(std::all_of(ring, ring + 16, [](LONG s) { return s == 7; }));
+
+    std::vector<LONG> src = {1, 2, 3, 4};
+    uint8_t dst[16];
+    std::memset(dst, 0x77, sizeof dst);
+    // convertInput at an unknown width compacts the source but writes nothing.
+    convertInput(2, src.data(), 2, dst, 1, 20);
+    EXPECT_EQ(std::vector<uint8_t>(dst, dst + 16), std::vector<uint8_t>(16, 0x77));
+    EXPECT_EQ(src[0], 1);
+    EXPECT_EQ(src[1], 3);
+
+    // 32 bits with source and destination the same buffer.
+    std::vector<LONG> buf = {1, 2, 3, 4, 5, 6};
+    convertInput(3, buf.data(), 2, buf.data(), 1, 32);
+    EXPECT_EQ(std::vector<LONG>(buf.begin(), buf.begin() + 3), (std::vector<LONG>{1, 3, 5}));
+
+    // convertOutput at an unknown width: nothing converted, the frames still padded.
+    std::vector<LONG> pre = {7, 8, 9, 10, -1, -1, -1, -1};
+    convertOutput(4, dst, 1, 20, pre.data(), 2);
+    EXPECT_EQ(pre, (std::vector<LONG>{7, 0, 8, 0, 9, 0, 10, 0}));
+
+    // 32 bits with source and destination the same buffer: only the widening.
+    std::vector<LONG> same = {100, 200, 300, 0, 0, 0};
+    convertOutput(3, same.data(), 1, 32, same.data(), 2);
+    EXPECT_EQ(same, (std::vector<LONG>{100, 0, 200, 0, 300, 0}));
 }
 
 TEST(ChannelMapping, DropKeepsAndPadWidensTheFirstChannelsOfEachFrame) {
@@ -266,32 +288,6 @@ TEST(ChannelMapping, DropKeepsAndPadWidensTheFirstChannelsOfEachFrame) {
                     ASSERT_EQ(v[f * n + c], c < keep ? LONG(f * keep + c + 1) : 0) << f;
         }
     }
-}
-
-TEST(StagedConversions, UnknownWidthAndInPlace) {
-    std::vector<LONG> src = {1, 2, 3, 4};
-    uint8_t dst[16];
-    std::memset(dst, 0x77, sizeof dst);
-    // convertInput at an unknown width compacts the source but writes nothing.
-    convertInput(2, src.data(), 2, dst, 1, 20);
-    EXPECT_EQ(std::vector<uint8_t>(dst, dst + 16), std::vector<uint8_t>(16, 0x77));
-    EXPECT_EQ(src[0], 1);
-    EXPECT_EQ(src[1], 3);
-
-    // 32 bits with source and destination the same buffer.
-    std::vector<LONG> buf = {1, 2, 3, 4, 5, 6};
-    convertInput(3, buf.data(), 2, buf.data(), 1, 32);
-    EXPECT_EQ(std::vector<LONG>(buf.begin(), buf.begin() + 3), (std::vector<LONG>{1, 3, 5}));
-
-    // convertOutput at an unknown width: nothing converted, the frames still padded.
-    std::vector<LONG> pre = {7, 8, 9, 10, -1, -1, -1, -1};
-    convertOutput(4, dst, 1, 20, pre.data(), 2);
-    EXPECT_EQ(pre, (std::vector<LONG>{7, 0, 8, 0, 9, 0, 10, 0}));
-
-    // 32 bits with source and destination the same buffer: only the widening.
-    std::vector<LONG> same = {100, 200, 300, 0, 0, 0};
-    convertOutput(3, same.data(), 1, 32, same.data(), 2);
-    EXPECT_EQ(same, (std::vector<LONG>{100, 0, 200, 0, 300, 0}));
 }
 
 // The staged conversions by the rules for every width and layout: ring

@@ -148,9 +148,26 @@ TEST_F(DmaFormat, BufferSizesFollowStreamFormatAndConfiguration) {
     }
 }
 
-TEST_F(DmaFormat, RefusedFormatsLeaveTheChannelDetachedWithItsBuffers) {
-    MMEWaveStream* s = open(true, 2, 16);
+TEST_F(DmaFormat, StartWrapsAtTheBufferEndAndRefusedFormatsLeaveTheChannelDetached) {
+    MMEWaveStream* s = open(true, 2, 16); // 16384 bytes
     MMEDMAEmulator* in = mRig.channel(true);
+    using Pair = std::pair<ULONG, ULONG>; // transfer offset, position
+    auto positions = [&] { return Pair(in->transferOffset(), in->position()); };
+    EXPECT_EQ(in->Start(16384 - 1024, FALSE), STATUS_SUCCESS);
+    EXPECT_EQ(positions(), Pair(15360, 15360));
+    in->Start(1024, TRUE); // exactly to the end: back to 0
+    EXPECT_EQ(positions(), Pair(0, 0));
+    in->Start(1000, TRUE);
+    in->Start(16000, TRUE); // past the end: wraps once
+    EXPECT_EQ(positions(), Pair(616, 616));
+    in->Start(100000, TRUE); // more than the whole buffer still lands inside it
+    EXPECT_LT(in->position(), 16384u);
+    EXPECT_EQ(in->position(), in->transferOffset());
+
+    in->resetPosition();
+    EXPECT_EQ(in->position(), 0u);
+    EXPECT_NE(in->transferOffset(), 0u);
+
     void* cyclic = in->SystemAddress();
     const ULONG bytes = in->BufferSize();
 
@@ -213,27 +230,6 @@ TEST_F(DmaFormat, FreeBufferAndFailedAllocationsLeaveTheChannelWithoutBuffers) {
     }
 }
 
-TEST_F(DmaFormat, StartMovesBothPositionsAndWrapsAtTheBufferEnd) {
-    open(true, 2, 16); // 16384 bytes
-    MMEDMAEmulator* in = mRig.channel(true);
-    using Pair = std::pair<ULONG, ULONG>; // transfer offset, position
-    auto positions = [&] { return Pair(in->transferOffset(), in->position()); };
-    EXPECT_EQ(in->Start(16384 - 1024, FALSE), STATUS_SUCCESS);
-    EXPECT_EQ(positions(), Pair(15360, 15360));
-    in->Start(1024, TRUE); // exactly to the end: back to 0
-    EXPECT_EQ(positions(), Pair(0, 0));
-    in->Start(1000, TRUE);
-    in->Start(16000, TRUE); // past the end: wraps once
-    EXPECT_EQ(positions(), Pair(616, 616));
-    in->Start(100000, TRUE); // more than the whole buffer still lands inside it
-    EXPECT_LT(in->position(), 16384u);
-    EXPECT_EQ(in->position(), in->transferOffset());
-
-    in->resetPosition();
-    EXPECT_EQ(in->position(), 0u);
-    EXPECT_NE(in->transferOffset(), 0u);
-}
-
 TEST_F(DmaFormat, SilenceZeroesOnlyRangesItMayTouch) {
     open(false, 2, 16);
     MMEDMAEmulator* out = mRig.channel(false);
@@ -247,6 +243,7 @@ TEST_F(DmaFormat, SilenceZeroesOnlyRangesItMayTouch) {
     EXPECT_EQ(base[300], 0x11);
 
     std::memset(base, 0x11, size);
+    tracecap::clearTrace();
     out->silence(base, size + 1);       // more than the buffer: nothing
     out->silence(base + size - 10, 20); // would run past the end: nothing
     out->silence(nullptr, 10);
@@ -254,6 +251,9 @@ TEST_F(DmaFormat, SilenceZeroesOnlyRangesItMayTouch) {
 
     out->silence(base, size); // the whole buffer is fine
     EXPECT_TRUE(allAre(base, size));
+    // Only the call that would run past the end is traced.
+    EXPECT_EQ(tracecap::countLinesStartingWith("range outside the cyclic buffer count"), 1u)
+        << tracecap::dumpTrace();
 }
 
 TEST_F(DmaFormat, CopiesStayInsideTheBufferAndGoOnlyWithTheDirection) {

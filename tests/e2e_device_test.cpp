@@ -1,12 +1,9 @@
-// End to end through the client API: the rules between the two directions
-// (one hardware rate; a stream may bring a new rate only while the other
-// direction has none open; a stopped stream carries its format again after
-// the other one started), the KS state cycles users put streams through,
-// and the device side doing things: an ASIO client taking the device and
-// leaving (attach timer, timed start), the USB driver refusing a
-// configuration, exclusive inputs and a digital lock from the profile, and
+// End to end through the client API: the rate rules between the two
+// directions, the KS state cycles, an ASIO client taking the device and
+// leaving, the USB driver's refusals and digital lock, exclusive inputs, and
 // the device removed while streams run.
 #include "support/E2eRig.h"
+#include "support/TraceCapture.h"
 
 #include <algorithm>
 #include <atomic>
@@ -25,23 +22,44 @@ using e2e::traced;
 // The "NewState is" values the driver's stream printed, in order.
 std::vector<int> statesTraced() {
     std::vector<int> states;
-    const std::string key = "NewState is ";
-    for (const std::string& line : hostk::capturedLines()) {
-        size_t at = line.find(key);
-        if (at != std::string::npos)
-            states.push_back(std::stoi(line.substr(at + key.size())));
-    }
+    for (const std::string& m : tracecap::traceMessages())
+        if (m.find("NewState is ") != std::string::npos)
+            states.push_back(std::stoi(m.substr(m.find("NewState is ") + 12)));
     return states;
 }
 
 // ---- Directions ----
 
+// Intersection then offers only the open stream's rate, and the start of a
+// stream at another rate is refused.
 TEST(Directions, RenderAtAnotherRateIsRefusedAtStartWhileCaptureIsOpen) {
     for (bool captureRunning : {false, true}) {
         SCOPED_TRACE(captureRunning ? "capture running" : "capture stopped");
         Rig rig;
+        std::vector<UCHAR> format;
+        ULONG index = 99;
+        const auto anyRate = hostpc::clientRange(2, 16, 32, 8000, 192000);
+        // Nothing open: the pin's first range that the client's range meets.
+        ASSERT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin, anyRate, &format, &index),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(hostpc::waveFormatOf(format)->nSamplesPerSec, 44100u);
+        EXPECT_EQ(index, 0u);
         auto capture = rig.open(true, 48000, 2, 16);
         ASSERT_TRUE(capture);
+        EXPECT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin,
+                                        hostpc::clientRange(2, 16, 32, 44100, 44100), &format),
+                  STATUS_NO_MATCH);
+        ASSERT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin, anyRate, &format, &index),
+                  STATUS_SUCCESS);
+        const WAVEFORMATEX* w = hostpc::waveFormatOf(format);
+        EXPECT_EQ(w->nSamplesPerSec, 48000u) << "the ranges at other rates no longer intersect";
+        EXPECT_EQ(w->nChannels, 2u);
+        EXPECT_EQ(w->wBitsPerSample, 24u);
+        EXPECT_EQ(index, 1u);
+        // The capture pin has its stream already.
+        EXPECT_EQ(rig.filter->intersect(hostpc::kWaveCapturePin,
+                                        hostpc::clientRange(2, 16, 32, 48000, 48000), &format),
+                  STATUS_NO_MATCH);
         if (captureRunning) {
             ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
         }
@@ -70,36 +88,6 @@ TEST(Directions, RenderAtAnotherRateIsRefusedAtStartWhileCaptureIsOpen) {
         EXPECT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
         EXPECT_EQ(rig.model().settings().current.fr, 44100u);
     }
-}
-
-TEST(Directions, IntersectionOffersOnlyTheRateOfAnOpenStream) {
-    Rig rig;
-    std::vector<UCHAR> format;
-    ULONG index = 99;
-    // Nothing open: the pin's first range that the client's range meets.
-    ASSERT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin,
-                                    hostpc::clientRange(2, 16, 32, 8000, 192000), &format, &index),
-              STATUS_SUCCESS);
-    EXPECT_EQ(hostpc::waveFormatOf(format)->nSamplesPerSec, 44100u);
-    EXPECT_EQ(index, 0u);
-
-    auto capture = rig.open(true, 48000, 2, 16);
-    ASSERT_TRUE(capture);
-    EXPECT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin,
-                                    hostpc::clientRange(2, 16, 32, 44100, 44100), &format),
-              STATUS_NO_MATCH);
-    ASSERT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin,
-                                    hostpc::clientRange(2, 16, 32, 8000, 192000), &format, &index),
-              STATUS_SUCCESS);
-    const WAVEFORMATEX* w = hostpc::waveFormatOf(format);
-    EXPECT_EQ(w->nSamplesPerSec, 48000u) << "the ranges at other rates no longer intersect";
-    EXPECT_EQ(w->nChannels, 2u);
-    EXPECT_EQ(w->wBitsPerSample, 24u);
-    EXPECT_EQ(index, 1u);
-    // The capture pin has its stream already.
-    EXPECT_EQ(rig.filter->intersect(hostpc::kWaveCapturePin,
-                                    hostpc::clientRange(2, 16, 32, 48000, 48000), &format),
-              STATUS_NO_MATCH);
 }
 
 TEST(Directions, RenderAloneChangesTheRateAndCaptureThenFollowsIt) {
@@ -214,17 +202,13 @@ TEST(States, StartingWalksUpAndClosingWalksBackThroughEveryState) {
         for (int s = int(from) - 1; s >= 0; --s)
             down.push_back(s);
         EXPECT_EQ(statesTraced(), down);
-        const auto lines = hostk::capturedLines();
-        EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                                [](const std::string& l) {
-                                    return l.find("+ MMEDMAEmulator::Stop") != std::string::npos;
-                                }),
-                  from == KSSTATE_RUN ? 1 : 0)
+        EXPECT_EQ(tracecap::countLinesStartingWith("+ MMEDMAEmulator::Stop"),
+                  from == KSSTATE_RUN ? 1u : 0u)
             << "the DMA channel stops only when the stream leaves run";
         EXPECT_EQ(traced("WAVE STOP"), from != KSSTATE_STOP);
         EXPECT_EQ(render->setState(KSSTATE_RUN), STATUS_INVALID_DEVICE_STATE)
             << "a closed pin takes no more states";
-        EXPECT_TRUE(rig.directionFree(false));
+        EXPECT_NE(rig.open(false, 48000, 2, 16), nullptr) << "the driver let go of the pin";
     }
 }
 
@@ -304,9 +288,14 @@ TEST(Asio, StreamsPauseWhileItHoldsTheDeviceAndResumeThroughTheAttachTimer) {
     pump.periods(20);
     ASSERT_EQ(render->positionFrames(), 20u * 256);
 
+    // Back within the second: the timed start is cancelled.
+    rig.model().asioAttach();
+    rig.model().asioDetach();
+    pump.periods(kPeriodsPerSecond / 2);
     rig.model().asioAttach();
     EXPECT_FALSE(rig.model().mmeAttached());
-    pump.periods(50);
+    pump.periods(2 * kPeriodsPerSecond);
+    EXPECT_EQ(rig.model().callCount(USBCall_TimedStart), 0u);
     EXPECT_EQ(render->positionFrames(), 20u * 256) << "no period reaches the driver";
     EXPECT_EQ(capture->positionFrames(), 20u * 256);
 
@@ -330,27 +319,6 @@ TEST(Asio, StreamsPauseWhileItHoldsTheDeviceAndResumeThroughTheAttachTimer) {
     EXPECT_EQ(capture->counters().overruns, 0u);
     EXPECT_EQ(e2e::played(*out, 0, 2).sound, asPlayed(sent, 16))
         << "the render stream went on where it stopped, nothing lost or repeated";
-}
-
-TEST(Asio, ReturningWithinTheSecondCancelsTheTimedStart) {
-    Rig rig;
-    auto render = rig.open(false, 48000, 2, 16);
-    ASSERT_TRUE(render);
-    Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 48000, 16, 2), 16), nullptr);
-    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
-    pump.periods(5);
-    rig.model().asioAttach();
-    rig.model().asioDetach();
-    pump.periods(kPeriodsPerSecond / 2);
-    rig.model().asioAttach();
-    pump.periods(2 * kPeriodsPerSecond);
-    EXPECT_EQ(rig.model().callCount(USBCall_TimedStart), 0u);
-    EXPECT_EQ(render->positionFrames(), 5u * 256);
-
-    rig.model().asioDetach();
-    pump.periods(kPeriodsPerSecond + 4);
-    EXPECT_EQ(rig.model().callCount(USBCall_TimedStart), 1u);
-    EXPECT_GT(render->positionFrames(), 5u * 256);
 }
 
 // ---- The USB driver's own rules ----
@@ -389,10 +357,9 @@ TEST(UsbDriver, ARefusedConfigurationFailsTheStartAndChangesNothing) {
     ASSERT_TRUE(render);
     EXPECT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
     EXPECT_EQ(rig.model().settings().current.fr, 88200u);
-}
+    render.reset();
 
-TEST(UsbDriver, ADigitalLockAllowsOnlyItsRate) {
-    Rig rig;
+    // A digital lock allows only its rate.
     rig.model().setDigitalLock(44100);
     hostk::clearCaptured();
     const size_t blocks = hostk::poolStats().liveBlocks;
@@ -438,69 +405,58 @@ TEST(UsbDriver, ExclusiveInputsOnAScheduleSilenceCaptureMeanwhile) {
 // ---- Removal, with the port servicing on its DPC thread as on Windows ----
 
 TEST(Removal, WhileStreamsRunEverythingIsReleased) {
-    Rig rig;
-    rig.harness.loader.setServiceMode(hostpc::ServiceMode::Concurrent);
-    rig.model().setLoopback(512);
-    auto capture = rig.open(true, 48000, 2, 16);
-    auto render = rig.open(false, 48000, 2, 16);
-    ASSERT_TRUE(capture && render);
-    Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 20000, 16, 6), 16), capture.get());
-    ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
-    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
-    pump.periods(20);
-    KeFlushQueuedDpcs(); // services still queued take what the periods moved
-    pump.drain();
-    rig.model().runPeriods(1); // one period recorded, not yet read
-    KeFlushQueuedDpcs();       // once its service has run
-    ASSERT_EQ(capture->queuedFrames(), 256u);
-    const size_t objects = hostpc::liveObjects();
+    for (bool realTime : {false, true}) {
+        SCOPED_TRACE(realTime ? "the clock on its own thread" : "periods run by the test");
+        Rig rig;
+        rig.harness.loader.setServiceMode(hostpc::ServiceMode::Concurrent);
+        rig.model().setLoopback(512);
+        auto capture = rig.open(true, 48000, 2, 16);
+        auto render = rig.open(false, 48000, 2, 16);
+        ASSERT_TRUE(capture && render);
+        Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 20000, 16, 6), 16), capture.get());
+        ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
+        ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+        if (realTime) {
+            rig.model().startRealTime();
+            std::vector<uint8_t> chunk(4096 * 4);
+            const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(120);
+            while (std::chrono::steady_clock::now() < until) {
+                capture->read(chunk.data(), 4096);
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
+            EXPECT_GT(capture->positionFrames(), 0u) << "the clock thread moved audio";
+        } else {
+            pump.periods(20);
+            KeFlushQueuedDpcs(); // services still queued take what the periods moved
+            pump.drain();
+            rig.model().runPeriods(1); // one period recorded, not yet read
+            KeFlushQueuedDpcs();       // once its service has run
+            ASSERT_EQ(capture->queuedFrames(), 256u);
+        }
+        const size_t objects = hostpc::liveObjects();
 
-    rig.harness.remove();
-    EXPECT_TRUE(hostk::assertReports().empty());
-    EXPECT_TRUE(hostk::verifierFailures().empty());
-    EXPECT_EQ(rig.model().callCount(USBCall_Unregister), 1u);
-    EXPECT_EQ(rig.model().link(), nullptr);
-    EXPECT_LT(hostpc::liveObjects(), objects) << "ports and the service group went";
-
-    for (hostpc::KsStream* s : {render.get(), capture.get()}) {
-        EXPECT_TRUE(s->removed());
-        EXPECT_EQ(s->state(), KSSTATE_STOP);
-        EXPECT_EQ(s->setState(KSSTATE_RUN), hostpc::kStatusDeviceRemoved);
+        rig.harness.remove(); // Unregister stops the clock
+        EXPECT_FALSE(rig.model().realTimeRunning());
+        EXPECT_TRUE(hostk::assertReports().empty());
+        EXPECT_TRUE(hostk::verifierFailures().empty());
+        EXPECT_EQ(rig.model().callCount(USBCall_Unregister), 1u);
+        EXPECT_EQ(rig.model().link(), nullptr);
+        EXPECT_LT(hostpc::liveObjects(), objects) << "ports and the service group went";
+        for (hostpc::KsStream* s : {render.get(), capture.get()}) {
+            EXPECT_TRUE(s->removed());
+            EXPECT_EQ(s->state(), KSSTATE_STOP);
+            EXPECT_EQ(s->setState(KSSTATE_RUN), hostpc::kStatusDeviceRemoved);
+        }
+        EXPECT_EQ(render->write("\1\2\3\4", 1), 0u);
+        if (realTime)
+            continue;
+        std::vector<uint8_t> rest(512 * 4);
+        EXPECT_EQ(capture->read(rest.data(), 512), 256u) << "what was recorded is still there";
+        const uint64_t calls = rig.model().exchangeCalls();
+        rig.model().runPeriods(5);
+        EXPECT_EQ(rig.model().exchangeCalls(), calls) << "no period reaches a removed driver";
+        EXPECT_TRUE(hostk::assertReports().empty());
     }
-    EXPECT_EQ(render->write("\1\2\3\4", 1), 0u);
-    std::vector<uint8_t> rest(512 * 4);
-    EXPECT_EQ(capture->read(rest.data(), 512), 256u) << "what was recorded is still there";
-    const uint64_t calls = rig.model().exchangeCalls();
-    rig.model().runPeriods(5);
-    EXPECT_EQ(rig.model().exchangeCalls(), calls) << "no period reaches a removed driver";
-    EXPECT_TRUE(hostk::assertReports().empty());
-}
-
-TEST(Removal, WhileTheRealTimeClockRunsOnItsOwnThread) {
-    Rig rig;
-    rig.harness.loader.setServiceMode(hostpc::ServiceMode::Concurrent);
-    rig.model().setLoopback(512);
-    auto capture = rig.open(true, 48000, 2, 16);
-    auto render = rig.open(false, 48000, 2, 16);
-    ASSERT_TRUE(capture && render);
-    const auto bytes = e2e::pack(e2e::noise(2 * 48000, 16, 12), 16);
-    render->write(bytes.data(), 48000);
-    ASSERT_EQ(capture->setState(KSSTATE_RUN), STATUS_SUCCESS);
-    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
-    rig.model().startRealTime();
-    std::vector<uint8_t> chunk(4096 * 4);
-    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(120);
-    while (std::chrono::steady_clock::now() < until) {
-        capture->read(chunk.data(), 4096);
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    EXPECT_GT(capture->positionFrames(), 0u) << "the clock thread moved audio";
-    rig.harness.remove(); // Unregister stops the clock
-    EXPECT_FALSE(rig.model().realTimeRunning());
-    EXPECT_TRUE(render->removed());
-    EXPECT_TRUE(capture->removed());
-    EXPECT_TRUE(hostk::assertReports().empty());
-    EXPECT_TRUE(hostk::verifierFailures().empty());
 }
 
 TEST(Removal, PinsOpenedWhileTheDeviceGoesAreClosedWithIt) {

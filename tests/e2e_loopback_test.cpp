@@ -89,16 +89,6 @@ INSTANTIATE_TEST_SUITE_P(
                (c.extensible ? "Extensible" : "") + "Period" + std::to_string(c.devicePeriod);
     });
 
-// Not offered either: wave_ranges_test, wave_format_test.
-TEST(LoopbackFormats, ThirtyTwoBitStreamsAreRefused) {
-    Rig rig;
-    for (bool capture : {true, false}) {
-        NTSTATUS status = STATUS_SUCCESS;
-        EXPECT_EQ(rig.open(capture, 48000, 2, 32, &status), nullptr);
-        EXPECT_EQ(status, STATUS_NOT_SUPPORTED) << (capture ? "capture" : "render");
-    }
-}
-
 // ---- Channels ----
 
 // Fewer stream channels than the device's eight: render zero-pads the ring

@@ -71,8 +71,15 @@ TEST(PinCreation, ThePortRefusesWhatNoPinCanTake) {
     EXPECT_EQ(topology.open(0, good, {}, &stream), STATUS_INVALID_PARAMETER);
 }
 
-TEST(PinCreation, ASecondPinOfADirectionIsTheDriversRefusal) {
+// The driver's own refusals: 32-bit streams (not offered either:
+// wave_filter_test) and a second pin of a direction.
+TEST(PinCreation, ThirtyTwoBitStreamsAndASecondPinOfADirectionAreTheDriversRefusals) {
     Rig rig;
+    for (bool capture : {true, false}) {
+        NTSTATUS status = STATUS_SUCCESS;
+        EXPECT_EQ(rig.open(capture, 48000, 2, 32, &status), nullptr);
+        EXPECT_EQ(status, STATUS_NOT_SUPPORTED) << (capture ? "capture" : "render");
+    }
     auto first = rig.open(true, 48000, 2, 16);
     ASSERT_TRUE(first);
     ASSERT_EQ(first->setState(KSSTATE_RUN), STATUS_SUCCESS);
@@ -166,8 +173,25 @@ TEST(Intersection, AsksTheSizeFirstThenGetsTheFormat) {
     EXPECT_EQ(stream->counters().overruns, 0u);
 }
 
-TEST(Intersection, NoFormatWhereTheRangesDoNotMeet) {
+// The pins as a client lists them, the ranges that meet none of them, and the
+// same filter once its device is gone.
+TEST(Intersection, PinsDescribeTheirRangesAndNoFormatWhereTheRangesDoNotMeet) {
     Rig rig;
+    const auto pins = rig.filter->pins();
+    ASSERT_EQ(pins.size(), 4u);
+    EXPECT_TRUE(pins[0].streaming && pins[0].capture);
+    EXPECT_FALSE(pins[1].streaming);
+    EXPECT_TRUE(pins[2].streaming && !pins[2].capture);
+    EXPECT_FALSE(pins[3].streaming);
+    EXPECT_TRUE(pins[1].ranges.empty()) << "a bridge pin's range is analog, not PCM";
+    ASSERT_EQ(pins[2].ranges.size(), 6u);
+    const ULONG rates[] = {44100, 48000, 88200, 96000, 176400, 192000};
+    for (size_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(pins[2].ranges[i].MinimumSampleFrequency, rates[i]);
+        EXPECT_EQ(pins[2].ranges[i].MaximumSampleFrequency, rates[i]);
+        EXPECT_EQ(pins[2].ranges[i].MaximumChannels, 8u);
+    }
+
     std::vector<UCHAR> format(5, 1);
     const auto stereo = hostpc::clientRange(2, 16, 24, 44100, 192000);
     EXPECT_EQ(rig.filter->intersect(1, stereo, &format), STATUS_NO_MATCH) << "bridge pin";
@@ -184,35 +208,10 @@ TEST(Intersection, NoFormatWhereTheRangesDoNotMeet) {
     notPcm.DataRange.SubFormat = KSDATAFORMAT_TYPE_AUDIO;
     EXPECT_EQ(rig.filter->intersect(2, notPcm, &format), STATUS_NO_MATCH);
     EXPECT_EQ(rig.filter->intersect(2, stereo, nullptr), STATUS_INVALID_PARAMETER);
-}
 
-TEST(Intersection, PinsDescribeTheStreamingAndBridgePins) {
-    Rig rig;
-    const auto pins = rig.filter->pins();
-    ASSERT_EQ(pins.size(), 4u);
-    EXPECT_TRUE(pins[0].streaming && pins[0].capture);
-    EXPECT_FALSE(pins[1].streaming);
-    EXPECT_TRUE(pins[2].streaming && !pins[2].capture);
-    EXPECT_FALSE(pins[3].streaming);
-    EXPECT_TRUE(pins[1].ranges.empty()) << "a bridge pin's range is analog, not PCM";
-    ASSERT_EQ(pins[2].ranges.size(), 6u);
-    const ULONG rates[] = {44100, 48000, 88200, 96000, 176400, 192000};
-    for (size_t i = 0; i < 6; ++i) {
-        EXPECT_EQ(pins[2].ranges[i].MinimumSampleFrequency, rates[i]);
-        EXPECT_EQ(pins[2].ranges[i].MaximumSampleFrequency, rates[i]);
-        EXPECT_EQ(pins[2].ranges[i].MaximumChannels, 8u);
-    }
-}
-
-// ---- A filter whose device is gone ----
-
-TEST(RemovedFilter, AnswersThatTheDeviceIsGone) {
-    Rig rig;
-    ASSERT_EQ(rig.filter->pins().size(), 4u);
     rig.harness.remove();
     EXPECT_TRUE(rig.filter->valid()) << "the client's handle stays";
     EXPECT_TRUE(rig.filter->pins().empty());
-    std::vector<UCHAR> format;
     EXPECT_EQ(rig.filter->intersect(2, hostpc::clientRange(2, 16, 24, 48000, 48000), &format),
               hostpc::kStatusDeviceRemoved);
     std::unique_ptr<hostpc::KsStream> stream;

@@ -1,10 +1,7 @@
-// The wave miniport and its streams, below what the end-to-end suites show:
-// interfaces, Init with its unwinding, GetDescription, NewStream's refusals
-// and references, onSetFormat's channel request, the running report, the
-// notification interval, positions, SetFormat and Init with their refusals
-// and the DMA channel's shape, and the teardown when the port lets go. (The
-// rate rule between the directions, the format carried at the start and the
-// DMA stop on leaving run: e2e_device_test.)
+// The wave miniport and its streams below what the end-to-end suites show
+// (the rate rule between the directions, the format carried at the start and
+// the DMA stop on leaving run are in e2e_device_test): Init and its unwinding,
+// NewStream, SetFormat and Init refusals, positions and the teardown.
 #include "driver/wave/MMEWave.h"
 #include "driver/wave/MMEWaveStream.h"
 #include "support/DeviceInfoBuilder.h"
@@ -32,7 +29,7 @@ PKSDATAFORMAT asFormat(std::vector<UCHAR>& f) {
 
 // ---- The miniport bound to an adapter that never started ----
 
-TEST(WaveMiniport, InitBindsAdapterPortAndServiceGroupAndReleaseGivesThemBack) {
+TEST(WaveMiniport, InitBindsAdapterPortAndServiceGroupOrUnwindsAndReleaseGivesThemBack) {
     LightRig rig;
     IMiniportWaveCyclic* self = rig.wave;
     checks::expectInterfaces(self, self, {&IID_IUnknown, &IID_IMiniport, &IID_IMiniportWaveCyclic},
@@ -58,9 +55,8 @@ TEST(WaveMiniport, InitBindsAdapterPortAndServiceGroupAndReleaseGivesThemBack) {
     EXPECT_EQ(rig.port.refs, 1);
     EXPECT_EQ(hostpc::liveObjects(), 0u);
     EXPECT_TRUE(tracecap::containsLineStartingWith("+ DESTRUCTOR MMEWave::~MMEWave"));
-}
 
-TEST(WaveMiniport, InitFailuresUnwind) {
+    // Failed Inits unwind.
     {
         LightRig rig(nullptr, /*init=*/false);
         wavetest::FakeWavePort notAnAdapter;
@@ -81,15 +77,17 @@ TEST(WaveMiniport, InitFailuresUnwind) {
         EXPECT_EQ(refs(rig.adapter), 1);
         EXPECT_EQ(rig.port.refs, 1);
     }
-    LightRig rig(nullptr, /*init=*/false);
-    EXPECT_EQ(rig.wave->Init(nullptr, nullptr, nullptr), STATUS_INVALID_PARAMETER);
+    LightRig bare(nullptr, /*init=*/false);
+    EXPECT_EQ(bare.wave->Init(nullptr, nullptr, nullptr), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(hostk::assertReports().size(), 2u);
     hostk::clearAssertReports();
 }
 
-TEST(WaveMiniport, GetDescription) {
+// GetDescription (a failed allocation leaves nothing half built), then
+// NewStream's refusals where no stream can open.
+TEST(WaveMiniport, GetDescriptionAndNewStreamRefusalsWithoutStreams) {
     DeviceInfoBuilder dev;
-    dev.output(24, 2, {48000});
+    dev.input(16, 2, {48000}).output(16, 2, {48000});
     LightRig rig(dev.get());
     hostk::failAllocation(1);
     PPCFILTER_DESCRIPTOR first = nullptr, second = nullptr;
@@ -102,13 +100,7 @@ TEST(WaveMiniport, GetDescription) {
     EXPECT_EQ(rig.wave->GetDescription(nullptr), STATUS_INVALID_PARAMETER);
     ASSERT_EQ(hostk::assertReports().size(), 1u);
     hostk::clearAssertReports();
-}
 
-TEST(WaveMiniport, NewStreamRefusalsWithoutStreams) {
-    DeviceInfoBuilder dev;
-    dev.input(16, 2, {48000}).output(16, 2, {48000});
-    LightRig rig(dev.get());
-    ASSERT_EQ(rig.describe(), STATUS_SUCCESS);
     std::vector<UCHAR> format = makeFormat({48000, 2, 16}), odd = makeFormat({48000, 3, 16});
     PMINIPORTWAVECYCLICSTREAM stream = nullptr;
     PDMACHANNEL dma = nullptr;
@@ -258,9 +250,21 @@ TEST_F(Wave, RunningReportIsTheOrOfBothStreams) {
 
 // ---- The stream ----
 
-TEST_F(Wave, NotificationEvery256Frames) {
+TEST_F(Wave, StreamInterfacesRefusedArgumentsAndANotificationEvery256Frames) {
     MMEWaveStream* s = open(false, {48000, 2, 16}); // 4-byte frames
     ASSERT_NE(s, nullptr);
+    IMiniportWaveCyclicStream* self = s;
+    checks::expectInterfaces(self, self, {&IID_IMiniportWaveCyclicStream, &IID_IUnknown},
+                             {&IID_IMiniport});
+    ChannelConfig settings{};
+    ASSERT_TRUE(s->getAdapterSettings(&settings));
+    EXPECT_EQ(settings, stack.adapter->linkInfo().mcAttachChannels);
+    EXPECT_FALSE(s->getAdapterSettings(nullptr));
+    EXPECT_EQ(s->GetPosition(nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_TRUE(tracecap::containsLine("MMEWaveStream::GetPosition Position is NULL"));
+    EXPECT_EQ(s->SetState(static_cast<KSSTATE>(7)), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(s->state(), KSSTATE_STOP);
+
     ChannelConfig& wanted = stack.adapter->linkInfo().mcAttachChannels;
     ASSERT_EQ(wanted.fr, 48000u);
     struct {
@@ -317,23 +321,6 @@ TEST_F(Wave, NormalizePhysicalPosition) {
     }
     EXPECT_TRUE(tracecap::containsLine("*PhysicalPosition  10000000"));
     EXPECT_EQ(s->NormalizePhysicalPosition(nullptr), STATUS_INVALID_PARAMETER);
-}
-
-TEST_F(Wave, StreamInterfacesSettingsAndRefusedArguments) {
-    MMEWaveStream* s = open(false, {48000, 2, 16});
-    ASSERT_NE(s, nullptr);
-    IMiniportWaveCyclicStream* self = s;
-    checks::expectInterfaces(self, self, {&IID_IMiniportWaveCyclicStream, &IID_IUnknown},
-                             {&IID_IMiniport});
-    ChannelConfig settings{};
-    ASSERT_TRUE(s->getAdapterSettings(&settings));
-    EXPECT_EQ(settings, stack.adapter->linkInfo().mcAttachChannels);
-    EXPECT_FALSE(s->getAdapterSettings(nullptr));
-
-    EXPECT_EQ(s->GetPosition(nullptr), STATUS_INVALID_PARAMETER);
-    EXPECT_TRUE(tracecap::containsLine("MMEWaveStream::GetPosition Position is NULL"));
-    EXPECT_EQ(s->SetState(static_cast<KSSTATE>(7)), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(s->state(), KSSTATE_STOP);
 }
 
 TEST_F(Wave, RefusedFormatStillShapesTheDmaChannel) {

@@ -46,15 +46,6 @@ public:
         return out;
     }
 
-    // Whether the driver takes a new pin of this direction now: it serves
-    // one stream per direction, so a stream it still holds shows here.
-    bool directionFree(bool capture) {
-        auto stream = open(capture, 48000, 2, 16);
-        if (stream)
-            stream->close();
-        return stream != nullptr;
-    }
-
     std::unique_ptr<hostpc::KsStream> open(bool capture, ULONG rate, USHORT channels, USHORT bits,
                                            NTSTATUS* status = nullptr,
                                            const hostpc::StreamOptions& options = {}) {
