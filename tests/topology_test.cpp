@@ -153,7 +153,7 @@ TEST_F(Topology, QueryInterfaceIdentitiesTracesAndIntersection) {
               STATUS_NOT_IMPLEMENTED);
 }
 
-TEST_F(Topology, InitBindsAndDestructionReleases) {
+TEST_F(Topology, InitBindsRefusesAndDestructionReleases) {
     tracecap::clearTrace();
     MMETopology* fresh = new MMETopology();
     char expected[80];
@@ -174,26 +174,24 @@ TEST_F(Topology, InitBindsAndDestructionReleases) {
     EXPECT_EQ(refs(adapter), 1);
     EXPECT_EQ(port.refs, 1);
     EXPECT_TRUE(tracecap::containsLineStartingWith("+ DESTRUCTOR MMETopology::~MMETopology"));
-}
 
-TEST_F(Topology, InitFailures) {
     // No adapter behind the unknown: the port is not asked for its events.
-    wavetest::FakeWavePort notAnAdapter;
-    EXPECT_EQ(topo->Init(&notAnAdapter, nullptr, &port), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(topo->adapter(), nullptr);
-    EXPECT_EQ(port.queries, 0);
-    EXPECT_EQ(adapter->topology(), nullptr);
-    // A port without events: bound all the same.
-    port.withEvents = false;
-    EXPECT_EQ(topo->Init(static_cast<IMMEAdapter*>(adapter), nullptr, &port), STATUS_SUCCESS);
-    EXPECT_EQ(topo->portEvents(), nullptr);
-    EXPECT_EQ(adapter->topology(), topo);
-
     MMETopology* other = new MMETopology();
     other->AddRef();
+    wavetest::FakeWavePort notAnAdapter;
+    port.queries = 0;
+    EXPECT_EQ(other->Init(&notAnAdapter, nullptr, &port), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(other->adapter(), nullptr);
+    EXPECT_EQ(port.queries, 0);
+    EXPECT_EQ(adapter->topology(), nullptr);
     EXPECT_EQ(other->Init(nullptr, nullptr, nullptr), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(hostk::assertReports().size(), 2u);
     hostk::clearAssertReports();
+    // A port without events: bound all the same.
+    port.withEvents = false;
+    EXPECT_EQ(other->Init(static_cast<IMMEAdapter*>(adapter), nullptr, &port), STATUS_SUCCESS);
+    EXPECT_EQ(other->portEvents(), nullptr);
+    EXPECT_EQ(adapter->topology(), other);
     other->Release();
 }
 
