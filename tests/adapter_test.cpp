@@ -616,9 +616,10 @@ TEST_F(Notifications, AttachTimerFiresOnceASecondAfterTheLastAsioDetach) {
     EXPECT_EQ(tracecap::traceMessages(),
               (std::vector<std::string>{"+ MMEAdapter::onTimer(unsigned long iTimerID) 0x00000009",
                                         "- MMEAdapter::onTimer(unsigned long iTimerID)"}));
-}
 
-TEST_F(Notifications, WithoutRequestTheAttachSequenceStillRunsButSendsNothing) {
+    // Without a request the attach sequence still runs but sends nothing.
+    adapter->setWaveRunning(false);
+    h->model.notify(MMENotify_OnMMEDetached);
     h->model.preventFurtherCalls();
     tracecap::clearTrace();
     adapter->setWaveRunning(true);

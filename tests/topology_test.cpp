@@ -253,7 +253,7 @@ LONG getMute(ULONG node) {
 
 } // namespace
 
-TEST(TopologyControls, MutesAndLevelsPerNode) {
+TEST(TopologyControls, MutesAndLevelsPerNodeWhileSampleRatesOnlyTrace) {
     resetTopologyControls();
     EXPECT_EQ(getMute(TOPO_NODE_WAVEOUT_MUTE), 0);
     EXPECT_EQ(setMute(TOPO_NODE_WAVEOUT_MUTE, 0x100), STATUS_SUCCESS);
@@ -276,6 +276,19 @@ TEST(TopologyControls, MutesAndLevelsPerNode) {
     resetTopologyControls();
     EXPECT_EQ(getMute(TOPO_NODE_LINEIN_MUTE), 0);
     EXPECT_EQ(getLevel(TOPO_NODE_WAVEOUT_VOLUME) | getLevel(TOPO_NODE_LINEIN_VOLUME), 0);
+
+    // The sample-rate handlers only trace.
+    Request r(0, KSPROPERTY_TYPE_GET, 4, KSPROPERTY_AUDIO_SAMPLING_RATE, 1234);
+    EXPECT_EQ(PropertyHandler_SR_CHANGE(&r.req), STATUS_SUCCESS);
+    EXPECT_EQ(r.asLong(), 1234);
+    EXPECT_TRUE(tracecap::containsLineStartingWith("+ PropertyHandler_SR_CHANGE"));
+    PCEVENT_ITEM item{&KSPROPSETID_Audio, KSPROPERTY_AUDIO_SAMPLING_RATE, 0, nullptr};
+    PCEVENT_REQUEST e{};
+    e.EventItem = &item;
+    e.Verb = PCEVENT_VERB_ADD;
+    EXPECT_EQ(EventHandler_SR_CHANGE(&e), STATUS_SUCCESS);
+    EXPECT_EQ(EventHandler_SR_CHANGE(nullptr), STATUS_SUCCESS);
+    EXPECT_TRUE(tracecap::containsLineStartingWith("+ EventHandler_SR_CHANGE"));
 }
 
 TEST(TopologyControls, MalformedRequestsAreRefusedAndStoreNothing) {
@@ -359,18 +372,4 @@ TEST(TopologyControls, LevelBasicSupportBySize) {
     }
     Request tiny(TOPO_NODE_WAVEOUT_VOLUME, KSPROPERTY_TYPE_BASICSUPPORT, 3);
     EXPECT_EQ(PropertyHandler_Level(&tiny.req), STATUS_INVALID_DEVICE_REQUEST);
-}
-
-TEST(TopologyControls, SampleRateHandlersOnlyTrace) {
-    Request r(0, KSPROPERTY_TYPE_GET, 4, KSPROPERTY_AUDIO_SAMPLING_RATE, 1234);
-    EXPECT_EQ(PropertyHandler_SR_CHANGE(&r.req), STATUS_SUCCESS);
-    EXPECT_EQ(r.asLong(), 1234);
-    EXPECT_TRUE(tracecap::containsLineStartingWith("+ PropertyHandler_SR_CHANGE"));
-    PCEVENT_ITEM item{&KSPROPSETID_Audio, KSPROPERTY_AUDIO_SAMPLING_RATE, 0, nullptr};
-    PCEVENT_REQUEST e{};
-    e.EventItem = &item;
-    e.Verb = PCEVENT_VERB_ADD;
-    EXPECT_EQ(EventHandler_SR_CHANGE(&e), STATUS_SUCCESS);
-    EXPECT_EQ(EventHandler_SR_CHANGE(nullptr), STATUS_SUCCESS);
-    EXPECT_TRUE(tracecap::containsLineStartingWith("+ EventHandler_SR_CHANGE"));
 }

@@ -114,7 +114,7 @@ TEST(FindDeviceFormat, DirectionRulesPerDeviceList) {
         {"an OUT endpoint", NONE, kOut, {0, 0x81, 0}, {256, 0x02, 0}, 2, 1, false, true},
         {"no endpoints", NONE, kOut, {0, 0x81, 0}, {256, 0x02, 0}, 0, 1, false, false},
         {"both kinds", NONE, kOut, {512, 0x01, 0}, {64, 0x81, 0}, 2, 1, true, true},
-        {"input only, output interface",
+        {"input only, out iface",
          INPUT_ONLY,
          kOut,
          {512, 0x01, 0},
@@ -123,15 +123,7 @@ TEST(FindDeviceFormat, DirectionRulesPerDeviceList) {
          1,
          false,
          true},
-        {"input only, input interface",
-         INPUT_ONLY,
-         kIn,
-         {512, 0x01, 0},
-         {64, 0x81, 0},
-         2,
-         1,
-         true,
-         true},
+        {"input only, in iface", INPUT_ONLY, kIn, {512, 0x01, 0}, {64, 0x81, 0}, 2, 1, true, true},
         {"input only, unusable", INPUT_ONLY, kIn, {0, 0x01, 0}, {0, 0x01, 0}, 1, 1, false, false},
         {"by interface", BY_INTERFACE, kIn, {0, 0x01, 0}, {0, 0x01, 0}, 1, 1, true, false},
         {"by interface wins", BOTH, kIn, {0, 0x01, 0}, {0, 0x01, 0}, 1, 1, true, false},
@@ -145,9 +137,9 @@ TEST(FindDeviceFormat, DirectionRulesPerDeviceList) {
     for (const Row& r : rows) {
         SCOPED_TRACE(r.what);
         std::optional<ListGuard> inputOnly, byInterface;
+        const std::vector<DeviceIdPair> ids{{0x0A0A, 0x0B0B}};
         if (r.lists & INPUT_ONLY)
-            inputOnly.emplace(INPUT_INTERFACE_ONLY_DEVICES,
-                              std::vector<DeviceIdPair>{{0x0A0A, 0x0B0B}});
+            inputOnly.emplace(INPUT_INTERFACE_ONLY_DEVICES, ids);
         if (r.lists & BY_INTERFACE)
             byInterface.emplace(DIRECTION_BY_INTERFACE_DEVICES,
                                 std::vector<DeviceIdPair>{{0x0A0A, 0x0B0B}});
@@ -590,7 +582,7 @@ TEST_F(Validation, TwentyBitsNeverPassEvenInsideTheRange) {
     }
 }
 
-TEST_F(Validation, DigitalLockRefusesOtherRatesFirst) {
+TEST_F(Validation, DigitalLockRefusesOtherRatesFirstAndTheHeaderComesLast) {
     rig->settings.mDigitalLockFrequency = 44100;
     EXPECT_EQ(validate({48000, 8, 24, 24}), STATUS_NOT_SUPPORTED);
     checks::expectLines({"allow digital lock frequency only 44100",
@@ -599,9 +591,8 @@ TEST_F(Validation, DigitalLockRefusesOtherRatesFirst) {
     EXPECT_EQ(result.MaximumChannels, kUntouched);
     rig->settings.mDigitalLockFrequency = 48000;
     EXPECT_EQ(validate({48000, 8, 24, 24}), STATUS_SUCCESS);
-}
 
-TEST_F(Validation, HeaderCheckedAfterTheRanges) {
+    // The header is checked after the ranges.
     FormatDesc shortHeader{48000, 8, 24, 24}, noSpecifier = shortHeader, notAudio = shortHeader;
     shortHeader.formatSize = 81;
     shortHeader.bufferSize = 82;
@@ -772,7 +763,7 @@ TEST_F(Intersection, RefusalsInTheirOrder) {
     EXPECT_TRUE(tracecap::containsLine("...!ResultantFormatLength"));
 }
 
-TEST_F(Intersection, BufferLengthProtocol) {
+TEST_F(Intersection, BufferLengthProtocolAndDigitalLock) {
     struct {
         ULONG length;
         bool buffer;
@@ -797,9 +788,8 @@ TEST_F(Intersection, BufferLengthProtocol) {
     EXPECT_EQ(intersect(rig->wave, WAVE_PIN_CAPTURE, &client, &mono, 0).status,
               STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(intersect(rig->wave, WAVE_PIN_CAPTURE, &client, &mono).status, STATUS_NO_MATCH);
-}
 
-TEST_F(Intersection, DigitalLockBindsTheRate) {
+    // A digital lock binds the rate.
     rig->settings.mDigitalLockFrequency = 44100;
     EXPECT_EQ(intersect(rig->wave, WAVE_PIN_CAPTURE, &client, &pin48k).status, STATUS_NO_MATCH);
     EXPECT_TRUE(tracecap::containsLine(
