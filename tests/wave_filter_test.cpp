@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -199,19 +200,8 @@ TEST(FindDeviceFormat, ConfigurationsOutOfRangeAndCountsAboveCapacities) {
 
 namespace {
 
-struct Range {
-    ULONG rate, minBits, maxBits, maxChannels;
-    bool operator==(const Range& o) const {
-        return rate == o.rate && minBits == o.minBits && maxBits == o.maxBits &&
-               maxChannels == o.maxChannels;
-    }
-};
+using Range = std::array<ULONG, 4>; // rate, bits from, bits to, channels
 using Ranges = std::vector<Range>;
-
-std::ostream& operator<<(std::ostream& os, const Range& r) {
-    return os << r.rate << " Hz " << r.minBits << ".." << r.maxBits << " bits " << r.maxChannels
-              << " ch";
-}
 
 class PinDataRanges : public ::testing::Test {
 protected:
