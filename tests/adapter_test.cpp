@@ -114,20 +114,17 @@ TEST(Entry, NeverStartedFirstDeviceMakesTheSecondAddTimeOutOrFailWithTheDelay) {
     ASSERT_TRUE(first.link() && second.link());
     EXPECT_NE(first.link(), second.link());
     EXPECT_NE(loader.fdo(first.pdo()), loader.fdo(second.pdo()));
-}
 
-// A failed adapter allocation in the start: the allocation sweep's adapter role.
-TEST(Entry, FailedAddLeavesTheHandOverFree) {
-    usbsim::UsbDriverModel first;
-    hostpc::DriverLoader loader;
+    // A failed add leaves the hand-over free.
+    usbsim::UsbDriverModel third;
     hostpc::fail(hostpc::Op::AddAdapterDevice, STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(loader.addDevice(first.pdo()), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(loader.addDevice(third.pdo()), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_TRUE(tracecap::containsLine("returned  0xC000009A"));
     EXPECT_EQ(_pdoUseLock, 0);
     EXPECT_EQ(_pendingPdo, nullptr);
     hostpc::clearFailures();
     // No start routine: refused before the lock is touched.
-    EXPECT_EQ(AddAdapterDeviceLocked(loader.driverObject(), first.pdo(), nullptr, 3, 0),
+    EXPECT_EQ(AddAdapterDeviceLocked(loader.driverObject(), third.pdo(), nullptr, 3, 0),
               STATUS_INVALID_PARAMETER);
     EXPECT_EQ(_pdoUseLock, 0);
 }
@@ -442,7 +439,7 @@ TEST_F(StartedAdapter, RefusedChangeLeavesTheWantedConfigurationMirroringTheHard
     EXPECT_EQ(wantedOf(adapter), hardware);
 }
 
-TEST_F(StartedAdapter, HardwareCheckAsksForTheWantedConfigurationBackAndDigitalLock) {
+TEST_F(StartedAdapter, HardwareCheckAsksForTheWantedBackAndReportedChangesReachTheStreams) {
     ASSERT_TRUE(adapter->refreshAttachChannels());
     adapter->checkHardwareConfig(); // nothing drifted
     EXPECT_TRUE(h.model.calls().empty());
@@ -459,9 +456,8 @@ TEST_F(StartedAdapter, HardwareCheckAsksForTheWantedConfigurationBackAndDigitalL
     h.model.setDigitalLock(44100);
     EXPECT_EQ(adapter->getHWDigitalLockFrequency(), 44100u);
     EXPECT_TRUE(tracecap::containsLine("digital lock: 44100"));
-}
 
-TEST_F(StartedAdapter, ReportedChangesReachTheStreamsByRateOnly) {
+    // Reported changes reach the streams by rate only.
     h.wave()->setSampleRate(hardware.fr);
     const ChannelConfig wanted = config(48000, 2, 2, 24, 24, 3);
     adapter->changeConfig(&wanted, false);
@@ -546,7 +542,11 @@ TEST_F(Notifications, NotificationsAndStateQuestionsPrintTheirLinesAndTrackTheAt
     EXPECT_TRUE(h->model.calls().empty());
 }
 
+// Running (or a timed start while running and unattached) starts the attach
+// sequence.
 TEST_F(Notifications, RunningStartsTheAttachSequenceOnce) {
+    h->model.timedStart(); // not running
+    EXPECT_TRUE(h->model.calls().empty());
     adapter->setWaveRunning(true);
     EXPECT_TRUE(adapter->isWaveRunning());
     EXPECT_EQ(h->model.callCodes(), (std::vector<ULONG>{USBCall_Attach}));
@@ -566,30 +566,22 @@ TEST_F(Notifications, RunningStartsTheAttachSequenceOnce) {
     EXPECT_TRUE(tracecap::containsLine("no change"));
     EXPECT_EQ(h->model.callCodes().size(), 1u);
 
-    adapter->setWaveRunning(false); // stopping sends nothing
-    EXPECT_FALSE(adapter->isWaveRunning());
-    EXPECT_EQ(h->model.callCodes().size(), 1u);
-    // A drifted hardware asked back at the start: e2e
-    // Directions.AStoppedStreamCarriesItsFormatAgainAfterTheOtherStarted.
-}
-
-TEST_F(Notifications, TimedStartNotificationAttachesOnlyARunningUnattachedWave) {
-    h->model.timedStart(); // not running
-    EXPECT_TRUE(h->model.calls().empty());
-
-    adapter->setWaveRunning(true);
     h->model.clearCalls();
     tracecap::clearTrace();
     h->model.timedStart();
     EXPECT_EQ(h->model.callCodes(), (std::vector<ULONG>{USBCall_Attach}));
-    EXPECT_EQ(tracecap::countLines(
-                  "mChannelsOnAttach: fr/inCH/inRes/outCH/outRes/config 48000 8 24 8 24 0"),
+    EXPECT_EQ(tracecap::countLines("mChannelsOnAttach: fr/inCH/inRes/outCH/outRes/config" + values),
               2u);
-
     h->model.notify(MMENotify_OnMMEAttached);
     h->model.clearCalls();
     h->model.timedStart();
     EXPECT_TRUE(h->model.calls().empty());
+
+    adapter->setWaveRunning(false); // stopping sends nothing
+    EXPECT_FALSE(adapter->isWaveRunning());
+    EXPECT_TRUE(h->model.calls().empty());
+    // A drifted hardware asked back at the start: e2e
+    // Directions.AStoppedStreamCarriesItsFormatAgainAfterTheOtherStarted.
 }
 
 TEST_F(Notifications, AttachTimerFiresOnceASecondAfterTheLastAsioDetach) {
@@ -624,9 +616,10 @@ TEST_F(Notifications, AttachTimerFiresOnceASecondAfterTheLastAsioDetach) {
     EXPECT_EQ(tracecap::traceMessages(),
               (std::vector<std::string>{"+ MMEAdapter::onTimer(unsigned long iTimerID) 0x00000009",
                                         "- MMEAdapter::onTimer(unsigned long iTimerID)"}));
-}
 
-TEST_F(Notifications, WithoutRequestTheAttachSequenceStillRunsButSendsNothing) {
+    // Without a request the attach sequence still runs but sends nothing.
+    adapter->setWaveRunning(false);
+    h->model.notify(MMENotify_OnMMEDetached);
     h->model.preventFurtherCalls();
     tracecap::clearTrace();
     adapter->setWaveRunning(true);

@@ -1,6 +1,4 @@
-// Reference-counted objects and pool allocation: counting and deletion
-// through the most derived destructor, the zero-filling object allocation,
-// the sized allocation that does not clear, null frees and failures.
+// Reference-counted objects and the pool allocations behind them.
 #include "driver/common/MMEUnknown.h"
 #include "host/kernel/HostKernel.h"
 
@@ -100,7 +98,14 @@ TEST(ObjectsConcurrency, ParallelReleasesDeleteOnce) {
     }
 }
 
-TEST(ObjectAllocation, FieldsTheConstructorLeavesAloneReadZero) {
+TEST(ObjectAllocation, ZeroedObjectsNullFreesAndFailuresThatRunNoConstructor) {
+    MMEFreeObject(nullptr);
+    MMEFree(nullptr, 128);
+    Probe* none = nullptr;
+    delete none;
+    EXPECT_EQ(hostk::poolStats().totalAllocations, 0u);
+    EXPECT_TRUE(hostk::verifierFailures().empty()) << "nothing reached the pool";
+
     // Dirty the pool first so that zeros cannot come from fresh memory.
     for (int i = 0; i < 8; ++i) {
         void* dirty = MMEAllocate(sizeof(Untouched));
@@ -125,6 +130,16 @@ TEST(ObjectAllocation, FieldsTheConstructorLeavesAloneReadZero) {
         EXPECT_EQ(std::vector<unsigned char>(raw, raw + size), std::vector<unsigned char>(size, 0));
         MMEFreeObject(raw);
     }
+
+    Counters counters;
+    hostk::failAllocation(1);
+    EXPECT_EQ(new Probe(&counters), nullptr);
+    EXPECT_EQ(counters.constructed, 0);
+    hostk::failAllocation(1);
+    EXPECT_EQ(MMEAllocateObject(16), nullptr);
+    hostk::failAllocation(1);
+    EXPECT_EQ(MMEAllocate(16), nullptr);
+    EXPECT_EQ(hostk::poolStats().liveBlocks, 0u);
 }
 
 TEST(ObjectAllocation, SizedAllocationIsNotClearedAndComesFromNonPagedPool) {
@@ -149,27 +164,6 @@ TEST(ObjectAllocation, SizedAllocationIsNotClearedAndComesFromNonPagedPool) {
         probe->Release();
     });
     EXPECT_TRUE(hostk::verifierFailures().empty());
-    EXPECT_EQ(hostk::poolStats().liveBlocks, 0u);
-}
-
-TEST(ObjectAllocation, NullFreesDoNothingAndFailedAllocationsRunNoConstructor) {
-    MMEFreeObject(nullptr);
-    MMEFree(nullptr, 128);
-    Probe* none = nullptr;
-    delete none;
-    EXPECT_EQ(hostk::poolStats().totalAllocations, 0u);
-    EXPECT_TRUE(hostk::verifierFailures().empty()) << "nothing reached the pool";
-
-    Counters counters;
-    hostk::failAllocation(1);
-    Probe* probe = new Probe(&counters);
-    EXPECT_EQ(probe, nullptr);
-    EXPECT_EQ(counters.constructed, 0);
-
-    hostk::failAllocation(1);
-    EXPECT_EQ(MMEAllocateObject(16), nullptr);
-    hostk::failAllocation(1);
-    EXPECT_EQ(MMEAllocate(16), nullptr);
     EXPECT_EQ(hostk::poolStats().liveBlocks, 0u);
 }
 

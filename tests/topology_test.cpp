@@ -153,7 +153,7 @@ TEST_F(Topology, QueryInterfaceIdentitiesTracesAndIntersection) {
               STATUS_NOT_IMPLEMENTED);
 }
 
-TEST_F(Topology, InitBindsAndDestructionReleases) {
+TEST_F(Topology, InitBindsRefusesAndDestructionReleases) {
     tracecap::clearTrace();
     MMETopology* fresh = new MMETopology();
     char expected[80];
@@ -174,26 +174,24 @@ TEST_F(Topology, InitBindsAndDestructionReleases) {
     EXPECT_EQ(refs(adapter), 1);
     EXPECT_EQ(port.refs, 1);
     EXPECT_TRUE(tracecap::containsLineStartingWith("+ DESTRUCTOR MMETopology::~MMETopology"));
-}
 
-TEST_F(Topology, InitFailures) {
     // No adapter behind the unknown: the port is not asked for its events.
-    wavetest::FakeWavePort notAnAdapter;
-    EXPECT_EQ(topo->Init(&notAnAdapter, nullptr, &port), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(topo->adapter(), nullptr);
-    EXPECT_EQ(port.queries, 0);
-    EXPECT_EQ(adapter->topology(), nullptr);
-    // A port without events: bound all the same.
-    port.withEvents = false;
-    EXPECT_EQ(topo->Init(static_cast<IMMEAdapter*>(adapter), nullptr, &port), STATUS_SUCCESS);
-    EXPECT_EQ(topo->portEvents(), nullptr);
-    EXPECT_EQ(adapter->topology(), topo);
-
     MMETopology* other = new MMETopology();
     other->AddRef();
+    wavetest::FakeWavePort notAnAdapter;
+    port.queries = 0;
+    EXPECT_EQ(other->Init(&notAnAdapter, nullptr, &port), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(other->adapter(), nullptr);
+    EXPECT_EQ(port.queries, 0);
+    EXPECT_EQ(adapter->topology(), nullptr);
     EXPECT_EQ(other->Init(nullptr, nullptr, nullptr), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(hostk::assertReports().size(), 2u);
     hostk::clearAssertReports();
+    // A port without events: bound all the same.
+    port.withEvents = false;
+    EXPECT_EQ(other->Init(static_cast<IMMEAdapter*>(adapter), nullptr, &port), STATUS_SUCCESS);
+    EXPECT_EQ(other->portEvents(), nullptr);
+    EXPECT_EQ(adapter->topology(), other);
     other->Release();
 }
 
@@ -255,7 +253,7 @@ LONG getMute(ULONG node) {
 
 } // namespace
 
-TEST(TopologyControls, MutesAndLevelsPerNode) {
+TEST(TopologyControls, MutesAndLevelsPerNodeWhileSampleRatesOnlyTrace) {
     resetTopologyControls();
     EXPECT_EQ(getMute(TOPO_NODE_WAVEOUT_MUTE), 0);
     EXPECT_EQ(setMute(TOPO_NODE_WAVEOUT_MUTE, 0x100), STATUS_SUCCESS);
@@ -278,6 +276,19 @@ TEST(TopologyControls, MutesAndLevelsPerNode) {
     resetTopologyControls();
     EXPECT_EQ(getMute(TOPO_NODE_LINEIN_MUTE), 0);
     EXPECT_EQ(getLevel(TOPO_NODE_WAVEOUT_VOLUME) | getLevel(TOPO_NODE_LINEIN_VOLUME), 0);
+
+    // The sample-rate handlers only trace.
+    Request r(0, KSPROPERTY_TYPE_GET, 4, KSPROPERTY_AUDIO_SAMPLING_RATE, 1234);
+    EXPECT_EQ(PropertyHandler_SR_CHANGE(&r.req), STATUS_SUCCESS);
+    EXPECT_EQ(r.asLong(), 1234);
+    EXPECT_TRUE(tracecap::containsLineStartingWith("+ PropertyHandler_SR_CHANGE"));
+    PCEVENT_ITEM item{&KSPROPSETID_Audio, KSPROPERTY_AUDIO_SAMPLING_RATE, 0, nullptr};
+    PCEVENT_REQUEST e{};
+    e.EventItem = &item;
+    e.Verb = PCEVENT_VERB_ADD;
+    EXPECT_EQ(EventHandler_SR_CHANGE(&e), STATUS_SUCCESS);
+    EXPECT_EQ(EventHandler_SR_CHANGE(nullptr), STATUS_SUCCESS);
+    EXPECT_TRUE(tracecap::containsLineStartingWith("+ EventHandler_SR_CHANGE"));
 }
 
 TEST(TopologyControls, MalformedRequestsAreRefusedAndStoreNothing) {
@@ -361,18 +372,4 @@ TEST(TopologyControls, LevelBasicSupportBySize) {
     }
     Request tiny(TOPO_NODE_WAVEOUT_VOLUME, KSPROPERTY_TYPE_BASICSUPPORT, 3);
     EXPECT_EQ(PropertyHandler_Level(&tiny.req), STATUS_INVALID_DEVICE_REQUEST);
-}
-
-TEST(TopologyControls, SampleRateHandlersOnlyTrace) {
-    Request r(0, KSPROPERTY_TYPE_GET, 4, KSPROPERTY_AUDIO_SAMPLING_RATE, 1234);
-    EXPECT_EQ(PropertyHandler_SR_CHANGE(&r.req), STATUS_SUCCESS);
-    EXPECT_EQ(r.asLong(), 1234);
-    EXPECT_TRUE(tracecap::containsLineStartingWith("+ PropertyHandler_SR_CHANGE"));
-    PCEVENT_ITEM item{&KSPROPSETID_Audio, KSPROPERTY_AUDIO_SAMPLING_RATE, 0, nullptr};
-    PCEVENT_REQUEST e{};
-    e.EventItem = &item;
-    e.Verb = PCEVENT_VERB_ADD;
-    EXPECT_EQ(EventHandler_SR_CHANGE(&e), STATUS_SUCCESS);
-    EXPECT_EQ(EventHandler_SR_CHANGE(nullptr), STATUS_SUCCESS);
-    EXPECT_TRUE(tracecap::containsLineStartingWith("+ EventHandler_SR_CHANGE"));
 }

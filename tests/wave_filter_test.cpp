@@ -1,10 +1,6 @@
-// The wave filter's description and its format questions. From the USB
-// driver's device-info record to the pins: which alternate settings count as
-// a mode (findDeviceFormat and the device lists that change its direction
-// rule), the streaming pins' ranges built at the first GetDescription and the
-// descriptor record that holds them; then whether a requested format is one
-// of the pins' (validation, lower channel counts, the digital lock), and what
-// format meets a client's range (intersection and its buffer-length protocol).
+// The wave filter's description and format questions: which device modes
+// count (findDeviceFormat, the device lists), the pins' ranges and descriptor,
+// format validation and intersection with its buffer-length protocol.
 #include "driver/wave/DeviceFormat.h"
 #include "driver/wave/DeviceLists.h"
 #include "driver/wave/MMEWave.h"
@@ -16,8 +12,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <vector>
 
 using hostpc::clientRange;
@@ -94,68 +92,66 @@ TEST(FindDeviceFormat, ResultCarriesTheQuestionAndPosition) {
               (std::vector<long long>{22050, 20, 6}));
 }
 
-TEST(FindDeviceFormat, DirectionComesFromTheAddressOfAUsableEndpoint) {
+// Ordinary devices: the address of a usable (4 bytes or more) endpoint gives
+// the direction. Input-interface-only devices refuse input on other
+// interfaces; direction-by-interface devices (winning over that list) take
+// the interface's direction when the setting's flag is 1 and it has endpoints.
+TEST(FindDeviceFormat, DirectionRulesPerDeviceList) {
+    enum : int { NONE = 0, INPUT_ONLY = 1, BY_INTERFACE = 2, BOTH = 3 };
+    const UCHAR kIn = MME_DIRECTION_INPUT, kOut = MME_DIRECTION_OUTPUT;
+    struct Row {
+        const char* what;
+        int lists;
+        UCHAR direction;
+        MMEDeviceEndpoint first, second;
+        UCHAR endpoints, flag;
+        bool in, out;
+    } rows[] = {
+        {"an IN endpoint", NONE, kIn, {512, 0x81, 0}, {}, 1, 1, true, false},
+        {"three bytes are unusable", NONE, kIn, {3, 0x81, 0}, {}, 1, 1, false, false},
+        {"four bytes are usable", NONE, kIn, {4, 0x81, 0}, {}, 1, 1, true, false},
+        {"a later usable endpoint", NONE, kIn, {0, 0x81, 0}, {256, 0x83, 0}, 2, 1, true, false},
+        {"interface ignored", NONE, kOut, {0, 0x81, 0}, {256, 0x83, 0}, 2, 1, true, false},
+        {"an OUT endpoint", NONE, kOut, {0, 0x81, 0}, {256, 0x02, 0}, 2, 1, false, true},
+        {"no endpoints", NONE, kOut, {0, 0x81, 0}, {256, 0x02, 0}, 0, 1, false, false},
+        {"both kinds", NONE, kOut, {512, 0x01, 0}, {64, 0x81, 0}, 2, 1, true, true},
+        {"input only, out iface",
+         INPUT_ONLY,
+         kOut,
+         {512, 0x01, 0},
+         {64, 0x81, 0},
+         2,
+         1,
+         false,
+         true},
+        {"input only, in iface", INPUT_ONLY, kIn, {512, 0x01, 0}, {64, 0x81, 0}, 2, 1, true, true},
+        {"input only, unusable", INPUT_ONLY, kIn, {0, 0x01, 0}, {0, 0x01, 0}, 1, 1, false, false},
+        {"by interface", BY_INTERFACE, kIn, {0, 0x01, 0}, {0, 0x01, 0}, 1, 1, true, false},
+        {"by interface wins", BOTH, kIn, {0, 0x01, 0}, {0, 0x01, 0}, 1, 1, true, false},
+        {"by interface, flag 0", BOTH, kIn, {0, 0x01, 0}, {0, 0x01, 0}, 1, 0, false, false},
+        {"by interface, no endpoints", BOTH, kIn, {0, 0x01, 0}, {0, 0x01, 0}, 0, 1, false, false},
+        {"by interface, output", BOTH, kOut, {0, 0x81, 0}, {0, 0x81, 0}, 1, 1, false, true},
+    };
     DeviceInfoBuilder dev;
-    dev.input(24, 2, {48000});
+    dev.ids(0x0A0A, 0x0B0B).input(24, 2, {48000});
     MMEDeviceAltSetting& alt = dev.lastAlt();
-    auto in = [&] { return found(dev.get(), 48000, 24, 2, true, false); };
-    auto out = [&] { return found(dev.get(), 48000, 24, 2, true, true); };
-    EXPECT_TRUE(in());
-    EXPECT_FALSE(out());
-    // Endpoints below four bytes are unusable; a later usable one counts.
-    alt.endpoints[0].maxPacketSize = 3;
-    EXPECT_FALSE(in());
-    alt.endpoints[0].maxPacketSize = 4;
-    EXPECT_TRUE(in());
-    alt.endpoints[0].maxPacketSize = 0;
-    alt.numEndpoints = 2;
-    alt.endpoints[1] = {256, 0x83, 0};
-    EXPECT_TRUE(in());
-    // The interface's direction byte does not count for ordinary devices.
-    dev.lastInterface().direction = MME_DIRECTION_OUTPUT;
-    EXPECT_TRUE(in());
-    alt.endpoints[1].address = 0x02;
-    EXPECT_TRUE(out());
-    EXPECT_FALSE(in());
-    alt.numEndpoints = 0;
-    EXPECT_FALSE(out());
-}
-
-TEST(FindDeviceFormat, DeviceListsChangeTheDirectionRule) {
-    DeviceInfoBuilder dev;
-    dev.ids(0x0A0A, 0x0B0B).output(24, 2, {48000});
-    MMEDeviceAltSetting& alt = dev.lastAlt();
-    alt.numEndpoints = 2;
-    alt.endpoints[1] = {64, 0x81, 0}; // an IN endpoint on the output interface
-    auto in = [&] { return found(dev.get(), 48000, 24, 2, true, false); };
-    auto out = [&] { return found(dev.get(), 48000, 24, 2, true, true); };
-    EXPECT_TRUE(in()); // not listed: the endpoint rule
-    {
-        ListGuard inputOnly(INPUT_INTERFACE_ONLY_DEVICES, {{0x0A0A, 0x0B0B}});
-        EXPECT_FALSE(in());
-        EXPECT_TRUE(out()); // output unaffected
-        dev.lastInterface().direction = MME_DIRECTION_INPUT;
-        EXPECT_TRUE(in());
-        // Direction by interface wins over input-interface-only; endpoint
-        // addresses and sizes do not count, the flag and their number do.
-        alt.endpoints[1] = {0, 0x01, 0};
-        alt.numEndpoints = 1;
-        alt.endpoints[0] = {0, 0x01, 0};
-        EXPECT_FALSE(in());
-        ListGuard byInterface(DIRECTION_BY_INTERFACE_DEVICES, {{0x0A0A, 0x0B0B}});
-        EXPECT_TRUE(in());
-        EXPECT_FALSE(out());
-        alt.flag = 0;
-        EXPECT_FALSE(in());
-        alt.flag = 1;
-        alt.numEndpoints = 0;
-        EXPECT_FALSE(in());
-        alt.numEndpoints = 1;
-        dev.lastInterface().direction = MME_DIRECTION_OUTPUT;
-        EXPECT_TRUE(out());
-        EXPECT_FALSE(in());
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.what);
+        std::optional<ListGuard> inputOnly, byInterface;
+        const std::vector<DeviceIdPair> ids{{0x0A0A, 0x0B0B}};
+        if (r.lists & INPUT_ONLY)
+            inputOnly.emplace(INPUT_INTERFACE_ONLY_DEVICES, ids);
+        if (r.lists & BY_INTERFACE)
+            byInterface.emplace(DIRECTION_BY_INTERFACE_DEVICES,
+                                std::vector<DeviceIdPair>{{0x0A0A, 0x0B0B}});
+        dev.lastInterface().direction = r.direction;
+        alt.endpoints[0] = r.first;
+        alt.endpoints[1] = r.second;
+        alt.numEndpoints = r.endpoints;
+        alt.flag = r.flag;
+        EXPECT_EQ(found(dev.get(), 48000, 24, 2, true, false), r.in);
+        EXPECT_EQ(found(dev.get(), 48000, 24, 2, true, true), r.out);
     }
-    EXPECT_EQ(INPUT_INTERFACE_ONLY_DEVICES.count + DIRECTION_BY_INTERFACE_DEVICES.count, 0u);
 }
 
 // Bad records: counts above the capacities are clamped, the walk never reads
@@ -204,19 +200,8 @@ TEST(FindDeviceFormat, ConfigurationsOutOfRangeAndCountsAboveCapacities) {
 
 namespace {
 
-struct Range {
-    ULONG rate, minBits, maxBits, maxChannels;
-    bool operator==(const Range& o) const {
-        return rate == o.rate && minBits == o.minBits && maxBits == o.maxBits &&
-               maxChannels == o.maxChannels;
-    }
-};
+using Range = std::array<ULONG, 4>; // rate, bits from, bits to, channels
 using Ranges = std::vector<Range>;
-
-std::ostream& operator<<(std::ostream& os, const Range& r) {
-    return os << r.rate << " Hz " << r.minBits << ".." << r.maxBits << " bits " << r.maxChannels
-              << " ch";
-}
 
 class PinDataRanges : public ::testing::Test {
 protected:
@@ -379,7 +364,7 @@ bool sameRange(const KSDATARANGE_AUDIO& a, const KSDATARANGE_AUDIO& b) {
 
 } // namespace
 
-TEST(GenericDescriptor, FilterPinsNodesAndConnectionsAsLaidOut) {
+TEST(GenericDescriptor, FilterPinsNodesConnectionsAndRangeSlotsInOneBlock) {
     DescriptorPtr d(generateDefaultDescriptor());
     ASSERT_TRUE(d);
     const PCFILTER_DESCRIPTOR& f = d->Filter;
@@ -437,11 +422,8 @@ TEST(GenericDescriptor, FilterPinsNodesAndConnectionsAsLaidOut) {
                                                {WAVE_NODE_ADC, O, F, WAVE_PIN_CAPTURE},
                                                {F, WAVE_PIN_RENDER, WAVE_NODE_DAC, I},
                                                {WAVE_NODE_DAC, O, F, WAVE_PIN_RENDER_BRIDGE}}));
-}
 
-TEST(GenericDescriptor, RangeSlotsPointIntoTheirOwnBlock) {
-    DescriptorPtr d(generateDefaultDescriptor());
-    ASSERT_TRUE(d);
+    // The range slots point into the same block.
     const KSDATARANGE_AUDIO fresh = clientRange(2, 32, 32, 44100, 44100);
     for (ULONG i = 0; i < GEN_MAX_DATA_RANGES; ++i) {
         SCOPED_TRACE(i);
@@ -458,8 +440,7 @@ TEST(GenericDescriptor, RangeSlotsPointIntoTheirOwnBlock) {
     EXPECT_TRUE(IsEqualGUID(bridge.MajorFormat, KSDATAFORMAT_TYPE_AUDIO) &&
                 IsEqualGUID(bridge.SubFormat, KSDATAFORMAT_SUBTYPE_ANALOG) &&
                 IsEqualGUID(bridge.Specifier, KSDATAFORMAT_SPECIFIER_NONE));
-    // Every pointer but the GUIDs leads into the one block (the equalities
-    // above and in the layout test): it goes as one.
+    // Every pointer but the GUIDs leads into the one block: it goes as one.
     EXPECT_EQ(hostk::poolStats().liveBlocks, 1u);
 
     KSDATARANGE_AUDIO r;
@@ -591,7 +572,7 @@ TEST_F(Validation, TwentyBitsNeverPassEvenInsideTheRange) {
     }
 }
 
-TEST_F(Validation, DigitalLockRefusesOtherRatesFirst) {
+TEST_F(Validation, DigitalLockRefusesOtherRatesFirstAndTheHeaderComesLast) {
     rig->settings.mDigitalLockFrequency = 44100;
     EXPECT_EQ(validate({48000, 8, 24, 24}), STATUS_NOT_SUPPORTED);
     checks::expectLines({"allow digital lock frequency only 44100",
@@ -600,9 +581,8 @@ TEST_F(Validation, DigitalLockRefusesOtherRatesFirst) {
     EXPECT_EQ(result.MaximumChannels, kUntouched);
     rig->settings.mDigitalLockFrequency = 48000;
     EXPECT_EQ(validate({48000, 8, 24, 24}), STATUS_SUCCESS);
-}
 
-TEST_F(Validation, HeaderCheckedAfterTheRanges) {
+    // The header is checked after the ranges.
     FormatDesc shortHeader{48000, 8, 24, 24}, noSpecifier = shortHeader, notAudio = shortHeader;
     shortHeader.formatSize = 81;
     shortHeader.bufferSize = 82;
@@ -773,7 +753,7 @@ TEST_F(Intersection, RefusalsInTheirOrder) {
     EXPECT_TRUE(tracecap::containsLine("...!ResultantFormatLength"));
 }
 
-TEST_F(Intersection, BufferLengthProtocol) {
+TEST_F(Intersection, BufferLengthProtocolAndDigitalLock) {
     struct {
         ULONG length;
         bool buffer;
@@ -798,9 +778,8 @@ TEST_F(Intersection, BufferLengthProtocol) {
     EXPECT_EQ(intersect(rig->wave, WAVE_PIN_CAPTURE, &client, &mono, 0).status,
               STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(intersect(rig->wave, WAVE_PIN_CAPTURE, &client, &mono).status, STATUS_NO_MATCH);
-}
 
-TEST_F(Intersection, DigitalLockBindsTheRate) {
+    // A digital lock binds the rate.
     rig->settings.mDigitalLockFrequency = 44100;
     EXPECT_EQ(intersect(rig->wave, WAVE_PIN_CAPTURE, &client, &pin48k).status, STATUS_NO_MATCH);
     EXPECT_TRUE(tracecap::containsLine(

@@ -34,20 +34,12 @@ public:
     PDEVICE_OBJECT fdo() const { return loader.fdo(model.pdo()); }
 
     MMEWave* wave() const {
-        if (loader.runsImage())
-            return nullptr;
-        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), u"Wave") : nullptr;
-        PUNKNOWN miniport = port ? hostpc::portState(port).miniport : nullptr;
-        return miniport ? static_cast<MMEWave*>(static_cast<IMiniportWaveCyclic*>(miniport))
-                        : nullptr;
+        PUNKNOWN m = miniport(u"Wave");
+        return m ? static_cast<MMEWave*>(static_cast<IMiniportWaveCyclic*>(m)) : nullptr;
     }
     MMETopology* topology() const {
-        if (loader.runsImage())
-            return nullptr;
-        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), u"Topology") : nullptr;
-        PUNKNOWN miniport = port ? hostpc::portState(port).miniport : nullptr;
-        return miniport ? static_cast<MMETopology*>(static_cast<IMiniportTopology*>(miniport))
-                        : nullptr;
+        PUNKNOWN m = miniport(u"Topology");
+        return m ? static_cast<MMETopology*>(static_cast<IMiniportTopology*>(m)) : nullptr;
     }
     MMEAdapter* adapter() const {
         if (MMEWave* w = wave())
@@ -58,6 +50,12 @@ public:
     }
 
     void remove() { loader.removeDevice(model.pdo()); }
+    PUNKNOWN miniport(const char16_t* name) const {
+        if (loader.runsImage())
+            return nullptr;
+        PUNKNOWN port = fdo() ? hostpc::subdevice(fdo(), name) : nullptr;
+        return port ? hostpc::portState(port).miniport : nullptr;
+    }
 
     usbsim::UsbDriverModel model; // declared first: outlives the driver's device
     hostpc::DriverLoader loader;

@@ -1,11 +1,8 @@
-// Builds a device-info record (the USB driver's description of the device's
-// formats) for the wave filter's tests:
-//   dev.ids(0x1234, 0x0001).input(24, 2, {48000}).input(24, 8, {48000}).output(16, 2, {48000});
-// Configuration 0 gets one input interface (IN endpoint 0x81) and one output
-// interface (OUT endpoint 0x01) on first use; each mode is one alternate
-// setting with one 512-byte endpoint. lastAlt()/lastInterface() allow odd
-// records by hand. ListGuard installs a table in one of the driver's device
-// lists for its scope: ListGuard guard(STEREO_16BIT_DEVICES, {{0x1111, 0x2222}});
+// A device-info record (the USB driver's description of the device's modes):
+//   dev.ids(0x1234, 0x0001).input(24, 2, {48000}).output(16, 2, {48000});
+// Configuration 0 gets one input (IN endpoint 0x81) and one output interface
+// (OUT endpoint 0x01); each mode is one alternate setting with one 512-byte
+// endpoint. ListGuard puts a table in one of the driver's device lists.
 #pragma once
 
 #include "driver/common/MMEAdapterInfo.h"
@@ -14,7 +11,6 @@
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
-#include <stdexcept>
 #include <vector>
 
 namespace wavetest {
@@ -23,10 +19,9 @@ class DeviceInfoBuilder {
 public:
     DeviceInfoBuilder() : mInfo(std::make_unique<MMEDeviceInfo>()) { mInfo->numConfigurations = 1; }
 
-    DeviceInfoBuilder& ids(uint16_t vendor, uint16_t product, uint16_t third = 0) {
+    DeviceInfoBuilder& ids(uint16_t vendor, uint16_t product) {
         mInfo->vendorId = vendor;
         mInfo->productId = product;
-        mInfo->thirdWord = third;
         return *this;
     }
     // Discrete rates.
@@ -58,14 +53,10 @@ private:
         MMEDeviceConfiguration& config = mInfo->configurations[0];
         int& index = input ? mInputInterface : mOutputInterface;
         if (index < 0) {
-            if (config.numInterfaces >= MME_DEVICE_MAX_INTERFACES)
-                throw std::length_error("DeviceInfoBuilder: too many interfaces");
             index = config.numInterfaces++;
             config.interfaces[index].direction = input ? MME_DIRECTION_INPUT : MME_DIRECTION_OUTPUT;
         }
         MMEDeviceInterface& iface = config.interfaces[index];
-        if (iface.numAltSettings >= MME_DEVICE_MAX_ALT_SETTINGS)
-            throw std::length_error("DeviceInfoBuilder: too many alternate settings");
         MMEDeviceAltSetting& alt = iface.altSettings[iface.numAltSettings++];
         alt.flag = 1;
         alt.bitsPerSample = bits;
@@ -79,8 +70,6 @@ private:
     }
     DeviceInfoBuilder& mode(bool input, uint8_t bits, uint8_t channels,
                             std::initializer_list<uint32_t> rates) {
-        if (rates.size() > MME_DEVICE_MAX_RATES)
-            throw std::length_error("DeviceInfoBuilder: too many rates");
         MMEDeviceAltSetting& alt = addAlt(input, bits, channels);
         alt.rateKind = MME_RATES_DISCRETE;
         alt.numRates = static_cast<UCHAR>(rates.size());
