@@ -6,7 +6,7 @@
 #include "Bench.h"
 
 #include "host/kernel/HostKernel.h"
-#include "support/StreamingRig.h"
+#include "support/WaveRig.h"
 
 #include <cstdlib>
 #include <memory>
@@ -35,7 +35,7 @@ std::unique_ptr<AudioSM, FreeRing> makeRing() {
 
 void periodExchange(benchmark::State& state) {
     hostk::setSinkNull();
-    streamtest::StreamingRig rig;
+    wavetest::StackRig rig;
     rig.setAttachChannels(kRingChannels, kRingChannels);
     MMEWaveStream* capture = rig.openStream(true, 2, 24);
     MMEWaveStream* render = rig.openStream(false, 2, 16);

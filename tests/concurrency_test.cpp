@@ -7,7 +7,6 @@
 #include "host/kernel/HostKernel.h"
 #include "support/AdapterHarness.h"
 #include "support/E2eRig.h"
-#include "support/StreamingRig.h"
 #include "support/TraceCapture.h"
 #include "support/WaveRig.h"
 
@@ -347,7 +346,6 @@ TEST(StackConcurrency, BothDirectionsChurnOnTwoThreadsWhileFormatsAreNegotiated)
 
 // ---- Stream slots and the period transfer ----
 
-using streamtest::StreamingRig;
 using wavetest::makeFormat;
 using wavetest::StackRig;
 
@@ -402,7 +400,7 @@ std::unique_ptr<AudioSM> makeRing(ULONG channels, ULONG frames) {
 // the streams and copies into the cyclic buffer as the port does.
 TEST(ConcurrencyDma, PeriodsRunSafelyWhileChannelsAreReshapedFreedAndDetached) {
     hostk::setSinkNull(); // the control thread traces thousands of reallocations
-    StreamingRig rig;
+    wavetest::StackRig rig;
     ASSERT_TRUE(rig.started());
     rig.setAttachChannels(8, 8);
     MMEWaveStream* capture = rig.openStream(true, 2, 16);

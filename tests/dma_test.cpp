@@ -3,7 +3,7 @@
 // buffers, allocation failures, positions, Silence and the port's copies
 // with their bounds, on the started driver's own channels.
 #include "host/kernel/HostKernel.h"
-#include "support/StreamingRig.h"
+#include "support/WaveRig.h"
 #include "support/TraceCapture.h"
 #include "support/ObjectChecks.h"
 
@@ -14,8 +14,6 @@
 #include <vector>
 
 namespace {
-
-using streamtest::StreamingRig;
 
 bool allAre(const void* p, size_t n, unsigned char value = 0) {
     const auto* b = static_cast<const unsigned char*>(p);
@@ -98,7 +96,7 @@ protected:
         }
         return s;
     }
-    StreamingRig mRig;
+    wavetest::StackRig mRig;
 };
 
 // Each step shapes the channel again: the cyclic buffer is 4096 frames of

@@ -352,7 +352,6 @@ Life liveWith(const std::string& image) {
                            e2e::pack(e2e::noise(2 * (last ? 48000 : 3000), f.renderBits, f.rate),
                                      f.renderBits),
                            capture.get());
-            pump.feed();
             render->setState(KSSTATE_RUN);
             capture->setState(KSSTATE_RUN);
             pump.periods(last ? 10 : 30);

@@ -5,7 +5,7 @@
 // rules in conversion_test). The table adds what only the driver shows
 // (results, final position, trace lines).
 #include "support/StagedTransfer.h"
-#include "support/StreamingRig.h"
+#include "support/WaveRig.h"
 #include "support/TraceCapture.h"
 
 #include <gtest/gtest.h>
@@ -73,7 +73,7 @@ struct Rings {
         return moved;
     }
 
-    streamtest::StreamingRig rig;
+    wavetest::StackRig rig;
     std::unique_ptr<AudioSM> capture = makeRing(8, 4096), render = makeRing(8, 4096);
 };
 
