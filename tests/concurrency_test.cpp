@@ -17,6 +17,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -350,13 +351,34 @@ using wavetest::makeFormat;
 using wavetest::StackRig;
 
 // NewStream and final releases from two threads: one stream at a time gets
-// the slot, and the slot is always given back.
+// the slot, and the slot is always given back. Forced first: the slot is
+// claimed before the stream is built, so a second NewStream while the first
+// is still allocating its stream is refused.
 TEST(WaveConcurrency, NewStreamAndFinalReleaseRace) {
     StackRig stack;
     std::vector<UCHAR> format = makeFormat({48000, 2, 16});
-    std::atomic<int> opened{0};
-    std::atomic<int> refused{0};
-    std::atomic<int> other{0};
+    std::promise<void> building, secondDone;
+    std::shared_future<void> release = secondDone.get_future().share();
+    std::atomic<bool> held{false};
+    hostk::setPoolObserver([&](ULONG, size_t size, bool) {
+        if (size == sizeof(MMEWaveStream) && !held.exchange(true)) {
+            building.set_value();
+            release.wait();
+        }
+    });
+    StackRig::Opened first;
+    std::thread firstOpen([&] { first = stack.open(true, format); });
+    building.get_future().wait();
+    StackRig::Opened second = stack.open(true, format);
+    secondDone.set_value();
+    firstOpen.join();
+    hostk::setPoolObserver({});
+    EXPECT_EQ(second.status, STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(first.status, STATUS_SUCCESS);
+    StackRig::close(second);
+    StackRig::close(first);
+
+    std::atomic<int> opened{0}, refused{0}, other{0};
     auto worker = [&] {
         for (int i = 0; i < 200; ++i) {
             StackRig::Opened o = stack.open(true, format);

@@ -32,7 +32,6 @@ TEST_F(UsbCall, EveryCodeReachesTheUsbSideAsInternalDeviceControlWithTheRecord) 
     // The completion routine kept the one request the adapter's own: the
     // I/O manager would have finished it otherwise.
     EXPECT_EQ(hostk::liveIrps(), 1u);
-    EXPECT_TRUE(hostk::verifierFailures().empty());
     h.remove();
 
     auto calls = h.model.calls();
