@@ -78,10 +78,6 @@ std::string profilePath(const char* name) {
     return (std::filesystem::path(MME_SOURCE_DIR) / "usbsim" / "profiles" / name).string();
 }
 
-json& alt(json& j, int itf, int a) {
-    return j["configurations"][0]["interfaces"][itf]["altSettings"][a];
-}
-
 } // namespace
 
 TEST(UsbsimCalls, MalformedOrMisplacedCallsAreRefusedWithoutEffect) {
@@ -195,17 +191,13 @@ TEST(UsbsimProfile, EachKindOfBadProfileIsNamedByItsField) {
     auto set = [](const std::string& pointer, json value) {
         return [=](json& j) { j[json::json_pointer(pointer)] = value; };
     };
-    auto grow = [](const std::string& pointer, size_t to, size_t copy) {
-        return [=](json& j) {
-            json& a = j[json::json_pointer(pointer)];
-            while (a.size() < to)
-                a.push_back(a[copy]);
-        };
-    };
+    const json d = DeviceProfile::builtInDefault().toJson();
     json rates17 = json::array();
     for (int r = 8000; r < 8017; ++r)
         rates17.push_back(r);
     const std::string P0 = "/configurations/0/interfaces/0", P1 = "/configurations/0/interfaces/1";
+    const std::string A01 = P0 + "/altSettings/1", A02 = P0 + "/altSettings/2";
+    const std::string A11 = P1 + "/altSettings/1";
     const std::string I0 = "configurations[0].interfaces[0]",
                       I1 = "configurations[0].interfaces[1]";
     const std::string a01 = I0 + ".altSettings[1]", a02 = I0 + ".altSettings[2]";
@@ -216,32 +208,33 @@ TEST(UsbsimProfile, EachKindOfBadProfileIsNamedByItsField) {
     } cases[] = {
         {set(P1 + "/altSettings/2/rates", rates17),
          I1 + ".altSettings[2].rates: 17 rates, at most 16"},
-        {grow("/configurations", 5, 0), "configurations: 5 configurations, at most 4"},
-        {grow("/configurations/0/interfaces", 17, 0),
+        {set("/configurations", json(5, d["configurations"][0])),
+         "configurations: 5 configurations, at most 4"},
+        {set("/configurations/0/interfaces", json(17, d[json::json_pointer(P0)])),
          "configurations[0].interfaces: 17 interfaces, at most 16"},
-        {grow(P0 + "/altSettings", 17, 1), I0 + ".altSettings: 17 alternate settings, at most 16"},
-        {grow(P0 + "/altSettings/1/endpoints", 5, 0), a01 + ".endpoints: 5 endpoints, at most 4"},
-        {set(P0 + "/altSettings/1/bits", 18), a01 + ".bits: 18 is not one of 16, 20, 24, 32"},
-        {set(P1 + "/altSettings/1/channels", 33), a11 + ".channels: 33 is out of range 1..32"},
-        {set(P0 + "/altSettings/2/rates/3", 0),
-         a02 + ".rates[3]: 0 Hz is out of range 1000..768000"},
-        {set(P0 + "/altSettings/2/rates/3", 44100), a02 + ".rates[3]: 44100 Hz is listed twice"},
-        {set(P0 + "/altSettings/2/rates", json::array()),
-         a02 + ".rates: no rates (give rates or rateRange)"},
-        {[](json& j) {
-             alt(j, 0, 1).erase("rates");
-             alt(j, 0, 1)["rateRange"] = {{"min", 96000}, {"max", 48000}};
+        {set(P0 + "/altSettings", json(17, d[json::json_pointer(A01)])),
+         I0 + ".altSettings: 17 alternate settings, at most 16"},
+        {set(A01 + "/endpoints", json(5, d[json::json_pointer(A01 + "/endpoints/0")])),
+         a01 + ".endpoints: 5 endpoints, at most 4"},
+        {set(A01 + "/bits", 18), a01 + ".bits: 18 is not one of 16, 20, 24, 32"},
+        {set(A11 + "/channels", 33), a11 + ".channels: 33 is out of range 1..32"},
+        {set(A02 + "/rates/3", 0), a02 + ".rates[3]: 0 Hz is out of range 1000..768000"},
+        {set(A02 + "/rates/3", 44100), a02 + ".rates[3]: 44100 Hz is listed twice"},
+        {set(A02 + "/rates", json::array()), a02 + ".rates: no rates (give rates or rateRange)"},
+        {[&](json& j) {
+             j[json::json_pointer(A01)].erase("rates");
+             j[json::json_pointer(A01 + "/rateRange")] = {{"min", 96000}, {"max", 48000}};
          },
          a01 + ".rateRange: min 96000 is above max 48000"},
-        {set(P0 + "/altSettings/1/rateRange", {{"min", 1}, {"max", 2}}),
+        {set(A01 + "/rateRange", {{"min", 1}, {"max", 2}}),
          a01 + ".rateRange: give either rates or rateRange, not both"},
-        {set(P1 + "/altSettings/1/endpoints/0/address", "0x80"),
+        {set(A11 + "/endpoints/0/address", "0x80"),
          a11 + ".endpoints[0].address: 0x80 is not a data endpoint address (number 1..15, bit 7 = "
                "IN)"},
         {set(P1 + "/altSettings/0/rates", {48000}),
          a10 + ".rates: a zero-bandwidth setting (no endpoints, 0 bits, 0 channels) carries no "
                "rates"},
-        {set(P0 + "/altSettings/1/rate", 48000), a01 + ".rate: unknown field"},
+        {set(A01 + "/rate", 48000), a01 + ".rate: unknown field"},
         {[](json& j) { j.erase("vendorId"); }, "vendorId: missing"},
         {set("/vendorId", "0x1G09"), "vendorId: \"0x1G09\" is not a number"},
         {set("/productId", 70000), "productId: 70000 is out of range 0..65535"},
