@@ -6,15 +6,13 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace {
 
 // A wave miniport with one render pin, its own stream and DMA channel over a
-// pool-backed cyclic buffer, that holds its port as the driver's does.
+// pool-backed cyclic buffer.
 class FakeWave final : public IMiniportWaveCyclic,
                        public IMiniportWaveCyclicStream,
                        public IDmaChannel {
@@ -29,8 +27,6 @@ public:
         if (!mFreed)
             ExFreePoolWithTag(mBuffer, kTag);
         mGroup->Release();
-        if (mPort)
-            mPort->Release();
     }
 
     STDMETHODIMP_(NTSTATUS) QueryInterface(REFIID, PVOID* object) override {
@@ -53,8 +49,7 @@ public:
     DataRangeIntersection(ULONG, PKSDATARANGE, PKSDATARANGE, ULONG, PVOID, PULONG) override {
         return STATUS_NOT_IMPLEMENTED;
     }
-    STDMETHODIMP_(NTSTATUS) Init(PUNKNOWN, PRESOURCELIST, PPORTWAVECYCLIC port) override {
-        (mPort = port)->AddRef();
+    STDMETHODIMP_(NTSTATUS) Init(PUNKNOWN, PRESOURCELIST, PPORTWAVECYCLIC) override {
         return STATUS_SUCCESS;
     }
     STDMETHODIMP_(NTSTATUS)
@@ -79,9 +74,7 @@ public:
         return STATUS_SUCCESS;
     }
     STDMETHODIMP_(NTSTATUS) NormalizePhysicalPosition(PLONGLONG) override { return STATUS_SUCCESS; }
-    STDMETHODIMP_(void) Silence(PVOID buffer, ULONG bytes) override {
-        std::memset(buffer, 0, bytes);
-    }
+    STDMETHODIMP_(void) Silence(PVOID, ULONG) override {}
 
     STDMETHODIMP_(NTSTATUS) AllocateBuffer(ULONG, PPHYSICAL_ADDRESS) override { return 0; }
     STDMETHODIMP_(void) FreeBuffer() override {}
@@ -91,19 +84,14 @@ public:
     STDMETHODIMP_(ULONG) BufferSize() override { return mSize; }
     STDMETHODIMP_(void) SetBufferSize(ULONG) override {}
     STDMETHODIMP_(PVOID) SystemAddress() override { return mBuffer; }
-    STDMETHODIMP_(PPHYSICAL_ADDRESS) PhysicalAddress(PPHYSICAL_ADDRESS address) override {
-        return address;
-    }
+    STDMETHODIMP_(PPHYSICAL_ADDRESS) PhysicalAddress(PPHYSICAL_ADDRESS a) override { return a; }
     STDMETHODIMP_(PADAPTER_OBJECT) GetAdapterObject() override { return nullptr; }
-    STDMETHODIMP_(void) CopyTo(PVOID to, PVOID from, ULONG n) override { std::memcpy(to, from, n); }
-    STDMETHODIMP_(void) CopyFrom(PVOID to, PVOID from, ULONG n) override {
-        std::memcpy(to, from, n);
-    }
+    STDMETHODIMP_(void) CopyTo(PVOID, PVOID, ULONG) override {}
+    STDMETHODIMP_(void) CopyFrom(PVOID, PVOID, ULONG) override {}
 
     ULONG mRefs = 1, mSize = 4096, mFraming = 1024, mPosition = 0;
     PVOID mBuffer = ExAllocatePoolWithTag(NonPagedPool, mSize, kTag);
     bool mFreed = false; // freed behind the port, still reported as its buffer
-    PPORTWAVECYCLIC mPort = nullptr;
     PSERVICEGROUP mGroup = nullptr;
     PCPIN_DESCRIPTOR mPins[4] = {};
     PCFILTER_DESCRIPTOR mDescriptor{
@@ -118,61 +106,44 @@ NTSTATUS NTAPI addNothing(PDRIVER_OBJECT, PDEVICE_OBJECT) {
     return STATUS_SUCCESS;
 }
 
-class PortClsHost : public ::testing::Test {
-protected:
-    void SetUp() override {
-        hostpc::resetForTest();
-        ASSERT_EQ(PcInitializeAdapterDriver(&mDriver, nullptr, addNothing), STATUS_SUCCESS);
-        mPdo = hostk::createDeviceObject(nullptr, 2, 0);
-        ASSERT_EQ(PcAddAdapterDevice(&mDriver, mPdo, startNothing, 2, 0), STATUS_SUCCESS);
-        ASSERT_NE(mFdo = hostpc::fdoForPdo(mPdo), nullptr);
-    }
-    void TearDown() override {
-        hostpc::removeDevice(mFdo);
-        hostk::deleteDeviceObject(mPdo);
-        hostpc::resetForTest();
-        EXPECT_EQ(hostpc::liveObjects(), 0u);
-        EXPECT_TRUE(hostpc::devices().empty());
-    }
-
-    // A wave port initialised with a fresh miniport; the caller holds the port.
-    PPORT wavePort(FakeWave** miniportOut = nullptr) {
+// Each refusal carries its status. Then, on a registered port, a framing of 0,
+// a position at the buffer's end, a cyclic buffer freed or moved under the port
+// each get the verifier's report, never a quiet repair; a sound stream moves
+// one framing from the service group's DPC. Every object goes with the device.
+TEST(PortClsHost, RefusesWithItsStatusAndReportsWhatAMiniportDoesBehindThePort) {
+    hostpc::resetForTest();
+    hostk::DriverObjectBlock block;
+    DRIVER_OBJECT& driver = *hostk::initDriverObject(block);
+    ASSERT_EQ(PcInitializeAdapterDriver(&driver, nullptr, addNothing), STATUS_SUCCESS);
+    PDEVICE_OBJECT pdo = hostk::createDeviceObject(nullptr, 2, 0), fdo = nullptr;
+    ASSERT_EQ(PcAddAdapterDevice(&driver, pdo, startNothing, 2, 0), STATUS_SUCCESS);
+    ASSERT_NE(fdo = hostpc::fdoForPdo(pdo), nullptr);
+    FakeWave* miniport = nullptr; // the last port's
+    auto wavePort = [&] {
         PPORT port = nullptr;
         EXPECT_EQ(PcNewPort(&port, CLSID_PortWaveCyclic), STATUS_SUCCESS);
-        auto* miniport = new FakeWave;
-        EXPECT_EQ(port->Init(mFdo, nullptr, static_cast<IMiniportWaveCyclic*>(miniport), nullptr,
-                             nullptr),
-                  STATUS_SUCCESS);
-        if (miniportOut)
-            *miniportOut = miniport;
-        miniport->Release();
+        miniport = new FakeWave;
+        PUNKNOWN unknown = static_cast<IMiniportWaveCyclic*>(miniport);
+        EXPECT_EQ(port->Init(fdo, nullptr, unknown, nullptr, nullptr), STATUS_SUCCESS);
+        unknown->Release();
         return port;
-    }
-
-    hostk::DriverObjectBlock mDriverBlock;
-    DRIVER_OBJECT& mDriver = *hostk::initDriverObject(mDriverBlock);
-    PDEVICE_OBJECT mPdo = nullptr;
-    PDEVICE_OBJECT mFdo = nullptr;
-};
-
-// Each refusal, with the status the port-class library gives.
-TEST_F(PortClsHost, RefusalsCarryTheirStatus) {
+    };
     PPORT bare = nullptr, topology = nullptr, unknownClass = reinterpret_cast<PPORT>(1);
     ASSERT_EQ(PcNewPort(&bare, CLSID_PortWaveCyclic), STATUS_SUCCESS);
     ASSERT_EQ(PcNewPort(&topology, CLSID_PortTopology), STATUS_SUCCESS);
-    PPORT wave = wavePort(), again = wavePort(), other = wavePort(), third = wavePort();
+    PPORT again = wavePort(), other = wavePort(), third = wavePort(), wave = wavePort();
     DRIVER_OBJECT noExtension{};
     WCHAR waveName[] = u"Wave", otherName[] = u"Other", thirdName[] = u"Third";
-    PVOID none = this;
+    PVOID none = &block;
     PSERVICEGROUP group = nullptr, member = nullptr;
     ASSERT_EQ(PcNewServiceGroup(&group, nullptr), STATUS_SUCCESS);
     ASSERT_EQ(PcNewServiceGroup(&member, nullptr), STATUS_SUCCESS);
     PDMACHANNELSLAVE slave = reinterpret_cast<PDMACHANNELSLAVE>(1);
     auto* cyclic = static_cast<IPortWaveCyclic*>(wave);
     // A second functional device on one physical device.
-    EXPECT_EQ(PcAddAdapterDevice(&mDriver, mPdo, startNothing, 2, 0), STATUS_INVALID_DEVICE_STATE);
-    EXPECT_EQ(PcAddAdapterDevice(&mDriver, mPdo, nullptr, 2, 0), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(PcInitializeAdapterDriver(&mDriver, nullptr, nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcAddAdapterDevice(&driver, pdo, startNothing, 2, 0), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(PcAddAdapterDevice(&driver, pdo, nullptr, 2, 0), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcInitializeAdapterDriver(&driver, nullptr, nullptr), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(PcInitializeAdapterDriver(&noExtension, nullptr, addNothing),
               STATUS_INVALID_PARAMETER);
     EXPECT_EQ(hostpc::startDevice(nullptr), STATUS_INVALID_PARAMETER);
@@ -180,18 +151,18 @@ TEST_F(PortClsHost, RefusalsCarryTheirStatus) {
     EXPECT_EQ(PcNewPort(nullptr, CLSID_PortTopology), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(PcNewServiceGroup(nullptr, nullptr), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(topology->QueryInterface(IID_IPortWaveCyclic, &none), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(wave->Init(mFdo, nullptr, wave, nullptr, nullptr), STATUS_INVALID_DEVICE_STATE);
-    EXPECT_EQ(bare->Init(mFdo, nullptr, nullptr, nullptr, nullptr), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(PcRegisterSubdevice(mFdo, waveName, bare), STATUS_INVALID_DEVICE_STATE);
-    EXPECT_EQ(PcRegisterSubdevice(mFdo, waveName, group), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(PcRegisterSubdevice(mFdo, nullptr, wave), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(PcRegisterSubdevice(mFdo, waveName, wave), STATUS_SUCCESS);
-    EXPECT_EQ(PcRegisterSubdevice(mFdo, waveName, again), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(PcRegisterSubdevice(mFdo, otherName, other), STATUS_SUCCESS);
-    EXPECT_EQ(PcRegisterSubdevice(mFdo, thirdName, third), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(PcRegisterPhysicalConnection(mFdo, wave, 4, other, 0), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(PcRegisterPhysicalConnection(mFdo, wave, 3, group, 0), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(PcRegisterPhysicalConnection(mFdo, nullptr, 3, other, 0), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(wave->Init(fdo, nullptr, wave, nullptr, nullptr), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(bare->Init(fdo, nullptr, nullptr, nullptr, nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcRegisterSubdevice(fdo, waveName, bare), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(PcRegisterSubdevice(fdo, waveName, group), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcRegisterSubdevice(fdo, nullptr, wave), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcRegisterSubdevice(fdo, waveName, wave), STATUS_SUCCESS);
+    EXPECT_EQ(PcRegisterSubdevice(fdo, waveName, again), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcRegisterSubdevice(fdo, otherName, other), STATUS_SUCCESS);
+    EXPECT_EQ(PcRegisterSubdevice(fdo, thirdName, third), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(PcRegisterPhysicalConnection(fdo, wave, 4, other, 0), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcRegisterPhysicalConnection(fdo, wave, 3, group, 0), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(PcRegisterPhysicalConnection(fdo, nullptr, 3, other, 0), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(group->AddMember(member), STATUS_SUCCESS);
     EXPECT_EQ(group->AddMember(member), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(cyclic->NewSlaveDmaChannel(&slave, nullptr, nullptr, 0, 0, FALSE, 0),
@@ -199,22 +170,13 @@ TEST_F(PortClsHost, RefusalsCarryTheirStatus) {
     EXPECT_EQ(unknownClass, nullptr);
     EXPECT_EQ(none, nullptr);
     EXPECT_EQ(slave, nullptr);
-    // A refused registration gives up the miniport: the port goes with its
-    // last reference.
+    // A refused registration gives up the miniport.
     EXPECT_EQ(hostpc::portState(third).miniport, nullptr);
-    EXPECT_TRUE(hostpc::subdeviceNames(nullptr).empty());
     group->RemoveMember(member);
     for (PUNKNOWN object :
-         std::initializer_list<PUNKNOWN>{group, member, bare, topology, wave, again, other, third})
+         std::initializer_list<PUNKNOWN>{group, member, bare, topology, again, other, third})
         object->Release();
-}
 
-// A framing of 0, a position at the buffer's end, a cyclic buffer freed or
-// moved under the port each get the verifier's report, never a quiet repair;
-// a sound stream moves one framing from the service group's DPC.
-TEST_F(PortClsHost, TheVerifierReportsWhatADriverDoesBehindThePort) {
-    FakeWave* wave = nullptr;
-    PPORT port = wavePort(&wave);
     struct Case {
         const char* fault;
         ULONG framing;
@@ -231,17 +193,18 @@ TEST_F(PortClsHost, TheVerifierReportsWhatADriverDoesBehindThePort) {
         {"buffer resized", 1024, [](FakeWave& s) { s.mSize /= 2; }, "moved or resized"},
         {"none", 1024, [](FakeWave& s) { s.mPosition = 1024; }, nullptr},
     };
-    hostpc::WaveFilter filter(port);
+    auto filter = std::make_unique<hostpc::WaveFilter>(wave);
     for (const Case& c : cases) {
         SCOPED_TRACE(c.fault);
-        wave->mFraming = c.framing;
+        miniport->mFraming = c.framing;
         std::unique_ptr<hostpc::KsStream> stream;
-        ASSERT_EQ(filter.open(hostpc::kWaveRenderPin, hostpc::pcmFormat(48000, 2, 16), {}, &stream),
-                  STATUS_SUCCESS);
+        ASSERT_EQ(
+            filter->open(hostpc::kWaveRenderPin, hostpc::pcmFormat(48000, 2, 16), {}, &stream),
+            STATUS_SUCCESS);
         ASSERT_EQ(stream->setState(KSSTATE_RUN), STATUS_SUCCESS);
-        c.act(*wave);
-        static_cast<IPortWaveCyclic*>(port)->Notify(wave->mGroup);
-        std::vector<std::string> reports = hostk::verifierFailures();
+        c.act(*miniport);
+        cyclic->Notify(miniport->mGroup);
+        auto reports = hostk::verifierFailures();
         if (!c.report) {
             EXPECT_TRUE(reports.empty());
             EXPECT_EQ(stream->positionFrames(), 256u);
@@ -251,11 +214,15 @@ TEST_F(PortClsHost, TheVerifierReportsWhatADriverDoesBehindThePort) {
         }
         hostk::clearVerifierFailures();
         stream.reset();
-        wave->mSize = 4096, wave->mPosition = 0;
+        miniport->mSize = 4096, miniport->mPosition = 0;
     }
-    WCHAR name[] = u"Wave";
-    EXPECT_EQ(PcRegisterSubdevice(mFdo, name, port), STATUS_SUCCESS);
-    port->Release();
+    filter.reset();
+    wave->Release();
+    hostpc::removeDevice(fdo);
+    hostk::deleteDeviceObject(pdo);
+    hostpc::resetForTest();
+    EXPECT_EQ(hostpc::liveObjects(), 0u);
+    EXPECT_TRUE(hostpc::devices().empty());
 }
 
 } // namespace
