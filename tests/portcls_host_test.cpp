@@ -48,7 +48,9 @@ public:
     DataRangeIntersection(ULONG, PKSDATARANGE, PKSDATARANGE, ULONG, PVOID, PULONG) override {
         return STATUS_NOT_IMPLEMENTED;
     }
-    STDMETHODIMP_(NTSTATUS) Init(PUNKNOWN, PRESOURCELIST, PPORTWAVECYCLIC) override { return 0; }
+    STDMETHODIMP_(NTSTATUS) Init(PUNKNOWN, PRESOURCELIST, PPORTWAVECYCLIC) override {
+        return STATUS_SUCCESS;
+    }
     STDMETHODIMP_(NTSTATUS)
     NewStream(PMINIPORTWAVECYCLICSTREAM* stream, PUNKNOWN, POOL_TYPE, ULONG, BOOLEAN, PKSDATAFORMAT,
               PDMACHANNEL* dma, PSERVICEGROUP* group) override {
@@ -62,14 +64,20 @@ public:
 
     STDMETHODIMP_(NTSTATUS) SetFormat(PKSDATAFORMAT) override { return STATUS_SUCCESS; }
     STDMETHODIMP_(ULONG) SetNotificationFreq(ULONG, PULONG frame) override {
-        return *frame = mFraming, 10;
+        *frame = mFraming;
+        return 10;
     }
     STDMETHODIMP_(NTSTATUS) SetState(KSSTATE) override { return STATUS_SUCCESS; }
-    STDMETHODIMP_(NTSTATUS) GetPosition(PULONG at) override { return *at = mPosition, 0; }
+    STDMETHODIMP_(NTSTATUS) GetPosition(PULONG at) override {
+        *at = mPosition;
+        return STATUS_SUCCESS;
+    }
     STDMETHODIMP_(NTSTATUS) NormalizePhysicalPosition(PLONGLONG) override { return STATUS_SUCCESS; }
     STDMETHODIMP_(void) Silence(PVOID, ULONG) override {}
 
-    STDMETHODIMP_(NTSTATUS) AllocateBuffer(ULONG, PPHYSICAL_ADDRESS) override { return 0; }
+    STDMETHODIMP_(NTSTATUS) AllocateBuffer(ULONG, PPHYSICAL_ADDRESS) override {
+        return STATUS_SUCCESS;
+    }
     STDMETHODIMP_(void) FreeBuffer() override {}
     STDMETHODIMP_(ULONG) TransferCount() override { return mSize; }
     STDMETHODIMP_(ULONG) MaximumBufferSize() override { return mSize; }
