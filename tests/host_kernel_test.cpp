@@ -153,7 +153,6 @@ TEST(KernelVerifier, EachRuleReportsItsViolationAndEachRefusalItsStatus) {
     ExInitializeRundownProtection(&ref);
     ExWaitForRundownProtectionRelease(&ref);
     ExWaitForRundownProtectionRelease(&ref);
-
     hostk::DriverObjectBlock block;
     PDRIVER_OBJECT driver = hostk::initDriverObject(block);
     EXPECT_EQ(ExAllocatePoolWithTag(NonPagedPool, SIZE_MAX / 2, kTag), nullptr);
@@ -178,7 +177,6 @@ TEST(KernelVerifier, EachRuleReportsItsViolationAndEachRefusalItsStatus) {
     EXPECT_EQ(IoCallDriver(lower, irp), STATUS_INVALID_DEVICE_REQUEST);
     EXPECT_EQ(hostk::liveIrps(), 0u);
     hostk::deleteDeviceObject(lower);
-
     expectReports({"timer that was never initialised", "DPC that was never initialised",
                    "freed with pending timer", "below zero references", "not a live device object",
                    "ObfReferenceObject of", "ObfDereferenceObject of",
