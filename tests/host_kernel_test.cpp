@@ -83,7 +83,7 @@ NTSTATUS NTAPI keepIrp(PDEVICE_OBJECT, PIRP, PVOID) {
 
 // Each rule broken once, and one report per break naming its rule, in order;
 // each refusal with the kernel's status.
-TEST(KernelVerifier, EachRuleReportsItsViolationAndEachRefusalItsStatus) {
+TEST(KernelVerifier, EachRuleReportsItsViolationEachRefusalItsStatusAndWhatIsLeftBehind) {
     KSPIN_LOCK lock;
     KeInitializeSpinLock(&lock);
     hostk::runAtDispatch([&] {
@@ -184,39 +184,32 @@ TEST(KernelVerifier, EachRuleReportsItsViolationAndEachRefusalItsStatus) {
                    "ExWaitForRundownProtectionRelease twice on one run-down",
                    "without completing the IRP", "no more IRP stack locations", "completed twice",
                    "not a live IRP", "completed past its top location"});
-}
-
-// What a test leaves behind is named at its end, so it fails the test.
-TEST(KernelClean, WhatATestLeavesBehindIsReported) {
+    // What a test leaves behind is named at its end, so it fails the test.
     auto expectNamed = [](const char* text) {
         const std::string problems = hostk::checkClean();
         EXPECT_NE(problems.find(text), std::string::npos) << problems;
     };
-    void* p = ExAllocatePoolWithTag(NonPagedPool, 40, kTag);
+    p = ExAllocatePoolWithTag(NonPagedPool, 40, kTag);
     expectNamed("1 live block(s), 40 byte(s)");
     ExFreePoolWithTag(p, kTag);
-    KIRQL old;
     KeRaiseIrql(DISPATCH_LEVEL, &old);
     expectNamed("IRQL 2");
     KeLowerIrql(old);
-    KTIMER timer;
-    KDPC dpc;
-    KeInitializeTimer(&timer);
-    KeInitializeDpc(&dpc, noDpcWork, nullptr);
     KeSetTimer(&timer, soon, &dpc);
     expectNamed("timers: 1 still pending");
     EXPECT_TRUE(KeCancelTimer(&timer));
-    PDEVICE_OBJECT device = hostk::createDeviceObject(nullptr, 1, 0);
+    device = hostk::createDeviceObject(nullptr, 1, 0);
     expectNamed("never deleted");
     ObfReferenceObject(device);
     hostk::deleteDeviceObject(device);
     expectNamed("deleted but still referenced 1 time(s)");
     ObfDereferenceObject(device);
-    PIRP irp = IoAllocateIrp(1, FALSE);
+    irp = IoAllocateIrp(1, FALSE);
     expectNamed("never freed");
     IoFreeIrp(irp);
     // The kernel's assertion report: expression, file and line, then on.
     char expression[] = "Irp->CurrentLocation > 0", file[] = "MMEAdapter";
+    hostk::clearCaptured();
     RtlAssert(expression, file, 321, nullptr);
     expectNamed("Irp->CurrentLocation > 0");
     EXPECT_EQ(hostk::capturedLines(),

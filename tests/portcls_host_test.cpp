@@ -110,7 +110,6 @@ NTSTATUS NTAPI addNothing(PDRIVER_OBJECT, PDEVICE_OBJECT) {
 // Each refusal carries its status; each stream fault gets the verifier's report,
 // never a quiet repair; a sound stream moves one framing from the group's DPC.
 TEST(PortClsHost, RefusesWithItsStatusAndReportsWhatAMiniportDoesBehindThePort) {
-    hostpc::resetForTest();
     hostk::DriverObjectBlock block;
     DRIVER_OBJECT& driver = *hostk::initDriverObject(block);
     ASSERT_EQ(PcInitializeAdapterDriver(&driver, nullptr, addNothing), STATUS_SUCCESS);

@@ -186,9 +186,6 @@ TEST(UsbsimProfile, EachKindOfBadProfileIsNamedByItsField) {
         return [=](json& j) { j[json::json_pointer(pointer)] = value; };
     };
     const json d = DeviceProfile::builtInDefault().toJson();
-    json rates17 = json::array();
-    for (int r = 8000; r < 8017; ++r)
-        rates17.push_back(r);
     const std::string P0 = "/configurations/0/interfaces/0", P1 = "/configurations/0/interfaces/1";
     const std::string A01 = P0 + "/altSettings/1", A02 = P0 + "/altSettings/2";
     const std::string A11 = P1 + "/altSettings/1";
@@ -200,7 +197,7 @@ TEST(UsbsimProfile, EachKindOfBadProfileIsNamedByItsField) {
         std::function<void(json&)> change;
         std::string message;
     } cases[] = {
-        {set(P1 + "/altSettings/2/rates", rates17),
+        {set(P1 + "/altSettings/2/rates", json(17, 8000)),
          I1 + ".altSettings[2].rates: 17 rates, at most 16"},
         {set("/configurations", json(5, d["configurations"][0])),
          "configurations: 5 configurations, at most 4"},
@@ -272,15 +269,12 @@ TEST(UsbsimProfile, EachKindOfBadProfileIsNamedByItsField) {
         c.change(j);
         EXPECT_EQ(thrown([&] { DeviceProfile::fromJson(j); }), c.message);
     }
-    EXPECT_NE(
-        thrown([] { DeviceProfile::fromJsonString("{ \"vendorId\": 1,"); }).find("not valid JSON"),
-        std::string::npos);
+    auto broken = [] { DeviceProfile::fromJsonString("{ \"vendorId\": 1,"); };
+    EXPECT_NE(thrown(broken).find("not valid JSON"), std::string::npos);
     EXPECT_EQ(thrown([] { DeviceProfile::fromJsonString("[1, 2]"); }),
               "(profile): expected an object, found array");
-    EXPECT_EQ(thrown([] {
-                  DeviceProfile::fromJsonFile("/nonexistent/device.json");
-              }).rfind("/nonexistent/device.json: cannot open", 0),
-              0u);
+    auto missing = [] { DeviceProfile::fromJsonFile("/nonexistent/device.json"); };
+    EXPECT_EQ(thrown(missing).rfind("/nonexistent/device.json: cannot open", 0), 0u);
 }
 
 TEST(UsbsimProfile, ChangesAreJudgedByTheAcceptRules) {
