@@ -224,11 +224,13 @@ MME_SSSE3_FUNCTION ULONG unpack24Ssse3(LONG* out, const UCHAR* in, ULONG count) 
 
 // Bytes 1..3 of each of four samples, packed into the low 12 bytes.
 // Each 64-bit half: its second sample moved down next to its first, the
-// pair's 6 bytes low and 2 zero bytes above them.
+// pair's 6 bytes low and 2 zero bytes above them. With y0 and y1 the two
+// samples shifted down to 24 bits, the half holds y0 + y1 * 2^32; taking
+// y1 * (2^32 - 2^24) off it, one multiply, leaves y0 + y1 * 2^24.
 inline __m128i pairs24Sse2(__m128i v) {
-    const __m128i low32 = _mm_set_epi32(0, -1, 0, -1);
-    __m128i x = _mm_srli_epi32(v, 8);
-    return _mm_or_si128(_mm_and_si128(x, low32), _mm_srli_epi64(_mm_andnot_si128(low32, x), 8));
+    const __m128i weight = _mm_set_epi32(0, (int)0xFF000000u, 0, (int)0xFF000000u);
+    __m128i y = _mm_srli_epi32(v, 8);
+    return _mm_sub_epi64(y, _mm_mul_epu32(_mm_srli_epi64(v, 40), weight));
 }
 inline __m128i pick24Sse2(__m128i v) {
     const __m128i low6 = _mm_set_epi32(0, 0, 0xFFFF, -1);
@@ -239,7 +241,7 @@ inline __m128i pick24Sse2(__m128i v) {
 // Four samples' 12 bytes at out as two pairs, 2 bytes past them overwritten.
 inline void storePairs24Sse2(UCHAR* out, __m128i pairs) {
     store64x(out, pairs);
-    store64x(out + 6, _mm_unpackhi_epi64(pairs, pairs));
+    _mm_storeh_pi(reinterpret_cast<__m64*>(out + 6), _mm_castsi128_ps(pairs));
 }
 
 // Sixteen samples as 48 bytes at out. Each group's 16-byte store ends in
@@ -274,18 +276,20 @@ inline __m128i place24Sse2At(const UCHAR* p) {
     return placePairs24Sse2(_mm_unpacklo_epi64(load64x(p), load64x(p + 6)));
 }
 
-// Unpacks groups of four samples while the 16-byte load stays inside the
-// source (two more samples follow); returns the samples done.
 // Eight samples from the 24 bytes at from, whose byte before is readable.
 // A load starting one byte before a sample puts it in the top 3 bytes of
 // the load's first 32-bit lane and the sample four on in its last, so four
-// loads 3 bytes apart hold all eight in place: unpacks gather them and no
-// bytes move within a lane.
+// loads 3 bytes apart hold all eight in place: lane shuffles gather them and
+// no bytes move within a lane.
 template <int Shift> inline void widen24x8Sse2(LONG* to, const UCHAR* from) {
-    __m128i l0 = load128(from - 1), l1 = load128(from + 2);
-    __m128i l2 = load128(from + 5), l3 = load128(from + 8);
-    __m128i first = _mm_unpacklo_epi64(_mm_unpacklo_epi32(l0, l1), _mm_unpacklo_epi32(l2, l3));
-    __m128i second = _mm_unpackhi_epi64(_mm_unpackhi_epi32(l0, l1), _mm_unpackhi_epi32(l2, l3));
+    __m128 l0 = _mm_castsi128_ps(load128(from - 1)), l1 = _mm_castsi128_ps(load128(from + 2));
+    __m128 l2 = _mm_castsi128_ps(load128(from + 5)), l3 = _mm_castsi128_ps(load128(from + 8));
+    // Lanes 0 and 3 of each load hold samples k and k + 4: two shuffles
+    // gather them as [0 4 1 5] and [2 6 3 7], two more sort them.
+    __m128 a = _mm_shuffle_ps(l0, l1, _MM_SHUFFLE(3, 0, 3, 0));
+    __m128 b = _mm_shuffle_ps(l2, l3, _MM_SHUFFLE(3, 0, 3, 0));
+    __m128i first = _mm_castps_si128(_mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0)));
+    __m128i second = _mm_castps_si128(_mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1)));
     if (Shift) {
         first = _mm_srai_epi32(first, Shift);
         second = _mm_srai_epi32(second, Shift);
@@ -298,6 +302,8 @@ template <int Shift> inline void widen24x8Sse2(LONG* to, const UCHAR* from) {
     store128(to + 4, second);
 }
 
+// Unpacks groups of four samples while the 16-byte load stays inside the
+// source (two more samples follow); returns the samples done.
 template <int Shift> ULONG unpack24Sse2(LONG* out, const UCHAR* in, ULONG count) {
     ULONG i = 0;
     if (count >= 20) {
