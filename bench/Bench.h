@@ -33,7 +33,8 @@ private:
 };
 
 // Registers name/memcpy for a benchmark whose ratio is taken against `bytes`
-// of its `side`; target is the largest ratio it may have.
+// of its `side`; target is the largest ratio it may have, or 0 for a floor
+// that other benchmarks are read against.
 void registerBaseline(const std::string& name, size_t bytes, const char* side, double target);
 
 void registerConversionBenchmarks();

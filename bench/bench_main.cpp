@@ -68,6 +68,11 @@ public:
             if (kernel == mTimes.end() || copy == mTimes.end() || copy->second <= 0)
                 continue;
             const double ratio = kernel->second / copy->second;
+            if (base.target <= 0) {
+                std::printf("%-40s %9.1f %9.1f %7.2f %-4s %5zu B   (floor)\n", name.c_str(),
+                            kernel->second, copy->second, ratio, base.side, base.bytes);
+                continue;
+            }
             std::printf("%-40s %9.1f %9.1f %7.2f %-4s %5zu B %5.1f %s\n", name.c_str(),
                         kernel->second, copy->second, ratio, base.side, base.bytes, base.target,
                         ratio <= base.target ? "met" : "MISSED");

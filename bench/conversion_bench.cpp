@@ -7,6 +7,8 @@
 
 #include "driver/streaming/SampleConversion.h"
 
+#include <emmintrin.h>
+
 #include <cstdint>
 #include <memory>
 #include <random>
@@ -49,6 +51,32 @@ void registerKernel(const std::string& name, size_t ringBytes, double target, bo
     registerBaseline(name, ringBytes, "ring", target);
 }
 
+// The least a kernel on 16-byte registers can do for a period: one aligned
+// store per 16 bytes it writes (a multiple of 64), nothing loaded or
+// computed. Its ratio is the
+// floor under that kernel's on the machine that runs it.
+void registerStoreFloor(const std::string& name, size_t ringBytes, size_t writtenBytes) {
+    auto out = std::make_shared<AlignedBytes>(writtenBytes);
+    benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) {
+        __m128i value = _mm_set1_epi32(int(state.max_iterations));
+        for (auto _ : state) {
+            unsigned char* to = out->data();
+            // Four to a loop, as the kernels unroll theirs.
+            for (size_t at = 0; at + 64 <= writtenBytes; at += 64) {
+                _mm_store_si128(reinterpret_cast<__m128i*>(to + at), value);
+                _mm_store_si128(reinterpret_cast<__m128i*>(to + at + 16), value);
+                _mm_store_si128(reinterpret_cast<__m128i*>(to + at + 32), value);
+                _mm_store_si128(reinterpret_cast<__m128i*>(to + at + 48), value);
+            }
+            benchmark::DoNotOptimize(to);
+            benchmark::ClobberMemory();
+            value = _mm_add_epi32(value, value);
+        }
+        state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(ringBytes));
+    });
+    registerBaseline(name, ringBytes, "ring", 0);
+}
+
 void registerPair(ULONG bits, ChannelPair p, bool baselineOnly) {
     const std::string suffix = "/" + std::to_string(bits) + "bit" + (baselineOnly ? "-sse2" : "");
     const size_t ringBytes = size_t(kPeriodFrames) * p.ring * 4;
@@ -84,6 +112,14 @@ void registerConversionBenchmarks() {
             registerPair(bits, p, false);
     for (ChannelPair p : kPairs)
         registerPair(24, p, true);
+    // Where 24-bit stream and ring channels match, the PCM side is written
+    // (capture) or the ring (render) with nothing but unaligned stores.
+    for (ULONG channels : {2u, 8u}) {
+        const std::string shape = "/" + std::to_string(channels) + "to" + std::to_string(channels);
+        const size_t ringBytes = size_t(kPeriodFrames) * channels * 4;
+        registerStoreFloor("stores-only/capture24" + shape, ringBytes, ringBytes / 4 * 3);
+        registerStoreFloor("stores-only/render24" + shape, ringBytes, ringBytes);
+    }
 }
 
 } // namespace mmebench
