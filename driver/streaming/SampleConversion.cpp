@@ -323,6 +323,18 @@ template <int Shift> ULONG unpack24Sse2(LONG* out, const UCHAR* in, ULONG count)
         __m128i v = place24Sse2(load128(in + 3 * (SIZE_T)i));
         store128(out + i, Shift ? _mm_srai_epi32(v, Shift) : v);
     }
+    // At most five left: from the source's last 16 bytes, which hold the
+    // last five samples from byte 1 on, rewriting some done ones as they are.
+    if (i < count && count >= 6) {
+        const __m128i last = load128(in + 3 * (SIZE_T)count - 16);
+        if (count - i == 5) {
+            __m128i v = place24Sse2(_mm_srli_si128(last, 1));
+            store128(out + count - 5, Shift ? _mm_srai_epi32(v, Shift) : v);
+        }
+        __m128i v = place24Sse2(_mm_srli_si128(last, 4));
+        store128(out + count - 4, Shift ? _mm_srai_epi32(v, Shift) : v);
+        i = count;
+    }
     return i;
 }
 
