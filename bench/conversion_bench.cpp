@@ -53,8 +53,8 @@ void registerKernel(const std::string& name, size_t ringBytes, double target, bo
 
 // The least a kernel on 16-byte registers can do for a period: one aligned
 // store per 16 bytes it writes (a multiple of 64), nothing loaded or
-// computed. Its ratio is the
-// floor under that kernel's on the machine that runs it.
+// computed. Its ratio is the floor under that kernel's on the machine that
+// runs it.
 void registerStoreFloor(const std::string& name, size_t ringBytes, size_t writtenBytes) {
     auto out = std::make_shared<AlignedBytes>(writtenBytes);
     benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) {
@@ -112,8 +112,8 @@ void registerConversionBenchmarks() {
             registerPair(bits, p, false);
     for (ChannelPair p : kPairs)
         registerPair(24, p, true);
-    // Where 24-bit stream and ring channels match, the PCM side is written
-    // (capture) or the ring (render) with nothing but unaligned stores.
+    // The floors of the 24-bit kernels whose stream and ring channels
+    // match: the PCM a capture writes, the ring frames a render writes.
     for (ULONG channels : {2u, 8u}) {
         const std::string shape = "/" + std::to_string(channels) + "to" + std::to_string(channels);
         const size_t ringBytes = size_t(kPeriodFrames) * channels * 4;

@@ -302,14 +302,18 @@ template <int Shift> inline void widen24x8Sse2(LONG* to, const UCHAR* from) {
     store128(to + 4, second);
 }
 
+template <int Shift> inline __m128i shiftedBy(__m128i v) {
+    return Shift ? _mm_srai_epi32(v, Shift) : v;
+}
+
 // Unpacks groups of four samples while the 16-byte load stays inside the
-// source (two more samples follow); returns the samples done.
+// source (two more samples follow), then the rest from a load that ends
+// with the source; returns the samples done, all of them from six on.
 template <int Shift> ULONG unpack24Sse2(LONG* out, const UCHAR* in, ULONG count) {
     ULONG i = 0;
     if (count >= 20) {
         // The first four the other way, so no load starts before the source.
-        __m128i v = place24Sse2At(in);
-        store128(out, Shift ? _mm_srai_epi32(v, Shift) : v);
+        store128(out, shiftedBy<Shift>(place24Sse2At(in)));
         const UCHAR* from = in + 12;
         LONG* to = out + 4;
         const ULONG bulk = (count - 4) & ~15u;
@@ -319,20 +323,15 @@ template <int Shift> ULONG unpack24Sse2(LONG* out, const UCHAR* in, ULONG count)
         }
         i = 4 + bulk;
     }
-    for (; i + 6 <= count; i += 4) {
-        __m128i v = place24Sse2(load128(in + 3 * (SIZE_T)i));
-        store128(out + i, Shift ? _mm_srai_epi32(v, Shift) : v);
-    }
+    for (; i + 6 <= count; i += 4)
+        store128(out + i, shiftedBy<Shift>(place24Sse2(load128(in + 3 * (SIZE_T)i))));
     // At most five left: from the source's last 16 bytes, which hold the
     // last five samples from byte 1 on, rewriting some done ones as they are.
     if (i < count && count >= 6) {
         const __m128i last = load128(in + 3 * (SIZE_T)count - 16);
-        if (count - i == 5) {
-            __m128i v = place24Sse2(_mm_srli_si128(last, 1));
-            store128(out + count - 5, Shift ? _mm_srai_epi32(v, Shift) : v);
-        }
-        __m128i v = place24Sse2(_mm_srli_si128(last, 4));
-        store128(out + count - 4, Shift ? _mm_srai_epi32(v, Shift) : v);
+        if (count - i == 5)
+            store128(out + count - 5, shiftedBy<Shift>(place24Sse2(_mm_srli_si128(last, 1))));
+        store128(out + count - 4, shiftedBy<Shift>(place24Sse2(_mm_srli_si128(last, 4))));
         i = count;
     }
     return i;
