@@ -331,6 +331,7 @@ TEST(BadHardware, ARateOfZeroIsRefusedWhereItWouldDivideAndReplacedByAStreamsRat
     EXPECT_EQ(zero.wave()->sampleRate(), 48000u);
     zero.model().runPeriods(20);
     EXPECT_GT(render->positionFrames(), 0u);
+    render.reset(); // before its device goes
 }
 
 // ---- Notifications, state questions and USBCall_Unregister ----
@@ -359,10 +360,12 @@ TEST(BadNotifications, UnknownCodesChangeNothingAndAfterUnregisterNoCallbackReac
     device.model().runPeriods(4);
     EXPECT_GT(capture->positionFrames(), frames);
 
-    device.remove(); // with both streams running
-    EXPECT_EQ(device.model().link(), nullptr);
+    device.remove(); // with both streams running: surprise-removed until they close
     EXPECT_TRUE(capture->removed());
     EXPECT_TRUE(render->removed());
+    capture.reset();
+    render.reset();
+    EXPECT_EQ(device.model().link(), nullptr);
     const uint64_t exchanges = device.model().exchangeCalls();
     device.model().clearNotices();
     for (ULONG code = 0; code <= 6; ++code)

@@ -42,7 +42,13 @@ const struct {
     {EventKind::ExclusiveInputsOff, "exclusiveInputsOff"},
     {EventKind::DigitalLock, "digitalLock"},
     {EventKind::SampleRate, "sampleRate"},
+    {EventKind::Unplug, "unplug"},
+    {EventKind::Replug, "replug"},
+    {EventKind::Sleep, "sleep"},
 };
+
+// Device-life events last at most an hour of the clock.
+constexpr uint32_t kMaxLifeMs = 3600000;
 
 bool validBits(uint32_t bits) {
     return bits == 16 || bits == 20 || bits == 24 || bits == 32;
@@ -322,8 +328,11 @@ ScheduledEvent parseEvent(const json& j, const std::string& path) {
     if (!kind)
         throw ProfileError(r.at("event"), "unknown event \"" + name + "\"");
     e.kind = *kind;
-    if (e.kind == EventKind::DigitalLock || e.kind == EventKind::SampleRate) {
+    if (e.kind == EventKind::DigitalLock || e.kind == EventKind::SampleRate ||
+        e.kind == EventKind::Sleep) {
         r.require("value");
+        e.value = uint32_t(r.number("value", 0, 0xFFFFFFFFu));
+    } else if (e.kind == EventKind::Unplug && r.has("value")) {
         e.value = uint32_t(r.number("value", 0, 0xFFFFFFFFu));
     } else if (r.has("value")) {
         throw ProfileError(r.at("value"), std::string("event \"") + name + "\" takes no value");
@@ -618,7 +627,8 @@ json DeviceProfile::toJson() const {
         json events = json::array();
         for (const auto& e : schedule) {
             json je{{"period", e.period}, {"event", eventName(e.kind)}};
-            if (e.kind == EventKind::DigitalLock || e.kind == EventKind::SampleRate)
+            if (e.kind == EventKind::DigitalLock || e.kind == EventKind::SampleRate ||
+                e.kind == EventKind::Sleep || (e.kind == EventKind::Unplug && e.value))
                 je["value"] = e.value;
             events.push_back(je);
         }
@@ -710,6 +720,12 @@ void DeviceProfile::validate() const {
             (e.value < kMinRate || e.value > kMaxRate))
             throw ProfileError("schedule[" + std::to_string(i) + "].value",
                                std::to_string(e.value) + " Hz is out of range 1000..768000 (or 0)");
+        if ((e.kind == EventKind::Sleep && (e.value < 1 || e.value > kMaxLifeMs)) ||
+            (e.kind == EventKind::Unplug && e.value > kMaxLifeMs))
+            throw ProfileError("schedule[" + std::to_string(i) + "].value",
+                               std::to_string(e.value) + " ms is out of range " +
+                                   (e.kind == EventKind::Sleep ? "1" : "0") + ".." +
+                                   std::to_string(kMaxLifeMs));
         if (i > 0 && e.period < schedule[i - 1].period)
             throw ProfileError("schedule[" + std::to_string(i) + "].period",
                                "periods must not go backwards (" + std::to_string(e.period) +

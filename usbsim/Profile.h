@@ -90,6 +90,9 @@ enum class EventKind {
     ExclusiveInputsOff,
     DigitalLock, // value: Hz (0 = unlocked)
     SampleRate,  // value: Hz; the hardware changes rate and reports it
+    Unplug,      // value: ms of the clock until the replug (0 = stays unplugged)
+    Replug,
+    Sleep, // value: ms the system sleeps (the device goes to D3 and back)
 };
 const char* eventName(EventKind kind);
 std::optional<EventKind> eventFromName(const std::string& name);

@@ -4,6 +4,7 @@
 #include "usbsim/UsbDriverModel.h"
 
 #include "host/kernel/HostKernel.h"
+#include "host/portcls/HostPortCls.h"
 #include "usbsim/Backends.h"
 
 #include <algorithm>
@@ -43,6 +44,13 @@ void storeRelease(ULONG* p, uint32_t v) {
     __atomic_store_n(p, v, __ATOMIC_RELEASE);
 }
 
+// What a device object of the model carries: its model and which instance
+// (plug-in) it stands for.
+struct PdoExtension {
+    UsbDriverModel* model;
+    uint64_t instance;
+};
+
 } // namespace
 
 UsbDriverModel::UsbDriverModel(DeviceProfile profile)
@@ -63,26 +71,42 @@ UsbDriverModel::UsbDriverModel(DeviceProfile profile)
     PDRIVER_OBJECT driver = hostk::initDriverObject(mDriver);
     for (auto& fn : driver->MajorFunction)
         fn = &UsbDriverModel::dispatch;
-    mDevice = hostk::createDeviceObject(driver, 1, sizeof(UsbDriverModel*));
+    mDevice = hostk::createDeviceObject(driver, 1, sizeof(PdoExtension));
     if (!mDevice)
         throw std::runtime_error("usbsim: the host kernel created no device object");
-    *static_cast<UsbDriverModel**>(mDevice->DeviceExtension) = this;
+    *static_cast<PdoExtension*>(mDevice->DeviceExtension) = PdoExtension{this, mInstance};
 }
 
 UsbDriverModel::~UsbDriverModel() {
     stopRealTime();
-    if (mDevice) {
-        *static_cast<UsbDriverModel**>(mDevice->DeviceExtension) = nullptr;
-        hostk::deleteDeviceObject(mDevice);
+    std::vector<PDEVICE_OBJECT> devices = mRetired;
+    devices.push_back(mDevice);
+    for (PDEVICE_OBJECT device : devices) {
+        if (!device)
+            continue;
+        // A bus driver never goes while a device stands on its child: the
+        // requests the function driver passes down would reach freed memory.
+        if (hostpc::fdoForPdo(device)) {
+            hostk::reportVerifierFailure(
+                "the USB model goes while a function device still stands on its device object");
+            hostpc::reportMissing(device);
+        }
+        static_cast<PdoExtension*>(device->DeviceExtension)->model = nullptr;
+        hostk::deleteDeviceObject(device);
     }
+}
+
+PDEVICE_OBJECT UsbDriverModel::pdo() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mDevice;
 }
 
 // ---- Dispatch ----
 
 NTSTATUS NTAPI UsbDriverModel::dispatch(PDEVICE_OBJECT device, PIRP irp) {
-    UsbDriverModel* self = device && device->DeviceExtension
-                               ? *static_cast<UsbDriverModel**>(device->DeviceExtension)
-                               : nullptr;
+    const PdoExtension* extension =
+        device ? static_cast<const PdoExtension*>(device->DeviceExtension) : nullptr;
+    UsbDriverModel* self = extension ? extension->model : nullptr;
     if (!irp)
         return STATUS_INVALID_PARAMETER;
     if (!self) {
@@ -91,7 +115,70 @@ NTSTATUS NTAPI UsbDriverModel::dispatch(PDEVICE_OBJECT device, PIRP irp) {
         IoCompleteRequest(irp, 0);
         return STATUS_INVALID_DEVICE_STATE;
     }
+    bool current;
+    {
+        std::lock_guard<std::mutex> lock(self->mLock);
+        current = extension->instance == self->mInstance && !self->mGone;
+    }
+    const UCHAR major = IoGetCurrentIrpStackLocation(irp)->MajorFunction;
+    if (major == IRP_MJ_PNP || major == IRP_MJ_POWER)
+        return self->handleBusRequest(irp, current);
+    if (!current) {
+        // A device that vanished: the bus driver fails what still comes.
+        Call call;
+        call.major = major;
+        call.code = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.IoControlCode;
+        call.record = static_cast<MMEAdapterInfo*>(irp->UserBuffer);
+        call.irql = KeGetCurrentIrql();
+        call.answer = STATUS_NO_SUCH_DEVICE;
+        call.note = "the device is unplugged";
+        {
+            std::lock_guard<std::mutex> lock(self->mLock);
+            self->mCalls.push_back(call);
+        }
+        irp->IoStatus.Status = STATUS_NO_SUCH_DEVICE;
+        irp->IoStatus.Information = 0;
+        IoCompleteRequest(irp, 0);
+        return STATUS_NO_SUCH_DEVICE;
+    }
     return self->handle(irp);
+}
+
+// The PnP and power requests the function driver passes down, as a bus
+// driver answers them for its child.
+NTSTATUS UsbDriverModel::handleBusRequest(PIRP irp, bool current) {
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+    NTSTATUS status = irp->IoStatus.Status;
+    if (stack->MajorFunction == IRP_MJ_PNP) {
+        switch (stack->MinorFunction) {
+        case IRP_MN_START_DEVICE:
+            status = current ? STATUS_SUCCESS : STATUS_NO_SUCH_DEVICE;
+            break;
+        case IRP_MN_QUERY_REMOVE_DEVICE:
+        case IRP_MN_CANCEL_REMOVE_DEVICE:
+        case IRP_MN_QUERY_STOP_DEVICE:
+        case IRP_MN_CANCEL_STOP_DEVICE:
+        case IRP_MN_STOP_DEVICE:
+        case IRP_MN_SURPRISE_REMOVAL:
+        case IRP_MN_REMOVE_DEVICE:
+            status = STATUS_SUCCESS;
+            break;
+        default:
+            break; // left as it came, as a bus driver does with what it does not handle
+        }
+    } else {
+        if (current && stack->MinorFunction == IRP_MN_SET_POWER &&
+            stack->Parameters.Power.Type == DevicePowerState) {
+            if (stack->Parameters.Power.State.DeviceState == PowerDeviceD0)
+                resume();
+            else
+                suspend();
+        }
+        status = STATUS_SUCCESS;
+    }
+    irp->IoStatus.Status = status;
+    IoCompleteRequest(irp, 0);
+    return status;
 }
 
 NTSTATUS UsbDriverModel::handle(PIRP irp) {
@@ -255,16 +342,20 @@ NTSTATUS UsbDriverModel::unregisterRecord(MMEAdapterInfo*, std::string& note) {
         mDeferred.clear();
     }
     stopRealTime();
-    // Callbacks that started before the link went away finish before the
-    // driver may free what they use; those on this thread are our callers.
+    if (!waitForCallouts())
+        note = "a callback on another thread was still running";
+    return STATUS_SUCCESS;
+}
+
+// Callbacks that started before the link went away finish before the
+// driver may free what they use; those on this thread are our callers.
+bool UsbDriverModel::waitForCallouts() {
     std::unique_lock<std::mutex> lock(mLock);
     const auto me = std::this_thread::get_id();
     auto othersBusy = [&] {
         return size_t(std::count(mCalloutThreads.begin(), mCalloutThreads.end(), me)) != mCallouts;
     };
-    if (!mCalloutsDone.wait_for(lock, kUnregisterPatience, [&] { return !othersBusy(); }))
-        note = "a callback on another thread was still running";
-    return STATUS_SUCCESS;
+    return mCalloutsDone.wait_for(lock, kUnregisterPatience, [&] { return !othersBusy(); });
 }
 
 NTSTATUS UsbDriverModel::applyChange(MMEAdapterInfo* record, std::string& note) {
@@ -478,6 +569,185 @@ void UsbDriverModel::timedStart() {
 
 void UsbDriverModel::preventFurtherCalls() {
     notify(MMENotify_PreventFurtherDriverCalls);
+}
+
+// ---- Device life ----
+
+void UsbDriverModel::tellDeviceEvent(const std::string& kind, const std::string& detail) {
+    if (ModelObserver* observer = mObserver.load(std::memory_order_acquire))
+        observer->deviceEvent(kind, detail);
+}
+
+uint64_t UsbDriverModel::ticksFor(uint32_t ms) const {
+    std::lock_guard<std::recursive_mutex> period(mPeriodLock);
+    std::lock_guard<std::mutex> lock(mLock);
+    const uint64_t rate = mSettings.current.fr ? mSettings.current.fr : 48000;
+    const uint64_t frames = (uint64_t(ms) * rate + 999) / 1000;
+    return std::max<uint64_t>(1, (frames + mPeriodFrames - 1) / mPeriodFrames);
+}
+
+void UsbDriverModel::unplug(uint32_t replugAfterMs) {
+    const uint64_t replugTicks = replugAfterMs ? ticksFor(replugAfterMs) : 0;
+    PDEVICE_OBJECT gone;
+    uint64_t at;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (mGone)
+            return;
+        mGone = true;
+        mSuspended = false;
+        mWakeAt = 0;
+        mMMEAttached = false;
+        at = mPeriods;
+        mReplugAt = replugTicks ? at + replugTicks : 0;
+        gone = mDevice;
+    }
+    // What the USB driver tells its client when its device vanishes; a
+    // period already under way on the clock's thread may still be running.
+    notify(MMENotify_OnMMEDetached);
+    notify(MMENotify_PreventFurtherDriverCalls);
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mLink = nullptr;
+        mStarted = false;
+        mDeferred.clear();
+    }
+    waitForCallouts();
+    {
+        std::lock_guard<std::recursive_mutex> period(mPeriodLock);
+        storeRelease(&mRender->mMMEReadPos, MME_RING_NOT_ATTACHED);
+    }
+    tellDeviceEvent("unplug",
+                    "the device vanished at period " + std::to_string(at) +
+                        (replugTicks ? ", replugged after " + std::to_string(replugAfterMs) + " ms"
+                                     : std::string()));
+    hostpc::reportMissing(gone);
+}
+
+NTSTATUS UsbDriverModel::replug() {
+    PDEVICE_OBJECT fresh = hostk::createDeviceObject(&mDriver.object, 1, sizeof(PdoExtension));
+    if (!fresh)
+        throw std::runtime_error("usbsim: the host kernel created no device object");
+    uint64_t instance;
+    {
+        std::lock_guard<std::recursive_mutex> period(mPeriodLock);
+        {
+            std::lock_guard<std::mutex> lock(mLock);
+            if (!mGone) {
+                hostk::deleteDeviceObject(fresh);
+                throw std::logic_error("replug: the device is present");
+            }
+            // The old device object stays until the model goes: the driver
+            // may still hold a reference to it.
+            mRetired.push_back(mDevice);
+            mDevice = fresh;
+            instance = ++mInstance;
+            *static_cast<PdoExtension*>(fresh->DeviceExtension) = PdoExtension{this, instance};
+            mGone = false;
+            mReplugAt = 0;
+            mStarted = false;
+            mMMEAttached = false;
+            mSettings.current = mProfile.hardware;
+            mSettings.mDigitalLockFrequency = mProfile.digitalLockHz;
+        }
+        // A device at power-on: its rings as new.
+        for (AudioSM* ring : {mCapture, mRender.get()})
+            std::memset(static_cast<void*>(ring), 0, sizeof(AudioSM));
+        shapeRings(true);
+        configureBackends();
+    }
+    tellDeviceEvent("replug", "device object " + std::to_string(instance) + " arrived");
+    return hostpc::reportArrival(fresh);
+}
+
+bool UsbDriverModel::present() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return !mGone;
+}
+
+bool UsbDriverModel::suspended() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mSuspended;
+}
+
+uint64_t UsbDriverModel::instance() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mInstance;
+}
+
+void UsbDriverModel::sleepSystem(uint32_t ms) {
+    const uint64_t ticks = ticksFor(ms);
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (mGone || mWakeAt)
+            return;
+        mWakeAt = mPeriods + ticks;
+    }
+    hostpc::sleepSystem();
+}
+
+// D3: the device stops; the MME side is detached while it sleeps.
+void UsbDriverModel::suspend() {
+    bool attached;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (mSuspended || mGone)
+            return;
+        mSuspended = true;
+        mSleptTicks = 0;
+        attached = mMMEAttached;
+        mAttachedBeforeSleep = attached;
+    }
+    if (attached)
+        detachMME();
+    tellDeviceEvent("suspend", std::string("the device went to D3") +
+                                   (attached ? ", the MME side detached" : ""));
+}
+
+// D0: the device's frame counter ran on while it slept (what it captured
+// then is lost); the MME side is attached again at the next period when it
+// was before.
+void UsbDriverModel::resume() {
+    uint64_t slept;
+    bool reattach;
+    {
+        std::lock_guard<std::recursive_mutex> period(mPeriodLock);
+        std::lock_guard<std::mutex> lock(mLock);
+        if (!mSuspended)
+            return;
+        mSuspended = false;
+        slept = mSleptTicks;
+        reattach = mAttachedBeforeSleep && mLink;
+        std::memset(mCapture->mSamples, 0, sizeof mCapture->mSamples);
+        storeRelease(&mCapture->mWritePos,
+                     uint32_t(mCapture->mWritePos + slept * uint64_t(mPeriodFrames)));
+        if (reattach)
+            mDeferred.push_back([this] {
+                if (!mmeAttached() && !asioAttached())
+                    attachMME();
+            });
+    }
+    tellDeviceEvent("resume", "the device is back in D0 after " + std::to_string(slept) +
+                                  " periods" + (reattach ? "; the MME side attaches again" : ""));
+}
+
+// A tick of the clock while the device is unplugged or asleep: time passes,
+// no audio moves.
+void UsbDriverModel::tickAbsent() {
+    ModelObserver::Period seen;
+    seen.present = false;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        seen.index = mPeriods;
+        seen.rate = mSettings.current.fr;
+        seen.frames = mPeriodFrames;
+        ++mPeriods;
+        if (mSuspended)
+            ++mSleptTicks;
+    }
+    if (ModelObserver* observer = mObserver.load(std::memory_order_acquire))
+        observer->periodDone(seen);
+    advanceHostTime();
 }
 
 void UsbDriverModel::setExclusiveInputs(bool on) {
@@ -694,6 +964,16 @@ void UsbDriverModel::fireEvent(const ScheduledEvent& e) {
     case EventKind::DigitalLock:
         setDigitalLock(e.value);
         break;
+    case EventKind::Unplug:
+        unplug(e.value);
+        break;
+    case EventKind::Replug:
+        if (!present())
+            replug();
+        break;
+    case EventKind::Sleep:
+        sleepSystem(e.value);
+        break;
     case EventKind::SampleRate: {
         ChannelConfig c;
         {
@@ -831,6 +1111,30 @@ void UsbDriverModel::advanceHostTime() {
 
 void UsbDriverModel::runOnePeriod() {
     fireScheduled();
+    bool replugNow = false, wakeNow = false, absent;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (mGone && mReplugAt && mPeriods >= mReplugAt) {
+            mReplugAt = 0;
+            replugNow = true;
+        }
+        if (mWakeAt && mPeriods >= mWakeAt) {
+            mWakeAt = 0;
+            wakeNow = true;
+        }
+    }
+    if (replugNow)
+        replug();
+    if (wakeNow)
+        hostpc::wakeSystem();
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        absent = mGone || mSuspended;
+    }
+    if (absent) {
+        tickAbsent();
+        return;
+    }
     runDeferred();
     ModelObserver* observer = mObserver.load(std::memory_order_acquire);
     ModelObserver::Period seen;

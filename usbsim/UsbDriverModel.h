@@ -10,7 +10,16 @@
 // Contract with the driver: every request is completed synchronously before
 // the dispatch returns; after USBCall_Unregister no callback arrives (the
 // real-time clock is stopped and Unregister waits for callbacks already under
-// way on other threads).
+// way on other threads). The same holds once the device is unplugged.
+//
+// Device life: unplug() is what a bus driver does when its device vanishes
+// (the link's notifications, then IoInvalidateDeviceRelations: the PnP
+// manager surprise-removes the stack); replug() brings a new device object
+// of the same profile, which the PnP manager has the loaded driver add and
+// start. The device object also takes the PnP and power requests the
+// function driver passes down: D3 suspends the device (the MME side
+// detached, no audio moves), D0 resumes it with its positions moved on by
+// the time it slept and the MME side attached again if it was before.
 //
 // Threads: notifications and state questions are sent with no lock of the
 // model held, so their handlers may call the USB driver on any thread. A
@@ -56,6 +65,7 @@ public:
         uint32_t mmeReadPos = 0;      // render ring mMMEReadPos
         uint32_t deviceReadPos = 0;   // where the device plays the render ring next
         bool exchanged = false;       // the exchange callback ran
+        bool present = true;          // false: unplugged or suspended, a tick without audio
     };
     virtual ~ModelObserver() = default;
     virtual void periodDone(const Period& period) = 0;
@@ -64,6 +74,12 @@ public:
     // A call from the driver, answered; note says why when the model refused.
     virtual void call(ULONG code, NTSTATUS answer, const std::string& note,
                       const ChannelConfig& wanted) = 0;
+    // The device's life: "unplug", "replug", "suspend" (to D3), "resume"
+    // (back in D0), with what happened in words.
+    virtual void deviceEvent(const std::string& kind, const std::string& detail) {
+        (void)kind;
+        (void)detail;
+    }
 };
 
 class UsbDriverModel {
@@ -73,7 +89,8 @@ public:
     UsbDriverModel(const UsbDriverModel&) = delete;
     UsbDriverModel& operator=(const UsbDriverModel&) = delete;
 
-    PDEVICE_OBJECT pdo() const { return mDevice; }
+    // The device object of the present instance (the last one after an unplug).
+    PDEVICE_OBJECT pdo() const;
     PDRIVER_OBJECT driverObject() { return &mDriver.object; }
     const DeviceProfile& profile() const { return mProfile; }
 
@@ -161,6 +178,29 @@ public:
     // Runs fn at the next period boundary, under the model's lock.
     void defer(std::function<void()> fn);
 
+    // ---- Device life ----
+    // The device vanishes: MMENotify_OnMMEDetached and
+    // MMENotify_PreventFurtherDriverCalls to the registered driver (also
+    // while a period runs on the real-time thread), the link dropped (no
+    // callback once this returns), the clock ticks on without audio, every
+    // later request to the device object fails with STATUS_NO_SUCH_DEVICE,
+    // and the PnP manager hears the child is gone (hostpc::reportMissing).
+    // replugAfterMs > 0: the clock replugs it after that much of its time.
+    // Nothing when already unplugged.
+    void unplug(uint32_t replugAfterMs = 0);
+    // A new instance: a new device object, the hardware and rings as at
+    // power-on, reported to the PnP manager (hostpc::reportArrival), whose
+    // answer comes back. Throws std::logic_error while the device is present.
+    NTSTATUS replug();
+    bool present() const;
+    bool suspended() const;    // in D3
+    uint64_t instance() const; // 1, and one more per replug
+    // The system sleeps for `ms` of the clock's time from the next tick:
+    // hostpc::sleepSystem(), ticks without audio, hostpc::wakeSystem().
+    void sleepSystem(uint32_t ms);
+    // Ticks of the clock for `ms` milliseconds at the hardware's rate (at least 1).
+    uint64_t ticksFor(uint32_t ms) const;
+
     // ---- Device I/O ----
     void setInput(std::shared_ptr<InputBackend> input);    // null: silence
     void setOutput(std::shared_ptr<OutputBackend> output); // null: discard
@@ -197,9 +237,15 @@ public:
 private:
     static NTSTATUS NTAPI dispatch(PDEVICE_OBJECT device, PIRP irp);
     NTSTATUS handle(PIRP irp);
+    NTSTATUS handleBusRequest(PIRP irp, bool current);
+    void suspend();
+    void resume();
+    void tickAbsent();
+    void tellDeviceEvent(const std::string& kind, const std::string& detail);
     NTSTATUS act(ULONG code, MMEAdapterInfo* record, std::string& note);
     NTSTATUS registerRecord(MMEAdapterInfo* record, std::string& note);
     NTSTATUS unregisterRecord(MMEAdapterInfo* record, std::string& note);
+    bool waitForCallouts(); // false when one on another thread outlasted the patience
     NTSTATUS applyChange(MMEAdapterInfo* record, std::string& note);
     template <class Fn> bool callout(Fn&& fn);
     void shapeRings(bool resetPositions);
@@ -218,7 +264,9 @@ private:
 
     DeviceProfile mProfile;
     hostk::DriverObjectBlock mDriver{};
-    PDEVICE_OBJECT mDevice = nullptr;
+    PDEVICE_OBJECT mDevice = nullptr;     // under mLock once replugs happen
+    std::vector<PDEVICE_OBJECT> mRetired; // earlier instances, deleted with the model
+    uint64_t mInstance = 1;
 
     // mPeriodLock (periods, ring shape) before mLock (everything else);
     // mLock is never held while the driver is called.
@@ -240,6 +288,12 @@ private:
     std::unique_ptr<AudioSM> mRender;
     MMEAdapterInfo* mLink = nullptr;
     bool mStarted = false;
+    bool mGone = false;      // unplugged
+    bool mSuspended = false; // in D3
+    bool mAttachedBeforeSleep = false;
+    uint64_t mReplugAt = 0;   // tick of the scheduled replug; 0: none
+    uint64_t mWakeAt = 0;     // tick of the scheduled wake; 0: none
+    uint64_t mSleptTicks = 0; // ticks spent in D3 this time
     bool mMMEAttached = false;
     bool mAsioAttached = false;
     bool mAutoAttach = true;

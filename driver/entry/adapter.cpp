@@ -13,6 +13,42 @@ namespace {
 // 1 while a physical device object is parked (from AddDevice taking the use
 // lock until TakePendingPdo). Only the one who clears it releases the lock.
 volatile LONG gPdoParked = 0;
+// The parked device's function device, once PcAddAdapterDevice made it.
+PDEVICE_OBJECT volatile gParkedFdo = nullptr;
+
+// Whether fdo stands in the device stack above pdo.
+bool StackHolds(PDEVICE_OBJECT pdo, PDEVICE_OBJECT fdo) {
+    PDEVICE_OBJECT above = pdo ? pdo->AttachedDevice : nullptr;
+    for (int depth = 0; above && depth < 32; ++depth, above = above->AttachedDevice)
+        if (above == fdo)
+            return true;
+    return false;
+}
+
+// Our device above pdo: the one of the stack that this driver created.
+PDEVICE_OBJECT OwnDeviceAbove(PDEVICE_OBJECT pdo, PDRIVER_OBJECT driver) {
+    PDEVICE_OBJECT above = pdo ? pdo->AttachedDevice : nullptr;
+    for (int depth = 0; above && depth < 32; ++depth, above = above->AttachedDevice)
+        if (above->DriverObject == driver)
+            return above;
+    return nullptr;
+}
+
+// A device removed between its add and its start (unplugged, or its start
+// failed below the driver) never comes for its physical device object: its
+// function device is no longer among the driver's devices. Only the driver's
+// own device list is read; the removed objects themselves may be gone. No
+// new device of ours can take the old address meanwhile: making one needs
+// the use lock.
+bool ParkedDeviceRemoved(PDRIVER_OBJECT driver) {
+    PDEVICE_OBJECT parked = MMELoadAcquirePointer(&gParkedFdo);
+    if (!parked || !driver)
+        return false;
+    for (PDEVICE_OBJECT device = driver->DeviceObject; device; device = device->NextDevice)
+        if (device == parked)
+            return false;
+    return true;
+}
 
 } // namespace
 
@@ -45,6 +81,10 @@ NTSTATUS AddAdapterDeviceLocked(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT Phys
     while (InterlockedIncrement(&_pdoUseLock) != 1) {
         TraceLine("_pdoUseLock is aquired");
         InterlockedDecrement(&_pdoUseLock);
+        if (ParkedDeviceRemoved(DriverObject)) {
+            TakePendingPdo(); // the hand-over is free again
+            continue;
+        }
         LARGE_INTEGER interval;
         interval.QuadPart = -(LONGLONG)MME_ADD_WAIT_STEP_MS * 10000;
         NTSTATUS delayed = KeDelayExecutionThread(KernelMode, TRUE, &interval);
@@ -66,6 +106,8 @@ NTSTATUS AddAdapterDeviceLocked(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT Phys
                                          MaxObjects, DeviceExtensionSize);
     if (status != STATUS_SUCCESS)
         TakePendingPdo();
+    else
+        MMEStoreReleasePointer(&gParkedFdo, OwnDeviceAbove(PhysicalDeviceObject, DriverObject));
     return status;
 }
 
@@ -74,11 +116,13 @@ PDEVICE_OBJECT TakePendingPdo() {
         return nullptr;
     PDEVICE_OBJECT pdo = _pendingPdo;
     _pendingPdo = nullptr;
+    MMEStoreReleasePointer(&gParkedFdo, static_cast<PDEVICE_OBJECT>(nullptr));
     InterlockedDecrement(&_pdoUseLock);
     return pdo;
 }
 
 void ResetPdoHandOver() {
+    MMEStoreReleasePointer(&gParkedFdo, static_cast<PDEVICE_OBJECT>(nullptr));
     InterlockedExchange(&gPdoParked, 0);
     _pendingPdo = nullptr;
     InterlockedExchange(&_pdoUseLock, 0);
@@ -88,6 +132,11 @@ NTSTATUS NTAPI StartDevice(PDEVICE_OBJECT DeviceObject, PIRP Irp, PRESOURCELIST 
     UNREFERENCED_PARAMETER(ResourceList);
     FunctionTrace ft("StartDevice [DeviceObject]", DeviceObject);
 
+    // A start with nothing of its own parked (a restart after a stop) must
+    // not take another device's physical device object that waits there.
+    if (InterlockedCompareExchange(&gPdoParked, 0, 0) != 0 &&
+        !StackHolds(_pendingPdo, DeviceObject))
+        return STATUS_INVALID_PARAMETER;
     PDEVICE_OBJECT usbDevice = TakePendingPdo();
     if (!usbDevice)
         return STATUS_INVALID_PARAMETER;

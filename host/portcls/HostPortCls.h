@@ -18,6 +18,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -26,16 +27,87 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRI
 namespace hostpc {
 
 // ---- Devices (one record per functional device object) ----
+//
+// PnP and power as the PnP manager sends them and as PortCls handles them for
+// an adapter that registered no PnP- or power-management interface (ours):
+// each request goes to the function device's dispatch (the port-class
+// library's) and from there down to the physical device object (the bus
+// driver, e.g. the USB model), in the documented order. Requests for one
+// device are serialised, as the PnP manager does for a device node. Every
+// function here runs the request on the calling thread, at passive level,
+// and must not be called with a lock held that the driver's callbacks take.
 
-// Sends IRP_MN_START_DEVICE to the functional device object, as the PnP
-// manager does: the port-class dispatch calls the start routine given to
-// PcAddAdapterDevice with the start request and no resource list. Returns
-// the start routine's status (STATUS_INVALID_PARAMETER for an unknown fdo).
+// Where a function device stands.
+enum class PnpState {
+    Added,           // AddDevice done, never started
+    Started,         // working
+    StopPending,     // IRP_MN_QUERY_STOP_DEVICE succeeded
+    Stopped,         // IRP_MN_STOP_DEVICE: waits for the next start
+    RemovePending,   // IRP_MN_QUERY_REMOVE_DEVICE succeeded
+    SurpriseRemoved, // gone; IRP_MN_REMOVE_DEVICE follows the last handle's close
+    Removed,         // no longer known (also any unknown fdo)
+};
+const char* pnpStateName(PnpState state);
+
+// IRP_MN_START_DEVICE: passed down to the physical device first, then the
+// port-class library calls the start routine given to PcAddAdapterDevice with
+// the start request and no resource list; after a stop it calls it again.
+// Returns the start's status (STATUS_INVALID_PARAMETER for an unknown fdo).
 NTSTATUS startDevice(PDEVICE_OBJECT fdo);
-// Sends IRP_MN_REMOVE_DEVICE: every registered subdevice gives up its
-// miniport and is released, in the order of registration; then the
-// functional device object is detached and deleted. Unknown fdo: nothing.
+// The device goes for good. Without open handles the orderly path runs
+// (IRP_MN_QUERY_REMOVE_DEVICE, then IRP_MN_REMOVE_DEVICE: every registered
+// subdevice gives up its miniport and is released, in the order of
+// registration; the functional device object is detached and deleted).
+// With handles open it is a surprise removal (below). Unknown fdo: nothing.
 void removeDevice(PDEVICE_OBJECT fdo);
+// IRP_MN_QUERY_REMOVE_DEVICE; refused with STATUS_DEVICE_BUSY while a pin or
+// filter handle is open, and then followed by IRP_MN_CANCEL_REMOVE_DEVICE.
+// On success the device is RemovePending: new handles are refused until
+// removeQueried() or cancelRemove().
+NTSTATUS queryRemove(PDEVICE_OBJECT fdo);
+void cancelRemove(PDEVICE_OBJECT fdo);  // IRP_MN_CANCEL_REMOVE_DEVICE
+void removeQueried(PDEVICE_OBJECT fdo); // IRP_MN_REMOVE_DEVICE after a successful query
+// IRP_MN_SURPRISE_REMOVAL: open pins stay open; new handles, state changes
+// above STOP, format changes and intersections fail with
+// STATUS_DEVICE_REMOVED without reaching the driver; state changes down to
+// STOP, position reads and closes still reach the stream. IRP_MN_REMOVE_DEVICE
+// follows when the last pin or filter handle closes (at once when none is
+// open; a device never started gets the remove request only).
+void surpriseRemove(PDEVICE_OBJECT fdo);
+// A resource rebalance: IRP_MN_QUERY_STOP_DEVICE, IRP_MN_STOP_DEVICE (open
+// pins are walked to STOP and stay open; new handles and state changes above
+// STOP are refused with STATUS_DEVICE_NOT_READY meanwhile), then
+// IRP_MN_START_DEVICE again. A refused query is followed by
+// IRP_MN_CANCEL_STOP_DEVICE. A failed restart makes the PnP manager
+// surprise-remove the device. Returns the query's failure or the restart's
+// status.
+NTSTATUS rebalance(PDEVICE_OBJECT fdo);
+// IRP_MJ_POWER / IRP_MN_SET_POWER for a device power state. Leaving D0, the
+// port pauses every running pin (RUN -> PAUSE) and passes the request down;
+// back in D0 the physical device powers up first, then the pins it paused run
+// again. While not in D0, new handles and state changes are refused with
+// STATUS_DEVICE_NOT_READY.
+NTSTATUS setDevicePower(PDEVICE_OBJECT fdo, DEVICE_POWER_STATE state);
+// System sleep and wake: every started device to D3, or back to D0.
+void sleepSystem();
+void wakeSystem();
+
+PnpState pnpState(PDEVICE_OBJECT fdo);
+DEVICE_POWER_STATE devicePower(PDEVICE_OBJECT fdo); // PowerDeviceUnspecified when unknown
+size_t openHandles(PDEVICE_OBJECT fdo);             // pins and filters
+
+// ---- What a bus driver reports to the PnP manager ----
+// Its child pdo is gone (IoInvalidateDeviceRelations without it): the stack
+// above it is surprise-removed (a device never started is removed at once).
+void reportMissing(PDEVICE_OBJECT pdo);
+// A new child: the loader that serves new devices (the newest DriverLoader
+// alive) adds and starts it. Returns the add's or start's failure, or
+// STATUS_NO_SUCH_DEVICE when no loader serves.
+NTSTATUS reportArrival(PDEVICE_OBJECT pdo);
+// Called after the PnP manager handled one of the above or removed a
+// device; empty: none. Runs on the thread that did it, with no lock held.
+using PnpListener = std::function<void(PDEVICE_OBJECT fdo, PnpState state)>;
+void setPnpListener(PnpListener listener);
 
 std::vector<PDEVICE_OBJECT> devices();        // functional device objects, in order of adding
 PDEVICE_OBJECT fdoForPdo(PDEVICE_OBJECT pdo); // null when none
@@ -158,7 +230,9 @@ public:
     // STATUS_UNSUCCESSFUL and imageError() says why. The image stays mapped
     // until the loader goes, after its devices are removed.
     explicit DriverLoader(const std::string& sysPath);
-    // Removes every device this loader added and still present.
+    // Removes every device this loader added and still present. The newest
+    // loader alive also adds and starts the devices that a bus reports new
+    // (reportArrival).
     ~DriverLoader();
     DriverLoader(const DriverLoader&) = delete;
     DriverLoader& operator=(const DriverLoader&) = delete;
@@ -192,6 +266,7 @@ private:
     std::u16string mRegistryText;
     UNICODE_STRING mRegistryPath{};
     NTSTATUS mEntryStatus = STATUS_UNSUCCESSFUL;
+    std::mutex mPdoMutex; // the PnP manager adds devices from the bus's threads
     std::vector<PDEVICE_OBJECT> mPdos;
     ServiceMode mServiceMode = ServiceMode::EndOfPeriod;
     bool mServiceModeSet = false;

@@ -189,6 +189,14 @@ std::string statusName(NTSTATUS status) {
         return "STATUS_NO_MATCH";
     case 0xC00002B6:
         return "STATUS_DEVICE_REMOVED";
+    case 0xC000000E:
+        return "STATUS_NO_SUCH_DEVICE";
+    case 0xC00000A3:
+        return "STATUS_DEVICE_NOT_READY";
+    case 0x80000011:
+        return "STATUS_DEVICE_BUSY";
+    case 0xC0000056:
+        return "STATUS_DELETE_PENDING";
     }
     char text[16];
     std::snprintf(text, sizeof text, "0x%08X", unsigned(status));
@@ -261,19 +269,27 @@ WaveFilter::WaveFilter(PUNKNOWN wavePort) {
     detail::HostPort* host = detail::hostPortOf(wavePort);
     if (!host)
         return;
-    if (host->isWaveCyclic())
-        mPort = host->unknown(); // keeps the query's reference
-    else
+    if (!host->isWaveCyclic()) {
         host->unknown()->Release();
+        return;
+    }
+    mPort = host->unknown(); // keeps the query's reference
+    PDEVICE_OBJECT device = portState(mPort).device;
+    if (NT_SUCCESS(detail::acquireHandle(device)))
+        mDevice = device;
 }
 
 WaveFilter::~WaveFilter() {
     if (mPort)
         mPort->Release();
+    if (mDevice)
+        detail::releaseHandle(mDevice);
 }
 
 std::vector<PinInfo> WaveFilter::pins() const {
     std::vector<PinInfo> result;
+    if (!mDevice || !NT_SUCCESS(detail::requestStatus(mDevice, false)))
+        return result;
     IMiniportWaveCyclic* miniport = mPort ? referenceMiniport(mPort) : nullptr;
     if (!miniport)
         return result;
@@ -301,9 +317,14 @@ NTSTATUS WaveFilter::intersect(ULONG pinId, const KSDATARANGE_AUDIO& client,
     if (!format)
         return STATUS_INVALID_PARAMETER;
     format->clear();
-    IMiniportWaveCyclic* miniport = mPort ? referenceMiniport(mPort) : nullptr;
+    if (!mPort)
+        return STATUS_INVALID_PARAMETER;
+    const NTSTATUS allowed = mDevice ? detail::requestStatus(mDevice, false) : kStatusDeviceRemoved;
+    if (!NT_SUCCESS(allowed))
+        return allowed;
+    IMiniportWaveCyclic* miniport = referenceMiniport(mPort);
     if (!miniport)
-        return mPort ? kStatusDeviceRemoved : STATUS_INVALID_PARAMETER;
+        return kStatusDeviceRemoved;
     const KSPIN_DESCRIPTOR* pin = pinDescriptor(portState(mPort).descriptor, pinId);
     if (!pin) {
         miniport->Release();
@@ -346,6 +367,9 @@ NTSTATUS WaveFilter::open(ULONG pinId, const std::vector<UCHAR>& format,
     const WAVEFORMATEX* wave = waveFormatOf(format);
     if (!wave || wave->nBlockAlign == 0 || wave->nSamplesPerSec == 0)
         return STATUS_INVALID_PARAMETER;
+    const NTSTATUS allowed = mDevice ? detail::requestStatus(mDevice, false) : kStatusDeviceRemoved;
+    if (!NT_SUCCESS(allowed))
+        return allowed;
     std::vector<PinInfo> all = pins();
     if (all.empty())
         return kStatusDeviceRemoved;
@@ -450,7 +474,7 @@ NTSTATUS KsStream::setFormat(const std::vector<UCHAR>& format) {
 }
 
 size_t KsStream::write(const void* frames, size_t count) {
-    if (!mPin || mCapture || !mQueue || mPin->closed())
+    if (!mPin || mCapture || !mQueue || mPin->closed() || mPin->removed())
         return 0;
     const size_t fit = std::min(count, mQueue->room() / mBlockAlign);
     const size_t done = mQueue->put(frames, fit * mBlockAlign) / mBlockAlign;

@@ -15,9 +15,11 @@
 // single-producer single-consumer ring, so write()/read() never wait for
 // the service routine.
 //
-// Removal: when the device is removed, the port closes every pin first; a
-// KsStream then answers kStatusDeviceRemoved and still hands out captured
-// audio that was already queued.
+// Removal: after a surprise removal a KsStream answers kStatusDeviceRemoved
+// to what would reach the device (a state change above STOP, a format, a
+// write), still reads its position, walks down to STOP and closes, and
+// hands out captured audio that was already queued. The device's remove
+// request waits for the last pin and filter to close (HostPortCls.h).
 #pragma once
 
 #include "driver/platform/platform.h"
@@ -186,7 +188,7 @@ public:
     uint64_t positionFrames();
     StreamCounters counters() const;
 
-    bool removed() const; // the device went away; the pin is closed
+    bool removed() const; // the device went away (surprise-removed or removed)
     // Walks back to STOP, releases the stream and leaves the service group.
     // Idempotent.
     void close();
@@ -218,7 +220,10 @@ struct PinInfo {
 class WaveFilter {
 public:
     // Takes a reference on the port; invalid when it is not a host
-    // wave-cyclic port.
+    // wave-cyclic port. A filter handle of the port's device while that
+    // takes handles: the device's remove request waits for its close. On a
+    // device that is gone, stopped or powered down the filter answers with
+    // the device's refusal.
     explicit WaveFilter(PUNKNOWN wavePort);
     ~WaveFilter();
     WaveFilter(const WaveFilter&) = delete;
@@ -246,6 +251,7 @@ public:
 
 private:
     PUNKNOWN mPort = nullptr;
+    PDEVICE_OBJECT mDevice = nullptr; // whose handle this filter holds, when counted
 };
 
 class DriverLoader;

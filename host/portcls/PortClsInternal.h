@@ -9,6 +9,7 @@
 #include <mutex>
 #include <new>
 #include <utility>
+#include <vector>
 
 namespace hostpc::detail {
 
@@ -49,6 +50,24 @@ public:
     // The bound miniport with a reference for the caller, or null.
     virtual PUNKNOWN referenceMiniport() = 0;
 };
+
+// Handles of a device: a client pin or filter counts from its creation to its
+// close; the remove request of a surprise-removed device waits for the last.
+// acquireHandle refuses (STATUS_DEVICE_REMOVED, STATUS_DELETE_PENDING or
+// STATUS_DEVICE_NOT_READY) when the device takes no new handles.
+NTSTATUS acquireHandle(PDEVICE_OBJECT fdo);
+// The last release of a surprise-removed device sends its remove request on
+// this thread: call it with no lock held.
+void releaseHandle(PDEVICE_OBJECT fdo);
+// Whether a client request may reach the driver now: state changes down to
+// STOP (stateDown) always may; others are refused while the device is gone,
+// stopped or powered down.
+NTSTATUS requestStatus(PDEVICE_OBJECT fdo, bool stateDown);
+bool deviceGone(PDEVICE_OBJECT fdo); // surprise-removed or removed
+
+class WavePin;
+// The client pins open on a port, a reference each (WavePin.cpp).
+std::vector<WavePin*> referencePins(PUNKNOWN port);
 
 // Sets the service mode of a host service group (nothing for others).
 void setGroupServiceMode(PUNKNOWN group, ServiceMode mode);

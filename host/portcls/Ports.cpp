@@ -115,6 +115,9 @@ public:
             miniport = mMiniport;
             mMiniport = nullptr;
             mDescriptor = nullptr;
+            // A removed device's object may come back at the same address
+            // for another device: the port no longer names it.
+            mDevice = nullptr;
         }
         // Client pins hold streams of the miniport: they go before it. A pin
         // created meanwhile finds no miniport and closes itself.

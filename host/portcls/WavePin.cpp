@@ -76,6 +76,18 @@ PUNKNOWN canonicalWavePort(PUNKNOWN unknown) {
 
 } // namespace
 
+std::vector<WavePin*> referencePins(PUNKNOWN port) {
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    std::vector<WavePin*> pins;
+    auto it = registry().pins.find(port);
+    if (it != registry().pins.end())
+        for (WavePin* pin : it->second) {
+            pin->AddRef();
+            pins.push_back(pin);
+        }
+    return pins;
+}
+
 void closePins(PUNKNOWN port) {
     std::vector<WavePin*> pins;
     {
@@ -115,6 +127,14 @@ NTSTATUS WavePin::create(PUNKNOWN wavePort, ULONG pinId, bool capture,
     PUNKNOWN port = canonicalWavePort(wavePort); // the pin keeps this reference
     if (!port)
         return STATUS_INVALID_PARAMETER;
+    // A create is a handle of the device from its start, so that the remove
+    // request cannot come while the stream is being made.
+    PDEVICE_OBJECT device = portState(port).device;
+    NTSTATUS accepted = acquireHandle(device);
+    if (!NT_SUCCESS(accepted)) {
+        port->Release();
+        return accepted;
+    }
     HostPort* host = hostPortOf(port);
     PUNKNOWN miniportUnknown = host ? host->referenceMiniport() : nullptr;
     if (host)
@@ -128,6 +148,7 @@ NTSTATUS WavePin::create(PUNKNOWN wavePort, ULONG pinId, bool capture,
     }
     if (!miniport) {
         port->Release();
+        releaseHandle(device);
         return kStatusDeviceRemoved;
     }
 
@@ -135,9 +156,11 @@ NTSTATUS WavePin::create(PUNKNOWN wavePort, ULONG pinId, bool capture,
     if (!pin) {
         miniport->Release();
         port->Release();
+        releaseHandle(device);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     pin->AddRef();
+    pin->mDevice = device; // released by close() from here on
     pin->mSource = source;
     pin->mSink = sink;
     pin->mObserver = options.observer;
@@ -154,7 +177,7 @@ NTSTATUS WavePin::create(PUNKNOWN wavePort, ULONG pinId, bool capture,
     if (NT_SUCCESS(status) && (!pin->mStream || !pin->mDma || !pin->mGroup))
         status = STATUS_INVALID_DEVICE_STATE;
     if (NT_SUCCESS(status)) {
-        setGroupServiceMode(pin->mGroup, serviceMode(portState(port).device));
+        setGroupServiceMode(pin->mGroup, serviceMode(device));
         ULONG framing = 0;
         pin->mIntervalMs = pin->mStream->SetNotificationFreq(10, &framing);
         // The port takes the framing as the most it moves per service
@@ -454,10 +477,6 @@ void WavePin::idle(ULONG position) {
 
 // ---- States ----
 
-// Each step goes to the stream first, as ReactOS's PinWaveCyclicState does;
-// only STOP changes the buffer (silenced whole) and the positions. Leaving
-// RUN first takes in what moved while running; entering it primes the
-// buffer from the client, as the port does just before playback starts.
 NTSTATUS WavePin::setState(KSSTATE next) {
     std::lock_guard<std::mutex> control(mControl);
     KSSTATE current;
@@ -467,10 +486,61 @@ NTSTATUS WavePin::setState(KSSTATE next) {
             return mRemoved ? kStatusDeviceRemoved : STATUS_INVALID_DEVICE_STATE;
         current = mState;
     }
+    if (next > current) {
+        const NTSTATUS allowed = requestStatus(mDevice, false);
+        if (!NT_SUCCESS(allowed))
+            return allowed;
+    }
+    mPowerPaused = false; // the client decides from here
+    return step(next);
+}
+
+void WavePin::portWalk(KSSTATE target, bool powerPause) {
+    std::lock_guard<std::mutex> control(mControl);
+    while (true) {
+        KSSTATE current;
+        {
+            SpinGuard lock(&mLock);
+            if (mClosed)
+                return;
+            current = mState;
+        }
+        if (current == target)
+            return;
+        const KSSTATE next = KSSTATE(current < target ? current + 1 : current - 1);
+        if (!NT_SUCCESS(step(next)))
+            return;
+        if (powerPause && current == KSSTATE_RUN)
+            mPowerPaused = true;
+    }
+}
+
+void WavePin::portResume() {
+    std::lock_guard<std::mutex> control(mControl);
+    const bool resume = mPowerPaused;
+    mPowerPaused = false;
+    {
+        SpinGuard lock(&mLock);
+        if (!resume || mClosed || mState != KSSTATE_PAUSE)
+            return;
+    }
+    step(KSSTATE_RUN);
+}
+
+// Each step goes to the stream first, as ReactOS's PinWaveCyclicState does;
+// only STOP changes the buffer (silenced whole) and the positions. Leaving
+// RUN first takes in what moved while running; entering it primes the
+// buffer from the client, as the port does just before playback starts.
+NTSTATUS WavePin::step(KSSTATE next) {
+    KSSTATE current;
+    {
+        SpinGuard lock(&mLock);
+        current = mState;
+    }
     if (next == current)
         return STATUS_SUCCESS;
-    const int step = int(next) - int(current);
-    if (next < KSSTATE_STOP || next > KSSTATE_RUN || (step != 1 && step != -1))
+    const int delta = int(next) - int(current);
+    if (next < KSSTATE_STOP || next > KSSTATE_RUN || (delta != 1 && delta != -1))
         return STATUS_INVALID_DEVICE_REQUEST;
 
     ULONG position = 0;
@@ -517,6 +587,9 @@ NTSTATUS WavePin::setFormat(const std::vector<UCHAR>& format, ULONG blockAlign) 
         if (mClosed)
             return mRemoved ? kStatusDeviceRemoved : STATUS_INVALID_DEVICE_STATE;
     }
+    const NTSTATUS allowed = requestStatus(mDevice, false);
+    if (!NT_SUCCESS(allowed))
+        return allowed;
     if (format.size() == mFormat.size() &&
         std::memcmp(format.data(), mFormat.data(), format.size()) == 0)
         return STATUS_SUCCESS;
@@ -583,53 +656,68 @@ bool WavePin::closed() {
 }
 
 bool WavePin::removed() {
-    SpinGuard lock(&mLock);
-    return mRemoved;
+    PDEVICE_OBJECT device;
+    {
+        SpinGuard lock(&mLock);
+        if (mRemoved || mClosed)
+            return mRemoved;
+        device = mDevice;
+    }
+    return deviceGone(device);
 }
 
 void WavePin::close(bool byPort) {
-    std::lock_guard<std::mutex> control(mControl);
-    KSSTATE state;
+    PDEVICE_OBJECT device = nullptr;
     {
-        SpinGuard lock(&mLock);
-        if (mClosed)
-            return;
-        mClosed = true;
-        mRemoved = byPort;
-        state = mState;
-        mState = KSSTATE_STOP;
-    }
-    // KS walks a closing pin back down one state at a time.
-    if (mStream) {
-        while (state != KSSTATE_STOP) {
-            state = KSSTATE(state - 1);
-            mStream->SetState(state);
+        std::lock_guard<std::mutex> control(mControl);
+        KSSTATE state;
+        const bool gone = byPort || deviceGone(mDevice);
+        {
+            SpinGuard lock(&mLock);
+            if (mClosed)
+                return;
+            mClosed = true;
+            mRemoved = gone;
+            state = mState;
+            mState = KSSTATE_STOP;
         }
+        // KS walks a closing pin back down one state at a time.
+        if (mStream) {
+            while (state != KSSTATE_STOP) {
+                state = KSSTATE(state - 1);
+                mStream->SetState(state);
+            }
+        }
+        if (mJoined)
+            mGroup->RemoveMember(this);
+        mJoined = false;
+        if (mStream)
+            mStream->Release();
+        if (mDma)
+            mDma->Release();
+        if (mGroup)
+            mGroup->Release();
+        {
+            SpinGuard lock(&mLock);
+            mStream = nullptr;
+            mDma = nullptr;
+            mGroup = nullptr;
+            mBase = nullptr;
+            mSize = 0;
+        }
+        PUNKNOWN port = mPort;
+        mPort = nullptr;
+        if (port) {
+            if (!byPort)
+                unregisterPin(port, this);
+            port->Release();
+        }
+        device = mDevice;
     }
-    if (mJoined)
-        mGroup->RemoveMember(this);
-    mJoined = false;
-    if (mStream)
-        mStream->Release();
-    if (mDma)
-        mDma->Release();
-    if (mGroup)
-        mGroup->Release();
-    {
-        SpinGuard lock(&mLock);
-        mStream = nullptr;
-        mDma = nullptr;
-        mGroup = nullptr;
-        mBase = nullptr;
-        mSize = 0;
-    }
-    PUNKNOWN port = mPort;
-    mPort = nullptr;
-    if (port) {
-        if (!byPort)
-            unregisterPin(port, this);
-        port->Release();
-    }
+    // The handle goes last, with no lock held: it may bring the device's
+    // remove request.
+    if (device)
+        releaseHandle(device);
 }
 
 } // namespace hostpc::detail

@@ -44,8 +44,15 @@ public:
     // The service routine: dispatch level or below, no allocation.
     STDMETHODIMP_(void) RequestService() override;
 
-    // One KS state step (neighbouring states only). Passive level.
+    // One KS state step (neighbouring states only), as the client asks for
+    // it: refused without reaching the stream while the device takes no
+    // requests, except steps down. Passive level.
     NTSTATUS setState(KSSTATE next);
+    // The port's own walk to `target` (stop for a rebalance, pause for a
+    // power-down); powerPause remembers a pause from RUN for portResume.
+    void portWalk(KSSTATE target, bool powerPause);
+    // Back in D0: a pin the power-down paused runs again.
+    void portResume();
     // KSPROPERTY_CONNECTION_DATAFORMAT (set). Passive level.
     NTSTATUS setFormat(const std::vector<UCHAR>& format, ULONG blockAlign);
     KSSTATE state();
@@ -67,6 +74,8 @@ public:
     ~WavePin();
 
 private:
+    // One step with mControl held and mLock free.
+    NTSTATUS step(KSSTATE next);
     // All of these run with mLock held.
     void takeBuffer();
     bool bufferIntact();
@@ -80,7 +89,9 @@ private:
     bool readPosition(ULONG* position);
 
     std::atomic<LONG> mReferences{0};
-    PUNKNOWN mPort; // counted until close
+    PUNKNOWN mPort;                   // counted until close
+    PDEVICE_OBJECT mDevice = nullptr; // the device whose handle the pin holds until close
+    bool mPowerPaused = false;        // under mControl
     const bool mCapture;
     ULONG mBlockAlign; // changes only with a format, under mControl and mLock
     PMINIPORTWAVECYCLICSTREAM mStream = nullptr; // counted

@@ -93,6 +93,15 @@ inline long findLine(const std::string& text, size_t from = 0) {
     return -1;
 }
 
+// Function traces opened minus those closed in the captured lines: 0 when
+// every operation traced since the capture began has returned.
+inline long openTraces() {
+    long n = 0;
+    for (const auto& m : traceMessages())
+        n += m.compare(0, 2, "+ ") == 0 ? 1 : m.compare(0, 2, "- ") == 0 ? -1 : 0;
+    return n;
+}
+
 // A pointer as the kernel's %p prints it: 16 upper-case hex digits.
 inline std::string kernelPointer(const void* p) {
     char buffer[32];

@@ -117,6 +117,11 @@ typedef struct _UNICODE_STRING {
 #define STATUS_NOT_SUPPORTED ((NTSTATUS)0xC00000BBL)
 #define STATUS_INVALID_DEVICE_STATE ((NTSTATUS)0xC0000184L)
 #define STATUS_NO_MATCH ((NTSTATUS)0xC0000272L)
+#define STATUS_NO_SUCH_DEVICE ((NTSTATUS)0xC000000EL)
+#define STATUS_DEVICE_NOT_READY ((NTSTATUS)0xC00000A3L)
+#define STATUS_DEVICE_BUSY ((NTSTATUS)0x80000011L)
+#define STATUS_DEVICE_REMOVED ((NTSTATUS)0xC00002B6L)
+#define STATUS_DELETE_PENDING ((NTSTATUS)0xC0000056L)
 #define STATUS_ALERTED ((NTSTATUS)0x00000101L)
 #define NT_SUCCESS(Status) (((NTSTATUS)(Status)) >= 0)
 
@@ -163,10 +168,36 @@ typedef DRIVER_UNLOAD* PDRIVER_UNLOAD;
 #define IRP_MJ_CLOSE 0x02
 #define IRP_MJ_DEVICE_CONTROL 0x0E
 #define IRP_MJ_INTERNAL_DEVICE_CONTROL 0x0F
+#define IRP_MJ_POWER 0x16
 #define IRP_MJ_PNP 0x1B
 #define IRP_MJ_MAXIMUM_FUNCTION 0x1B
 #define IRP_MN_START_DEVICE 0x00
+#define IRP_MN_QUERY_REMOVE_DEVICE 0x01
 #define IRP_MN_REMOVE_DEVICE 0x02
+#define IRP_MN_CANCEL_REMOVE_DEVICE 0x03
+#define IRP_MN_STOP_DEVICE 0x04
+#define IRP_MN_QUERY_STOP_DEVICE 0x05
+#define IRP_MN_CANCEL_STOP_DEVICE 0x06
+#define IRP_MN_SURPRISE_REMOVAL 0x17
+#define IRP_MN_SET_POWER 0x02
+
+typedef enum _SYSTEM_POWER_STATE {
+    PowerSystemUnspecified = 0,
+    PowerSystemWorking = 1,
+    PowerSystemSleeping3 = 4,
+} SYSTEM_POWER_STATE;
+typedef enum _DEVICE_POWER_STATE {
+    PowerDeviceUnspecified = 0,
+    PowerDeviceD0 = 1,
+    PowerDeviceD1 = 2,
+    PowerDeviceD2 = 3,
+    PowerDeviceD3 = 4,
+} DEVICE_POWER_STATE;
+typedef enum _POWER_STATE_TYPE { SystemPowerState = 0, DevicePowerState = 1 } POWER_STATE_TYPE;
+typedef union _POWER_STATE {
+    SYSTEM_POWER_STATE SystemState;
+    DEVICE_POWER_STATE DeviceState;
+} POWER_STATE;
 
 #define SL_INVOKE_ON_CANCEL 0x20
 #define SL_INVOKE_ON_SUCCESS 0x40
@@ -290,6 +321,12 @@ typedef struct _IO_STACK_LOCATION {
             alignas(8) ULONG IoControlCode;
             PVOID Type3InputBuffer;
         } DeviceIoControl;
+        struct {
+            ULONG SystemContext;
+            alignas(8) POWER_STATE_TYPE Type;
+            alignas(8) POWER_STATE State;
+            alignas(8) ULONG ShutdownType;
+        } Power;
         struct {
             PVOID Argument1;
             PVOID Argument2;
