@@ -1,6 +1,7 @@
 // Allocation fault sweep over a device's whole life: load, add, start, a
 // capture and a render stream opened and run, the ASIO client coming and
-// going (the attach timer fires), new formats, close, remove. The life runs
+// going (the attach timer fires), new formats, the device unplugged under
+// its running streams and closed, replugged and streaming again, remove. The life runs
 // once to record every pool allocation, then once per allocation with that
 // one failing: every run must leave nothing behind, report no assertion or
 // verifier failure, and show the failure as the driver (or the port-class
@@ -41,21 +42,23 @@ struct Life {
     bool inspected = false; // the linked driver's adapter was looked at
     bool timer = false;
     bool request = false;
-    NTSTATUS open[4] = {STATUS_UNSUCCESSFUL, STATUS_UNSUCCESSFUL, STATUS_UNSUCCESSFUL,
-                        STATUS_UNSUCCESSFUL};
-    uint64_t frames[4] = {0, 0, 0, 0}; // moved by each stream while running
-    size_t registers = 0;              // USBCall_Register seen during the start
-    size_t adapterStarted = 0;         // USBCall_AdapterStarted seen during the start
-    size_t startUnregisters = 0;       // USBCall_Unregister seen during the start
+    NTSTATUS open[5] = {STATUS_UNSUCCESSFUL, STATUS_UNSUCCESSFUL, STATUS_UNSUCCESSFUL,
+                        STATUS_UNSUCCESSFUL, STATUS_UNSUCCESSFUL};
+    uint64_t frames[5] = {0, 0, 0, 0, 0}; // moved by each stream while running
+    size_t registers = 0;                 // USBCall_Register seen during the start
+    size_t adapterStarted = 0;            // USBCall_AdapterStarted seen during the start
+    size_t startUnregisters = 0;          // USBCall_Unregister seen during the start
     size_t timedStarts = 0;
-    size_t unregisters = 0;        // from the removal on
+    size_t unregisters = 0;  // from the removal on
+    bool oldRemoved = false; // the unplugged device went with its client's close
+    NTSTATUS replugStart = STATUS_UNSUCCESSFUL;
     bool removedByRemoval = false; // gone after the removal, before the driver is unloaded
     bool parked = false;           // a device's physical device object is still parked at the end
     std::vector<std::string> trace;
     std::string problems; // checkClean() at the very end
 };
 
-enum : size_t { kCapture = 0, kRender = 1, kCapture2 = 2, kRender2 = 3 };
+enum : size_t { kCapture = 0, kRender = 1, kCapture2 = 2, kRender2 = 3, kReplugged = 4 };
 
 // Opens a stream, runs it for a while, and notes what moved.
 std::unique_ptr<hostpc::KsStream> openAndRun(hostpc::WaveFilter& filter, Life& life, size_t slot,
@@ -139,9 +142,28 @@ void live(Life& life, usbsim::UsbDriverModel& model) {
         if (render)
             life.frames[kRender2] = render->positionFrames();
 
+        life.step = "unplug";
+        model.unplug(); // under both running streams
+        for (auto* s : {capture.get(), render.get()})
+            if (s)
+                s->setState(KSSTATE_STOP);
+
         life.step = "close";
         capture.reset();
         render.reset();
+    }
+    life.oldRemoved = !fdo || hostpc::pnpState(fdo) == hostpc::PnpState::Removed;
+
+    // The loaded driver adds and starts the new instance by itself.
+    life.step = "replug";
+    if (!model.present())
+        life.replugStart = model.replug();
+    if (PDEVICE_OBJECT again = loader.fdo(model.pdo())) {
+        hostpc::WaveFilter filter(hostpc::subdevice(again, u"Wave"));
+        auto render = openAndRun(filter, life, kReplugged, false, 48000, 2, 16);
+        model.runPeriods(20);
+        if (render)
+            life.frames[kReplugged] = render->positionFrames();
     }
 
     life.step = "remove";
@@ -218,33 +240,42 @@ std::vector<Role> rolesOf(const std::vector<Allocation>& allocations, bool bySiz
     const size_t startSizes[] = {
         sizeof(MMEAdapter),          sizeof(MMETimer),       sizeof(MMETopology),   sizeof(MMEWave),
         sizeof(PtGenericDescriptor), sizeof(MMEDMAEmulator), sizeof(MMEDMAEmulator)};
-    const size_t slots[] = {kCapture, kRender, kRender2, kCapture2}; // order of opening
+    const size_t slots[] = {kCapture, kRender, kRender2, kCapture2, kReplugged}; // order of opening
     size_t objects = 0, irps = 0, ports = 0, pins = 0;
+    std::string step;
     std::vector<Role> roles;
     for (const Allocation& a : allocations) {
         Role r;
-        if (a.step == "start") {
+        if (a.step != step && a.step == "replug")
+            objects = irps = ports = 0; // a second start, with its own objects
+        step = a.step;
+        const std::string prefix = a.step == "replug" ? "replug " : "";
+        if (a.step == "start" || (a.step == "replug" && objects < 7)) {
             if (a.tag == tagOf("Irp "))
-                r.what = irps++ == 0 ? "start request" : "USB request";
+                r.what = prefix + (irps++ == 0 ? "start request" : "USB request");
             else if (a.tag == tagOf("PcPt"))
-                r.what = ports++ == 0 ? "topology port" : "wave port";
+                r.what = prefix + (ports++ == 0 ? "topology port" : "wave port");
             else if (a.tag == tagOf("PcSg"))
-                r.what = "service group";
+                r.what = prefix + "service group";
             else if (objects < 7 && (!bySize || a.size == startSizes[objects]))
-                r.what = startObjects[objects++];
-        } else if (a.step == "open and run" || a.step == "change formats") {
-            if (a.tag == tagOf("PcPn") && pins < 4) {
-                r.what = "pin";
+                r.what = prefix + startObjects[objects++];
+        } else if (a.step == "open and run" || a.step == "change formats" || a.step == "replug") {
+            if (a.tag == tagOf("PcPn") && pins < 5) {
+                r.what = prefix + "pin";
                 r.slot = slots[pins++];
             } else if (pins > 0) {
                 // The stream object comes first after its pin, then its buffers.
-                const bool first = roles.empty() || roles.back().what == "pin";
+                const bool first = roles.empty() || roles.back().what == prefix + "pin";
                 r.what =
-                    (bySize ? a.size == sizeof(MMEWaveStream) : first) ? "stream" : "stream buffer";
+                    prefix + ((bySize ? a.size == sizeof(MMEWaveStream) : first) ? "stream"
+                                                                                 : "stream buffer");
                 r.slot = slots[pins - 1];
             }
-        } else if (a.step == "remove" && a.tag == tagOf("Irp ")) {
-            r.what = "remove request";
+        } else if (a.tag == tagOf("Irp ")) {
+            r.what = a.step == "remove"   ? "remove request"
+                     : a.step == "unplug" ? "surprise removal request"
+                     : a.step == "close"  ? "unplugged device's remove request"
+                                          : r.what;
         }
         roles.push_back(r);
     }
@@ -286,7 +317,7 @@ void expectReported(const Life& life, const Role& role) {
         EXPECT_EQ(life.registers, 0u);
         EXPECT_EQ(life.open[kCapture], STATUS_INVALID_DEVICE_STATE);
         EXPECT_EQ(life.open[kRender], STATUS_INVALID_DEVICE_STATE);
-        EXPECT_EQ(life.unregisters, 0u);
+        EXPECT_EQ(life.unregisters, 1u) << "the replugged device's own";
     } else if (is({"topology port", "topology miniport"})) {
         EXPECT_EQ(life.start, noMemory);
         EXPECT_EQ(traced(life, "InstallSubdevice: PcNewPort failed"), is({"topology port"}));
@@ -323,6 +354,25 @@ void expectReported(const Life& life, const Role& role) {
         EXPECT_EQ(life.start, STATUS_SUCCESS);
         for (size_t s : all)
             EXPECT_EQ(life.open[s], s == role.slot ? noMemory : STATUS_SUCCESS) << "stream " << s;
+    } else if (role.what.compare(0, 7, "replug ") == 0) {
+        // The new instance's start, or its stream, fails as the first one's
+        // did; the unplugged device went all the same.
+        const std::string base = role.what.substr(7);
+        EXPECT_TRUE(life.oldRemoved);
+        if (base == "pin" || base == "stream" || base == "stream buffer")
+            EXPECT_EQ(life.open[kReplugged], noMemory);
+        else if (base == "descriptor")
+            EXPECT_EQ(life.replugStart, STATUS_INVALID_DEVICE_STATE);
+        else if (base == "attach timer" || base == "USB request")
+            EXPECT_EQ(life.replugStart, STATUS_SUCCESS);
+        else
+            EXPECT_EQ(life.replugStart, noMemory);
+    } else if (is({"surprise removal request", "unplugged device's remove request"})) {
+        // The PnP manager knows the device is gone without its request, and
+        // the port-class library releases the subdevices without its own.
+        EXPECT_TRUE(life.oldRemoved);
+        EXPECT_EQ(life.replugStart, STATUS_SUCCESS);
+        EXPECT_GT(life.frames[kReplugged], 0u);
     } else if (is({"remove request"})) {
         // Without its request the port-class library releases the
         // subdevices itself: the adapter goes all the same.
@@ -345,6 +395,9 @@ TEST(AllocationSweep, EveryAllocationOfADevicesLifeFailsCleanly) {
         ASSERT_GT(reference.frames[s], 0u) << "stream " << s;
     }
     ASSERT_TRUE(reference.removedByRemoval);
+    ASSERT_TRUE(reference.oldRemoved);
+    ASSERT_EQ(reference.replugStart, STATUS_SUCCESS);
+    ASSERT_GT(reference.frames[kReplugged], 0u);
     ASSERT_FALSE(reference.parked);
     ASSERT_EQ(reference.unregisters, 1u);
 
@@ -364,13 +417,18 @@ TEST(AllocationSweep, EveryAllocationOfADevicesLifeFailsCleanly) {
         ASSERT_TRUE(failed.step == a.step && failed.tag == a.tag && failed.size == a.size)
             << "the run diverged before the failure: " << describe(failed);
         EXPECT_EQ(life.problems, "");
-        if (role.what != "start request" && role.what != "adapter") {
+        // A start that fails before the adapter exists leaves the hand-over
+        // parked until the next device's add.
+        const std::string base =
+            role.what.compare(0, 7, "replug ") ? role.what : role.what.substr(7);
+        if (base != "start request" && base != "adapter") {
             EXPECT_FALSE(life.parked) << "the add/start hand-over was left taken";
         }
         expectReported(life, role);
     }
-    // The life reaches every kind of allocation the driver and the port make.
-    EXPECT_EQ(seen.size(), 16u);
+    // The life reaches every kind of allocation the driver and the port make,
+    // in both instances of the device.
+    EXPECT_EQ(seen.size(), 33u);
     EXPECT_EQ(seen.count("unknown"), 0u);
     std::printf("allocations swept: %zu\n", count);
     ::testing::Test::RecordProperty("allocations_swept", std::to_string(count));

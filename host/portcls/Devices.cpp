@@ -402,7 +402,10 @@ void surpriseRemoveLocked(PDEVICE_OBJECT fdo) {
         before = record->pnp;
     }
     if (before != hostpc::PnpState::Added) {
-        sendRequest(fdo, IRP_MJ_PNP, IRP_MN_SURPRISE_REMOVAL);
+        // The PnP manager knows the device is gone even when its request
+        // could not be made.
+        if (!NT_SUCCESS(sendRequest(fdo, IRP_MJ_PNP, IRP_MN_SURPRISE_REMOVAL)))
+            setPnp(fdo, hostpc::PnpState::SurpriseRemoved);
         tellListener(fdo, hostpc::PnpState::SurpriseRemoved);
     }
     bool now;
