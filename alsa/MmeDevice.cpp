@@ -1,5 +1,5 @@
-// The device behind an open PCM: trace tap, model USB driver, driver, clock
-// and the window onto the device's output.
+// The device behind an open PCM: trace tap, model USB driver, driver, clock,
+// the window onto the device's output and the device's unplug and replug.
 #include "MmeDevice.h"
 
 #include "host/kernel/HostKernel.h"
@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <unistd.h>
 
 namespace mmealsa {
 
@@ -91,7 +92,63 @@ private:
     std::atomic<StreamWindow*> mWindow{nullptr};
 };
 
+// Plain decimal seconds ("2", "0.25") to milliseconds, below a million
+// seconds; by hand, since strtod follows the program's locale.
+bool parseSeconds(const std::string& text, uint32_t* ms) {
+    uint64_t whole = 0, thousandths = 0;
+    size_t digits = 0, fraction = 0;
+    bool dot = false;
+    for (char c : text) {
+        if (c == '.' && !dot) {
+            dot = true;
+        } else if (c >= '0' && c <= '9') {
+            ++digits;
+            if (!dot && whole < 1000000)
+                whole = whole * 10 + uint64_t(c - '0');
+            else if (dot && ++fraction <= 3)
+                thousandths = thousandths * 10 + uint64_t(c - '0');
+        } else {
+            return false;
+        }
+    }
+    for (; fraction < 3; ++fraction)
+        thousandths *= 10;
+    if (digits == 0 || whole >= 1000000)
+        return false;
+    *ms = uint32_t(whole * 1000 + thousandths);
+    return true;
+}
+
 } // namespace
+
+UnplugTime parseUnplug(const std::string& text) {
+    UnplugTime t;
+    const size_t colon = text.find(':');
+    const bool ok = parseSeconds(text.substr(0, colon), &t.atMs) &&
+                    (colon == std::string::npos ||
+                     (parseSeconds(text.substr(colon + 1), &t.replugAfterMs) && t.replugAfterMs));
+    if (!ok)
+        throw DeviceError("unplug \"" + text +
+                          "\": use AT[:REPLUG_AFTER] in seconds, as \"2\" or \"1.5:0.5\" "
+                          "(REPLUG_AFTER at least 0.001)");
+    return t;
+}
+
+// The model's device events, on its clock's thread.
+class Device::Events : public usbsim::ModelObserver {
+public:
+    explicit Events(Device& device) : mDevice(device) {}
+    void periodDone(const Period&) override {}
+    void notice(bool, ULONG, ULONGLONG, LONG) override {}
+    void call(ULONG, NTSTATUS, const std::string&, const ChannelConfig&) override {}
+    void deviceEvent(const std::string& kind, const std::string&) override {
+        if (kind == "unplug")
+            mDevice.unplugged();
+    }
+
+private:
+    Device& mDevice;
+};
 
 std::shared_ptr<Device> Device::acquire(const DeviceParams& params) {
     std::lock_guard<std::mutex> lock(gDeviceLock);
@@ -99,7 +156,7 @@ std::shared_ptr<Device> Device::acquire(const DeviceParams& params) {
     if (device) {
         const DeviceParams& p = device->params();
         if (p.profile != params.profile || p.input != params.input || p.output != params.output ||
-            p.driver != params.driver || p.trace != params.trace)
+            p.driver != params.driver || p.trace != params.trace || p.unplug != params.unplug)
             throw DeviceError("this process has the device open already, with other parameters");
         return device;
     }
@@ -111,13 +168,19 @@ std::shared_ptr<Device> Device::acquire(const DeviceParams& params) {
 std::string Device::release(std::shared_ptr<Device>& device) {
     std::lock_guard<std::mutex> lock(gDeviceLock);
     std::string problems;
-    if (device && device.use_count() == 1)
+    if (device && device.use_count() == 1) {
         problems = device->shutdown();
+    } else if (device) {
+        // The closing PCM may have held the last pin of an unplugged device.
+        std::lock_guard<std::mutex> devLock(device->mLock);
+        device->follow();
+    }
     device.reset();
     return problems;
 }
 
 Device::Device(const DeviceParams& params) : mParams(params) {
+    const UnplugTime unplug = params.unplug.empty() ? UnplugTime() : parseUnplug(params.unplug);
     std::shared_ptr<usbsim::InputBackend> input;
     std::shared_ptr<usbsim::LoopbackBackend> loop;
     try {
@@ -152,12 +215,20 @@ Device::Device(const DeviceParams& params) : mParams(params) {
         if (loop && loop->latencyFrames() < mModel->periodFrames())
             throw DeviceError("loopback of " + std::to_string(loop->latencyFrames()) +
                               " frames: below the device's period");
+        mEvents.reset(new Events(*this));
+        mModel->setObserver(mEvents.get());
+        if (!params.unplug.empty())
+            mModel->schedule({unplug.atMs ? mModel->ticksFor(unplug.atMs) : 0,
+                              usbsim::EventKind::Unplug, unplug.replugAfterMs});
         mModel->setInput(input);
         mRouter = std::make_shared<OutputRouter>(loop);
         mModel->setOutput(mRouter);
         mLoader.reset(params.driver == "linked" ? new hostpc::DriverLoader()
                                                 : new hostpc::DriverLoader(params.driver));
-        const std::string failure = hostpc::startWaveFilter(*mLoader, mModel->pdo(), &mFilter);
+        std::unique_ptr<hostpc::WaveFilter> filter;
+        const std::string failure = hostpc::startWaveFilter(*mLoader, mModel->pdo(), &filter);
+        mFilter = std::move(filter);
+        mFilterInstance = mModel->instance();
         if (!failure.empty())
             throw DeviceError("driver \"" + params.driver + "\": " + failure);
         mModel->startRealTime();
@@ -176,6 +247,55 @@ Device::~Device() {
 
 std::string Device::refusal(NTSTATUS status, size_t mark) const {
     return mTrace->refusal(status, mark, mModel->refusedConfigNote());
+}
+
+std::shared_ptr<hostpc::WaveFilter> Device::filter(uint64_t* instance) {
+    std::lock_guard<std::mutex> lock(mLock);
+    follow();
+    *instance = mFilterInstance;
+    return mFilter;
+}
+
+void Device::follow() {
+    if (!mModel || !mLoader)
+        return;
+    // The filter handle of an unplugged instance would keep its removal
+    // waiting after its last pin closed.
+    if (mFilter && (lost(mFilterInstance) || mModel->instance() != mFilterInstance))
+        mFilter.reset();
+    if (mFilter || !mModel->present())
+        return;
+    // The replug's add and start run on the clock's thread; the filter
+    // exists once the start is done.
+    const uint64_t instance = mModel->instance();
+    PDEVICE_OBJECT fdo = mLoader->fdo(mModel->pdo());
+    if (!fdo || hostpc::pnpState(fdo) != hostpc::PnpState::Started)
+        return;
+    auto filter = std::make_shared<hostpc::WaveFilter>(hostpc::subdevice(fdo, u"Wave"));
+    if (filter->valid() && mModel->instance() == instance) {
+        mFilter = std::move(filter);
+        mFilterInstance = instance;
+    }
+}
+
+void Device::unplugged() {
+    mLost.store(mModel->instance());
+    std::lock_guard<std::mutex> lock(mEventLock);
+    const uint64_t one = 1;
+    for (int fd : mWaiters) {
+        ssize_t done = ::write(fd, &one, sizeof one);
+        (void)done; // a full counter wakes the reader all the same
+    }
+}
+
+void Device::addWaiter(int fd) {
+    std::lock_guard<std::mutex> lock(mEventLock);
+    mWaiters.push_back(fd);
+}
+
+void Device::removeWaiter(int fd) {
+    std::lock_guard<std::mutex> lock(mEventLock);
+    mWaiters.erase(std::remove(mWaiters.begin(), mWaiters.end(), fd), mWaiters.end());
 }
 
 void Device::beginOutput(std::function<uint64_t()> streamFrames) {
@@ -216,6 +336,7 @@ std::string Device::shutdown() {
     std::string problems;
     if (mModel) {
         mModel->stopRealTime();
+        mModel->setObserver(nullptr);
         mModel->setOutput(nullptr);
         try {
             if (mOutput && mOutputBegun)
@@ -228,6 +349,7 @@ std::string Device::shutdown() {
     mLoader.reset(); // removes the device
     const bool had = mModel != nullptr;
     mModel.reset();
+    mEvents.reset();
     mOutput.reset();
     mRouter.reset();
     if (had) {

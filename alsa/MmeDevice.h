@@ -7,6 +7,12 @@
 // One device per process at a time (the host kernel's debug output and clock
 // are process-wide), shared by the process's PCMs of the same parameters, so
 // that a program can play and record on it at once.
+//
+// Device life: the model can unplug and replug the device on its clock
+// thread. A PCM belongs to the device instance it was opened on; once that
+// instance is unplugged, every PCM of it is dead (as on a sound card pulled
+// out) and its poll descriptor is woken. The wave filter follows the model
+// to a replugged instance, so PCMs opened afterwards work on it.
 #pragma once
 
 #include "host/portcls/HostPortCls.h"
@@ -15,6 +21,7 @@
 #include "usbsim/Backends.h"
 #include "usbsim/UsbDriverModel.h"
 
+#include <atomic>
 #include <deque>
 #include <fstream>
 #include <functional>
@@ -22,6 +29,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace mmealsa {
 
@@ -39,7 +47,17 @@ struct DeviceParams {
     std::string driver = "linked"; // "linked", or a .sys image
     std::string trace;             // the driver's trace into this file; empty: none
     std::string summary;           // a summary of the stream at close; empty: none
+    std::string unplug;            // "AT[:REPLUG_AFTER]" (seconds); empty: never
 };
+
+// The unplug parameter: unplugged AT seconds of the device's clock after its
+// start, replugged REPLUG_AFTER seconds later (0: stays unplugged). Throws
+// DeviceError saying what is wrong with the text.
+struct UnplugTime {
+    uint32_t atMs = 0;
+    uint32_t replugAfterMs = 0;
+};
+UnplugTime parseUnplug(const std::string& text);
 
 class Device {
 public:
@@ -58,7 +76,16 @@ public:
 
     const DeviceParams& params() const { return mParams; }
     usbsim::UsbDriverModel& model() { return *mModel; }
-    hostpc::WaveFilter& filter() { return *mFilter; }
+    // The wave filter of the device instance present now, and that
+    // instance; null while none is (unplugged, or replugged but not started
+    // yet). Drops the filter of an instance that went away.
+    std::shared_ptr<hostpc::WaveFilter> filter(uint64_t* instance);
+    // That instance was unplugged. Any thread.
+    bool lost(uint64_t instance) const { return instance <= mLost.load(); }
+    // Eventfds written to when the device is unplugged (from the clock's
+    // thread); a PCM's, from its open to its close.
+    void addWaiter(int fd);
+    void removeWaiter(int fd);
 
     size_t traceMark() const { return mTrace->mark(); }
     // "STATUS_X: \"the driver's line\" (USB driver: why)".
@@ -87,11 +114,22 @@ public:
     std::string shutdown();
 
 private:
+    class Events;
+    void follow(); // mLock held
+    void unplugged();
+
     DeviceParams mParams;
     std::unique_ptr<hostpc::TraceTap> mTrace;
     std::unique_ptr<usbsim::UsbDriverModel> mModel;
+    std::unique_ptr<Events> mEvents;
     std::unique_ptr<hostpc::DriverLoader> mLoader;
-    std::unique_ptr<hostpc::WaveFilter> mFilter;
+    // Program threads; taken before mEventLock, never held by the clock's thread.
+    std::mutex mLock;
+    std::shared_ptr<hostpc::WaveFilter> mFilter;
+    uint64_t mFilterInstance = 0;
+    std::atomic<uint64_t> mLost{0}; // the last instance unplugged; 0: none
+    std::mutex mEventLock;
+    std::vector<int> mWaiters;
     std::shared_ptr<usbsim::OutputBackend> mOutput;
     std::shared_ptr<usbsim::OutputBackend> mRouter;
     bool mOutputBegun = false;

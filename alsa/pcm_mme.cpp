@@ -12,6 +12,11 @@
 // Threads: ALSA calls the callbacks from the program's threads; the port's
 // service routine runs on the model's clock thread and only touches the
 // queue, whose every look wakes the program's poll through an eventfd.
+//
+// Unplug: the device's unplug wakes the poll too (no port service runs on a
+// device that is gone); from then on the PCM is disconnected, as one of a
+// sound card pulled out: every call fails with -ENODEV, poll reports POLLERR,
+// and only closing is left. A PCM opened after a replug uses the new device.
 #include "MmeDevice.h"
 
 #include <alsa/asoundlib.h>
@@ -65,6 +70,7 @@ struct Pcm {
     snd_pcm_ioplug_t io{};
     DeviceParams params;
     std::shared_ptr<Device> device;
+    uint64_t instance = 0; // the device instance the PCM was opened on
     int wakeFd = -1;
     bool capture = false;
 
@@ -109,6 +115,22 @@ void drainWakes(int fd) {
     uint64_t count;
     while (::read(fd, &count, sizeof count) > 0) {
     }
+}
+
+void wake(int fd) {
+    const uint64_t one = 1;
+    ssize_t done = ::write(fd, &one, sizeof one);
+    (void)done;
+}
+
+// The device the PCM was opened on is gone: the PCM is disconnected for
+// ALSA too, whose waits and state checks then answer -ENODEV themselves.
+bool lost(Pcm* p) {
+    if (!p->device->lost(p->instance) && !(p->stream && p->stream->removed()))
+        return false;
+    if (p->io.state != SND_PCM_STATE_DISCONNECTED)
+        snd_pcm_ioplug_set_state(&p->io, SND_PCM_STATE_DISCONNECTED);
+    return true;
 }
 
 void closeStream(Pcm* p) {
@@ -169,6 +191,12 @@ const char* direction(const Pcm* p) {
 int mmeHwParams(snd_pcm_ioplug_t* io, snd_pcm_hw_params_t*) {
     Pcm* p = pcmOf(io);
     closeStream(p);
+    uint64_t instance = 0;
+    const std::shared_ptr<hostpc::WaveFilter> filter = p->device->filter(&instance);
+    if (lost(p) || !filter || instance != p->instance) {
+        SNDERR("mme: the device was unplugged");
+        return -ENODEV;
+    }
     const unsigned bits = bitsOf(io->format);
     if (bits == 0) {
         SNDERR("mme: format %s is not offered", snd_pcm_format_name(io->format));
@@ -185,8 +213,8 @@ int mmeHwParams(snd_pcm_ioplug_t* io, snd_pcm_hw_params_t*) {
     // format; when it offers nothing, the format itself, so that the driver's
     // validation says why it refuses.
     std::vector<UCHAR> format;
-    NTSTATUS status = device.filter().intersect(
-        pin, hostpc::clientRange(channels, bits, bits, rate, rate), &format);
+    NTSTATUS status =
+        filter->intersect(pin, hostpc::clientRange(channels, bits, bits, rate, rate), &format);
     const WAVEFORMATEX* w = hostpc::waveFormatOf(format);
     if (!NT_SUCCESS(status) || !w || w->nChannels != channels || w->wBitsPerSample != bits ||
         w->nSamplesPerSec != rate)
@@ -205,9 +233,13 @@ int mmeHwParams(snd_pcm_ioplug_t* io, snd_pcm_hw_params_t*) {
     else
         options.source = queue.get();
     std::unique_ptr<hostpc::KsStream> stream;
-    status = device.filter().open(pin, format, options, &stream);
+    status = filter->open(pin, format, options, &stream);
     char text[64];
     std::snprintf(text, sizeof text, "%u/%u/%u", unsigned(rate), unsigned(channels), bits);
+    if (!NT_SUCCESS(status) && lost(p)) {
+        SNDERR("mme: the device was unplugged");
+        return -ENODEV;
+    }
     if (!NT_SUCCESS(status)) {
         SNDERR("mme: the driver refused %s at %s: %s", direction(p), text,
                device.refusal(status, mark).c_str());
@@ -237,13 +269,15 @@ int mmeSwParams(snd_pcm_ioplug_t* io, snd_pcm_sw_params_t* params) {
 
 int mmePrepare(snd_pcm_ioplug_t* io) {
     Pcm* p = pcmOf(io);
+    if (lost(p))
+        return -ENODEV;
     if (!p->stream)
         return -EBADFD;
     const NTSTATUS status = p->stream->setState(KSSTATE_STOP);
     if (!NT_SUCCESS(status)) {
         SNDERR("mme: the driver refused to stop %s: %s", direction(p),
                hostpc::statusName(status).c_str());
-        return p->stream->removed() ? -ENODEV : -EIO;
+        return lost(p) ? -ENODEV : -EIO;
     }
     p->queue->clear(); // a stopped pin neither takes nor gives audio
     p->frames += p->transferred;
@@ -266,14 +300,18 @@ int mmePrepare(snd_pcm_ioplug_t* io) {
 }
 
 int runStream(Pcm* p) {
+    if (lost(p))
+        return -ENODEV;
     Device& device = *p->device;
     device.model().clearCalls();
     const size_t mark = device.traceMark();
     const NTSTATUS status = p->stream->setState(KSSTATE_RUN);
+    if (lost(p))
+        return -ENODEV;
     if (!NT_SUCCESS(status)) {
         SNDERR("mme: the driver refused to start %s: %s", direction(p),
                device.refusal(status, mark).c_str());
-        return p->stream->removed() ? -ENODEV : -EIO;
+        return -EIO;
     }
     if (!p->capture)
         device.beginOutput([share = p->share] {
@@ -299,9 +337,13 @@ int mmeStop(snd_pcm_ioplug_t* io) {
 
 int mmePause(snd_pcm_ioplug_t* io, int enable) {
     Pcm* p = pcmOf(io);
+    if (lost(p))
+        return -ENODEV;
     if (!p->stream)
         return -EBADFD;
     const NTSTATUS status = p->stream->setState(enable ? KSSTATE_PAUSE : KSSTATE_RUN);
+    if (lost(p))
+        return -ENODEV;
     if (!NT_SUCCESS(status)) {
         SNDERR("mme: the driver refused to %s %s: %s", enable ? "pause" : "resume", direction(p),
                hostpc::statusName(status).c_str());
@@ -312,10 +354,10 @@ int mmePause(snd_pcm_ioplug_t* io, int enable) {
 
 snd_pcm_sframes_t mmePointer(snd_pcm_ioplug_t* io) {
     Pcm* p = pcmOf(io);
+    if (lost(p))
+        return -ENODEV;
     if (!p->stream)
         return -EBADFD;
-    if (p->stream->removed())
-        return -ENODEV;
     const uint64_t pos = position(p);
     if (xrunNow(p, pos))
         return -EPIPE;
@@ -325,6 +367,8 @@ snd_pcm_sframes_t mmePointer(snd_pcm_ioplug_t* io) {
 snd_pcm_sframes_t mmeTransfer(snd_pcm_ioplug_t* io, const snd_pcm_channel_area_t* areas,
                               snd_pcm_uframes_t offset, snd_pcm_uframes_t size) {
     Pcm* p = pcmOf(io);
+    if (lost(p))
+        return -ENODEV;
     if (!p->queue)
         return -EBADFD;
     // Interleaved: channel 0's area walks whole frames.
@@ -344,6 +388,8 @@ snd_pcm_sframes_t mmeTransfer(snd_pcm_ioplug_t* io, const snd_pcm_channel_area_t
 
 int mmeDelay(snd_pcm_ioplug_t* io, snd_pcm_sframes_t* delay) {
     Pcm* p = pcmOf(io);
+    if (lost(p))
+        return -ENODEV;
     if (!p->stream)
         return -EBADFD;
     const uint64_t pos = position(p);
@@ -369,7 +415,7 @@ template <class Done> int waitUntil(Pcm* p, Done done, const char* what) {
         pollfd fd{p->wakeFd, POLLIN, 0};
         ::poll(&fd, 1, 100);
         drainWakes(p->wakeFd);
-        if (p->stream->removed())
+        if (lost(p))
             return -ENODEV;
         const uint64_t pos = position(p);
         const uint32_t read = p->device->model().renderReadPos();
@@ -387,6 +433,8 @@ template <class Done> int waitUntil(Pcm* p, Done done, const char* what) {
 
 int mmeDrain(snd_pcm_ioplug_t* io) {
     Pcm* p = pcmOf(io);
+    if (lost(p))
+        return -ENODEV;
     if (!p->stream)
         return -EBADFD;
     if (p->capture)
@@ -432,7 +480,13 @@ int mmePollRevents(snd_pcm_ioplug_t* io, pollfd*, unsigned int, unsigned short* 
     Pcm* p = pcmOf(io);
     drainWakes(p->wakeFd);
     *revents = 0;
-    if (!p->stream || p->stream->removed()) {
+    if (lost(p)) {
+        // As a disconnected sound card's descriptor: ready, with the error, for good.
+        *revents = POLLERR;
+        wake(p->wakeFd);
+        return 0;
+    }
+    if (!p->stream) {
         *revents = POLLERR;
         return 0;
     }
@@ -443,9 +497,7 @@ int mmePollRevents(snd_pcm_ioplug_t* io, pollfd*, unsigned int, unsigned short* 
         *revents = p->capture ? POLLIN : POLLOUT;
         // Level-triggered, as a sound card's descriptor is: it stays ready
         // until the program has taken what is available.
-        const uint64_t one = 1;
-        ssize_t done = ::write(p->wakeFd, &one, sizeof one);
-        (void)done;
+        wake(p->wakeFd);
     }
     return 0;
 }
@@ -476,6 +528,7 @@ void destroy(Pcm* p) {
     p->transferred = 0;
     std::string problems;
     if (p->device) {
+        p->device->removeWaiter(p->wakeFd);
         const bool last = p->device.use_count() == 1;
         problems = Device::release(p->device);
         if (!problems.empty())
@@ -516,7 +569,12 @@ const snd_pcm_ioplug_callback_t kCallbacks = [] {
 // combination when the program sets its parameters.
 int constrain(Pcm* p) {
     const ULONG pin = p->capture ? hostpc::kWaveCapturePin : hostpc::kWaveRenderPin;
-    const hostpc::PinInfo info = p->device->filter().pin(pin);
+    const std::shared_ptr<hostpc::WaveFilter> filter = p->device->filter(&p->instance);
+    if (!filter) {
+        SNDERR("mme: the device is unplugged");
+        return -ENODEV;
+    }
+    const hostpc::PinInfo info = filter->pin(pin);
     static const unsigned kRates[] = {8000,  11025, 16000,  22050,  32000,  44100, 48000,
                                       88200, 96000, 176400, 192000, 352800, 384000};
     std::set<unsigned> rates, channels, formats;
@@ -595,10 +653,13 @@ int open(snd_pcm_t** pcmp, const char* name, snd_config_t* conf, snd_pcm_stream_
                              : !std::strcmp(id, "driver")  ? &p->params.driver
                              : !std::strcmp(id, "trace")   ? &p->params.trace
                              : !std::strcmp(id, "summary") ? &p->params.summary
+                             : !std::strcmp(id, "unplug")  ? &p->params.unplug
                                                            : nullptr;
         const char* value = nullptr;
         if (!field) {
-            SNDERR("mme: unknown field %s (profile, input, output, driver, trace, summary)", id);
+            SNDERR("mme: unknown field %s (profile, input, output, driver, trace, summary, "
+                   "unplug)",
+                   id);
             delete p;
             return -EINVAL;
         }
@@ -609,6 +670,15 @@ int open(snd_pcm_t** pcmp, const char* name, snd_config_t* conf, snd_pcm_stream_
         }
         *field = value;
     }
+    if (!p->params.unplug.empty()) {
+        try {
+            parseUnplug(p->params.unplug);
+        } catch (const DeviceError& e) {
+            SNDERR("mme: %s", e.what());
+            delete p;
+            return -EINVAL;
+        }
+    }
     p->wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (p->wakeFd < 0) {
         const int err = -errno;
@@ -617,6 +687,7 @@ int open(snd_pcm_t** pcmp, const char* name, snd_config_t* conf, snd_pcm_stream_
     }
     try {
         p->device = Device::acquire(p->params);
+        p->device->addWaiter(p->wakeFd);
     } catch (const std::exception& e) {
         SNDERR("mme: %s", e.what());
         ::close(p->wakeFd);

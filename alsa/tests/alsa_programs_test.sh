@@ -3,11 +3,11 @@
 # plugin, with a private ALSA configuration: the system's alsa.conf without
 # the hook that loads the machine's and the user's files (/etc/asound.conf,
 # ~/.asoundrc), and pcm.mme* naming the plugin by its path in the build. The
-# device runs in real time: files are short. "play" also plays through the
-# Windows build of the driver (IMAGE.sys) when it was built.
+# device runs in real time: files are short. "play" and "unplug" also run
+# through the Windows build of the driver (IMAGE.sys) when it was built.
 #
 #   alsa_programs_test.sh PLUGIN.so SOURCE_DIR CASE [IMAGE.sys]
-# CASE: play | record | refuse | stall | others
+# CASE: play | record | refuse | stall | others | unplug
 set -euo pipefail
 
 plugin=$1 source=$2 case=$3 image=${4:-}
@@ -27,7 +27,17 @@ pcm.mme_locked { type mme profile "$source/usbsim/profiles/spdif-locked.json" }
 pcm.mme_sys { type mme driver "$work/mmeusbaudio.sys" }
 pcm.mme_image { type mme driver "$image" output "wav:$work/device.wav" summary "$work/summary" }
 pcm.mme_typo { type mme ouptut "null" }
+pcm.mme_badunplug { type mme unplug "1:-1" }
 EOF
+# Pulled out 1 s into the stream, back 0.5 s later: by the plugin's parameter
+# or by the device profile's schedule (188 periods of 256 frames at 48000 Hz).
+for driver in linked "$image"; do
+    [ "$driver" = linked ] && suffix= || suffix=_image
+    cat >>asound.conf <<EOF
+pcm.mme_unplug$suffix { type mme driver "$driver" unplug "1:0.5" summary "$work/summary" }
+pcm.mme_unplug_profile$suffix { type mme driver "$driver" profile "$work/unplug.json" summary "$work/summary" }
+EOF
+done
 export ALSA_CONFIG_PATH=$work/asound.conf HOME=$work
 
 fail() {
@@ -74,7 +84,8 @@ refuse) # the locked digital input allows 44100 Hz only; the driver says why
     $check make in44.wav 44100 16 2 4410
     aplay -q -D mme_locked in44.wav || fail "the locked rate was refused too"
     # Parameters the plugin cannot follow: refused with what is wrong.
-    for pcm in "mme_sys:cannot load the driver image" "mme_typo:unknown field ouptut"; do
+    for pcm in "mme_sys:cannot load the driver image" "mme_typo:unknown field ouptut" \
+        'mme_badunplug:unplug "1:-1": use AT\[:REPLUG_AFTER\]'; do
         if aplay -q -D "${pcm%%:*}" in44.wav 2>err.txt; then fail "${pcm%%:*} played"; fi
         grep -q "${pcm#*:}" err.txt || fail "${pcm%%:*}: $(cat err.txt)"
     done
@@ -117,6 +128,62 @@ others) # speaker-test sounds every channel; sox plays through the plugin
     sox -q in.wav -t alsa mme || fail "sox could not play"
     $check played in.wav device.wav
     clean_close
+    ;;
+unplug) # the program's disconnect error at once, a clean close, and the
+    # replugged device plays for a PCM opened after it
+    $check make in.wav 48000 16 2 $((48000 * 3))
+    python3 -c 'import json, sys
+profile = json.load(open(sys.argv[1]))
+profile["schedule"] = [{"period": 188, "event": "unplug", "value": 500}]
+json.dump(profile, sys.stdout)' "$source/usbsim/profiles/default.json" >unplug.json
+    suffixes=("")
+    [ -f "$image" ] && suffixes+=(_image)
+    for suffix in "${suffixes[@]}"; do
+        for run in "aplay -D mme_unplug$suffix in.wav" \
+            "arecord -D mme_unplug_profile$suffix -f S16_LE -c 2 -r 48000 -d 3 take.wav"; do
+            start=$(date +%s%N) status=0
+            timeout -k 1 10 $run >log.txt 2>&1 || status=$?
+            ms=$((($(date +%s%N) - start) / 1000000))
+            # 1 means the program gave up on its own; the timeout's would be 124.
+            [ $status = 1 ] && grep -q 'error: No such device' log.txt ||
+                fail "$run: exit $status: $(cat log.txt)"
+            ((ms >= 1000 && ms < 2000)) || fail "$run ended after $ms ms; the unplug was at 1 s"
+            clean_close
+        done
+        # One process across the unplug and the replug: the dead PCM stays
+        # open without costing CPU, a PCM opened after the replug plays, and
+        # the last close still finds everything cleaned up.
+        python3 - "mme_unplug$suffix" <<'EOF' || fail "one process across the replug"
+import ctypes, resource, sys, time
+alsa = ctypes.CDLL("libasound.so.2")
+alsa.snd_pcm_writei.restype = ctypes.c_long
+def opened():
+    pcm = ctypes.c_void_p()
+    assert alsa.snd_pcm_open(ctypes.byref(pcm), sys.argv[1].encode(), 0, 0) == 0
+    # S16_LE, interleaved, 2 channels, 48000 Hz, 0.5 s of buffer
+    assert alsa.snd_pcm_set_params(pcm, 2, 3, 2, 48000, 0, 500000) == 0
+    return pcm
+def play(pcm, tenths):
+    silence = ctypes.create_string_buffer(4 * 4800)
+    for _ in range(tenths):
+        written = alsa.snd_pcm_writei(pcm, silence, 4800)
+        if written < 0:
+            return written
+    return alsa.snd_pcm_drain(pcm)
+def cpu():
+    usage = resource.getrusage(resource.RUSAGE_SELF)
+    return usage.ru_utime + usage.ru_stime
+old = opened()
+assert play(old, 30) == -19, "no ENODEV"
+before = cpu()
+time.sleep(1)
+assert cpu() - before < 0.2, "busy while unplugged"
+new = opened()
+assert play(new, 5) == 0, "the replugged device did not play"
+assert alsa.snd_pcm_close(old) == 0 and alsa.snd_pcm_close(new) == 0
+EOF
+        clean_close
+    done
     ;;
 *)
     fail "unknown case $case"
