@@ -271,7 +271,7 @@ void Device::follow() {
     PDEVICE_OBJECT fdo = mLoader->fdo(mModel->pdo());
     if (!fdo || hostpc::pnpState(fdo) != hostpc::PnpState::Started)
         return;
-    auto filter = std::make_shared<hostpc::WaveFilter>(hostpc::subdevice(fdo, u"Wave"));
+    std::shared_ptr<hostpc::WaveFilter> filter = hostpc::WaveFilter::ofDevice(fdo);
     if (filter->valid() && mModel->instance() == instance) {
         mFilter = std::move(filter);
         mFilterInstance = instance;

@@ -500,6 +500,11 @@ void releaseHandle(PDEVICE_OBJECT fdo) {
         removeNow(fdo);
 }
 
+// After a surprise removal the documentation says the device is "no longer
+// available for I/O operations" and is silent on which KS requests still
+// reach the miniport. The stricter choice: what a closing client sends (the
+// walk down to STOP, position reads, the close) reaches the stream with its
+// device gone; what would start I/O fails here.
 NTSTATUS requestStatus(PDEVICE_OBJECT fdo, bool stateDown) {
     std::lock_guard<std::mutex> lock(state().mutex);
     DeviceRecord* record = fdo ? findLocked(fdo) : nullptr;
@@ -919,6 +924,17 @@ PUNKNOWN subdevice(PDEVICE_OBJECT fdo, const std::u16string& name) {
         for (const auto& subdevice : record->subdevices)
             if (subdevice.name == name)
                 return subdevice.port;
+    return nullptr;
+}
+
+PUNKNOWN referenceSubdevice(PDEVICE_OBJECT fdo, const std::u16string& name) {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    if (DeviceRecord* record = findLocked(fdo))
+        for (const auto& subdevice : record->subdevices)
+            if (subdevice.name == name) {
+                subdevice.port->AddRef();
+                return subdevice.port;
+            }
     return nullptr;
 }
 

@@ -134,6 +134,9 @@ ServiceMode serviceMode(PDEVICE_OBJECT fdo); // the default for an unknown fdo
 std::vector<std::u16string> subdeviceNames(PDEVICE_OBJECT fdo);
 // The registered port (no reference taken), or null.
 PUNKNOWN subdevice(PDEVICE_OBJECT fdo, const std::u16string& name);
+// The same with a reference for the caller, taken before a removal on
+// another thread can let the port go.
+PUNKNOWN referenceSubdevice(PDEVICE_OBJECT fdo, const std::u16string& name);
 
 struct Connection {
     std::u16string fromName;

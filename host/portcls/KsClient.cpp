@@ -105,8 +105,7 @@ std::string startWaveFilter(DriverLoader& loader, PDEVICE_OBJECT pdo,
         status = loader.startDevice(pdo);
     if (!NT_SUCCESS(status))
         return "the driver did not start: " + statusName(status);
-    PDEVICE_OBJECT fdo = loader.fdo(pdo);
-    filter->reset(new WaveFilter(fdo ? subdevice(fdo, u"Wave") : nullptr));
+    *filter = WaveFilter::ofDevice(loader.fdo(pdo));
     if (!(*filter)->valid())
         return "the driver registered no wave filter";
     return std::string();
@@ -277,6 +276,14 @@ WaveFilter::WaveFilter(PUNKNOWN wavePort) {
     PDEVICE_OBJECT device = portState(mPort).device;
     if (NT_SUCCESS(detail::acquireHandle(device)))
         mDevice = device;
+}
+
+std::unique_ptr<WaveFilter> WaveFilter::ofDevice(PDEVICE_OBJECT fdo) {
+    PUNKNOWN port = fdo ? referenceSubdevice(fdo, u"Wave") : nullptr;
+    std::unique_ptr<WaveFilter> filter(new WaveFilter(port));
+    if (port)
+        port->Release();
+    return filter;
 }
 
 WaveFilter::~WaveFilter() {
@@ -481,6 +488,16 @@ size_t KsStream::write(const void* frames, size_t count) {
     if (done > 0)
         mPin->setEndOfStream(false);
     return done;
+}
+
+NTSTATUS KsStream::write(const void* frames, size_t count, size_t* written) {
+    *written = 0;
+    if (mPin && !mCapture && mQueue && mPin->removed())
+        return kStatusDeviceRemoved;
+    if (!mPin || mCapture || !mQueue || mPin->closed())
+        return STATUS_INVALID_DEVICE_STATE;
+    *written = write(frames, count);
+    return STATUS_SUCCESS;
 }
 
 size_t KsStream::read(void* frames, size_t count) {

@@ -174,6 +174,9 @@ public:
     // Render: queues whole frames; returns how many fitted. Clears the end
     // of stream mark.
     size_t write(const void* frames, size_t count);
+    // The same, with the request's status: kStatusDeviceRemoved once the
+    // device is gone, STATUS_INVALID_DEVICE_STATE on a closed or capture pin.
+    NTSTATUS write(const void* frames, size_t count, size_t* written);
     // Capture: takes up to `count` whole frames; returns how many.
     size_t read(void* frames, size_t count);
     // Render: frames queued, not yet taken by the port; capture: ready to read.
@@ -228,6 +231,10 @@ public:
     ~WaveFilter();
     WaveFilter(const WaveFilter&) = delete;
     WaveFilter& operator=(const WaveFilter&) = delete;
+
+    // The wave filter of a device ("Wave"), safe against its removal on
+    // another thread; never null, invalid when the device has none.
+    static std::unique_ptr<WaveFilter> ofDevice(PDEVICE_OBJECT fdo);
 
     bool valid() const { return mPort != nullptr; }
     PUNKNOWN port() const { return mPort; }
