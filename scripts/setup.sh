@@ -9,6 +9,7 @@ packages=(
     g++-mingw-w64-x86-64 mingw-w64-x86-64-dev binutils-mingw-w64-x86-64
     libasound2-dev alsa-utils sox libsox-fmt-alsa python3
     chromium time
+    osslsigncode openssl libssl-dev
 )
 
 missing=()

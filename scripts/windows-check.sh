@@ -3,23 +3,26 @@
 # Windows, what a kernel loader and the port-class library rely on:
 #   - the image: PE32+ x86-64, not a DLL, native subsystem, entry point =
 #     DriverEntry, WDM driver / dynamic base / NX flags, base relocations,
-#     no TLS, no section both writable and executable, no AVX code;
+#     no TLS, no section both writable and executable, no AVX code, OS and
+#     subsystem version 10.0, a CodeView debug directory, a true CheckSum;
 #   - its imports: only ntoskrnl.exe, HAL.dll and portcls.sys, no C or C++
 #     runtime, and only the services the driver's platform names;
 #   - its objects: no static constructors or thread-local data (nothing
 #     would run or allocate them);
 #   - the INF: installs this image and registers the driver's subdevice
-#     names under the DDK's category GUIDs;
+#     names under the DDK's category GUIDs, and follows the INF rules of
+#     scripts/inf-check.py (each failure names its rule);
 #   - layouts: tools/layout-dump's table from the Windows build equals the
 #     host build's, line for line.
-# Then it relinks deliberately broken variants of the image and makes sure
-# each check above rejects its fault. Prints the import list. Exits non-zero
+# Then it relinks deliberately broken variants of the image, and breaks a
+# copy of the INF once per rule, and makes sure each check above rejects its
+# fault. MME_WINDOWS_BUILD_DIR builds elsewhere than build/windows. Prints the import list. Exits non-zero
 # on any failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 HOST_BUILD=${MME_HOST_BUILD_DIR:-build/winhost}
-WIN_BUILD=build/windows
+WIN_BUILD=${MME_WINDOWS_BUILD_DIR:-build/windows}
 TRIPLET=x86_64-w64-mingw32
 OBJDUMP=$TRIPLET-objdump
 SYS=$WIN_BUILD/windows/mmeusbaudio.sys
@@ -91,6 +94,24 @@ check_image() {
         grep -qx "$flag" <<<"$dllchars" && ok "DllCharacteristics $flag" ||
             fail "DllCharacteristics lacks $flag"
     done
+
+    # Windows 10 drivers say so (PE format: Major/MinorOperatingSystemVersion,
+    # Major/MinorSubsystemVersion).
+    local version kind
+    for kind in OSystem Subsystem; do
+        version="$(field "Major${kind}Version").$(field "Minor${kind}Version")"
+        [ "$version" = "10.0" ] && ok "${kind/OSystem/OS} version 10.0" ||
+            fail "${kind/OSystem/OS} version $version, not 10.0 (what Windows 10 drivers carry)"
+    done
+    # A CodeView (RSDS) entry is what ties a crash dump to this link's symbols.
+    local rsds
+    rsds=$(sed -n 's/.*format RSDS signature \([0-9a-f]*\) age \([0-9]*\).*/\1 age \2/p' <<<"$headers")
+    [ -n "$rsds" ] && ok "CodeView debug directory (build id $rsds)" ||
+        fail "no CodeView debug directory (a crash dump could not be tied to the symbols)"
+    # The kernel checks every driver's CheckSum (PE format, CheckSum).
+    local sum
+    sum=$(python3 scripts/package-verify.py checksum "$image") && ok "${sum#package-verify: }" ||
+        fail "${sum#package-verify: REFUSED: }"
 
     local reloc_size tls_size wx
     reloc_size=$(directory_size "Base Relocation Directory")
@@ -195,6 +216,19 @@ check_inf() {
             ok "INF KSCATEGORY_$category $inf"
         fi
     done
+    check_inf_rules "$INF"
+}
+
+# check_inf_rules FILE.inf: scripts/inf-check.py's rules, each result
+# named by its rule.
+check_inf_rules() {
+    local line
+    while read -r line; do
+        case "$line" in
+        "inf-check: FAIL: "*) fail "INF ${line#inf-check: FAIL: }" ;;
+        "inf-check: ok: "*) ok "INF ${line#inf-check: ok: }" ;;
+        esac
+    done < <(python3 scripts/inf-check.py "$1")
 }
 
 # check_layouts HOST_LAYOUT WINDOWS_LAYOUT
@@ -274,15 +308,20 @@ expect_rejected() {
 
 self_test() {
     local dir=$self_test_dir link_flags objects
-    # The driver's link, as windows/CMakeLists.txt has it.
+    # The driver's link, as windows/CMakeLists.txt has it (--build-id makes
+    # the same CodeView entry as its --pdb, without writing a PDB), then
+    # stripped by the linker instead of objcopy.
     link_flags=(-nostdlib -Wl,--subsystem,native -Wl,--entry,DriverEntry -Wl,--wdmdriver
         -Wl,--dynamicbase -Wl,--enable-reloc-section -Wl,--nxcompat -Wl,--high-entropy-va -Wl,--image-base,0x140000000
-        -Wl,--disable-auto-import -Wl,--disable-runtime-pseudo-reloc -Wl,--gc-sections -s)
+        -Wl,--disable-auto-import -Wl,--disable-runtime-pseudo-reloc -Wl,--gc-sections
+        -Wl,--major-os-version,10 -Wl,--minor-os-version,0
+        -Wl,--major-subsystem-version,10 -Wl,--minor-subsystem-version,0 -s)
     mapfile -t objects < <(find "$OBJ_DIR" -name '*.obj' | sort)
     relink() { # NAME EXTRA...
-        local name=$1
+        local name=$1 debug=-Wl,--build-id
         shift
-        "$TRIPLET-g++" "${link_flags[@]}" "$@" -Wl,-Map,"$dir/$name.map" "${objects[@]}" \
+        [ "$name" != nodebugdir ] || debug=-Wl,--build-id=none
+        "$TRIPLET-g++" "${link_flags[@]}" "$debug" "$@" -Wl,-Map,"$dir/$name.map" "${objects[@]}" \
             "$WIN_BUILD/windows/libportcls.a" -lntoskrnl -lhal -lksguid -o "$dir/$name.sys"
     }
 
@@ -304,6 +343,19 @@ self_test() {
     relink wrongentry -Wl,--entry,_purecall
     expect_rejected "an entry point other than DriverEntry" "is not DriverEntry" \
         check_image "$dir/wrongentry.sys" "$dir/wrongentry.map" quiet
+    relink oldos -Wl,--major-os-version,4 -Wl,--minor-os-version,0
+    expect_rejected "OS version 4.0" "OS version 4.0, not 10.0" \
+        check_image "$dir/oldos.sys" "$dir/oldos.map" quiet
+    relink oldsubsystem -Wl,--major-subsystem-version,5 -Wl,--minor-subsystem-version,2
+    expect_rejected "subsystem version 5.2" "Subsystem version 5.2, not 10.0" \
+        check_image "$dir/oldsubsystem.sys" "$dir/oldsubsystem.map" quiet
+    relink nodebugdir
+    expect_rejected "an image without a debug directory" "no CodeView debug directory" \
+        check_image "$dir/nodebugdir.sys" "$dir/nodebugdir.map" quiet
+    cp "$dir/same.sys" "$dir/badsum.sys"
+    printf '\xcc' | dd of="$dir/badsum.sys" bs=1 seek=$((16#400)) conv=notrunc status=none
+    expect_rejected "a byte changed after the link (CheckSum)" "CheckSum" \
+        check_image "$dir/badsum.sys" "$dir/same.map" quiet
 
     printf '%s\n' '__declspec(dllimport) void KeBugCheck(unsigned long);' \
         'void mmeSelfTestExtra(unsigned long c) { KeBugCheck(c); }' >"$dir/extra.c"
@@ -333,6 +385,31 @@ self_test() {
     expect_rejected "methods without the Windows convention on host" "compile interface methods differently" \
         check_method_codegen -DMME_PROBE_DEFAULT_CONVENTION
 
+    # The INF once broken per rule (RULE|sed script); each must fail by name.
+    local mutation rule
+    while IFS='|' read -r rule mutation; do
+        sed -e "$mutation" "$INF" >"$dir/$rule.inf"
+        cmp -s "$INF" "$dir/$rule.inf" && fail "self-test: the INF mutation for $rule changed nothing"
+        expect_rejected "an INF breaking $rule" "INF $rule:" check_inf_rules "$dir/$rule.inf"
+    done <<'MUTATIONS'
+encoding|1s/$/ \xe9/
+version-signature|s/^Signature *=.*/Signature = "$CHICAGO$"/
+class-guid|s/^ClassGuid *=.*/ClassGuid = {4d36e97d-e325-11ce-bfc1-08002be10318}/
+provider|/^Provider *=/d
+driver-ver|s|^DriverVer *=.*|DriverVer = 13/01/2024,1.0.0.0|
+catalog-file|/^CatalogFile *=/d
+pnp-lockdown|/^PnpLockdown *=/d
+strings-defined|/^DiskName *=/d
+models-decorated|s/, NTamd64\.10\.0$/, NTamd64/
+include-needs|0,/^Needs *=/{/^Needs *=/d}
+sections-defined|s/^AddReg *= *MME\.AddReg$/AddReg = MME.AddRegNone/
+destination-dirs|/^\[DestinationDirs\]/a DefaultDestDir = 12
+source-disks|s/^mmeusbaudio\.sys *= *1$/mmeusbaudio.sys = 2/
+driver-store-dirid|s/^MME\.CopyFiles\.System *= *12/MME.CopyFiles.System = 13/
+service-binary|s/^ServiceBinary *= *%12%/ServiceBinary = %13%/
+sections-used|$a [MME.Unused]\nHKR,,Unused,,1
+MUTATIONS
+
     local host=$1 win=$2
     sed 's/^\(KSDATARANGE_AUDIO.MaximumChannels offset\) 64$/\1 68/' "$win" >"$dir/layout"
     expect_rejected "a layout difference" "layouts differ" check_layouts "$host" "$dir/layout"
@@ -357,15 +434,20 @@ self_test() {
 
 main() {
     local tool
-    for tool in cmake ninja "$TRIPLET-g++" "$TRIPLET-gcc" "$OBJDUMP" "$TRIPLET-dlltool"; do
+    for tool in cmake ninja "$TRIPLET-g++" "$TRIPLET-gcc" "$OBJDUMP" "$TRIPLET-dlltool" python3; do
         command -v "$tool" >/dev/null || {
             echo "windows-check: $tool not found (scripts/setup.sh installs it)" >&2
             exit 2
         }
     done
 
-    cmake --preset windows >/dev/null
-    cmake --build --preset windows -j 2
+    if [ "$WIN_BUILD" = build/windows ]; then
+        cmake --preset windows >/dev/null
+        cmake --build --preset windows -j 2
+    else
+        cmake -S . -B "$WIN_BUILD" -G Ninja --toolchain cmake/mingw-w64.cmake -DCMAKE_BUILD_TYPE=Release >/dev/null
+        cmake --build "$WIN_BUILD" -j 2
+    fi
     if [ ! -f "$HOST_BUILD/CMakeCache.txt" ]; then
         cmake -S . -B "$HOST_BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMME_BENCH=OFF >/dev/null
     fi
