@@ -363,6 +363,17 @@ TEST(Sleep, AStreamPausedAcrossD3ResumesBitExactAfterTheGap) {
     }
     EXPECT_GT(k, 2u * 150 * 256) << "the signal went on well past the sleep";
     streams.clear();
+
+    // A device unplugged while the system sleeps: the system still wakes.
+    usbsim::UsbDriverModel other;
+    ASSERT_EQ(rig.harness.loader.addDevice(other.pdo()), STATUS_SUCCESS);
+    ASSERT_EQ(rig.harness.loader.startDevice(other.pdo()), STATUS_SUCCESS);
+    rig.model().sleepSystem(100);
+    EXPECT_EQ(hostpc::devicePower(rig.harness.loader.fdo(other.pdo())), PowerDeviceD3);
+    rig.model().unplug();
+    rig.model().runPeriods(rig.model().ticksFor(100) + 1);
+    EXPECT_EQ(hostpc::devicePower(rig.harness.loader.fdo(other.pdo())), PowerDeviceD0);
+    rig.harness.loader.removeDevice(other.pdo());
 }
 
 // ---- Stopped, queried, removed in order ----

@@ -266,6 +266,11 @@ void LoopbackBackend::setWidth(uint32_t channels) {
     mWidth = channels;
 }
 
+void LoopbackBackend::clear() {
+    std::fill(mRing.begin(), mRing.end(), 0);
+    mTail = mHead + mLatency;
+}
+
 void LoopbackBackend::configure(uint32_t, uint32_t channels) {
     setWidth(channels);
 }

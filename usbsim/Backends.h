@@ -182,6 +182,8 @@ public:
     uint32_t latencyFrames() const { return mLatency; }
     uint64_t underruns() const { return mUnderruns; }
     uint64_t overflows() const { return mOverflows; }
+    // A device at power-on: nothing in flight, the latency's silence again.
+    void clear();
 
     static constexpr uint32_t kMaxChannels = 32;
     static constexpr uint32_t kSlackFrames = 16384; // beyond the latency: four longest periods

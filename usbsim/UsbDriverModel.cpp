@@ -595,8 +595,7 @@ void UsbDriverModel::unplug(uint32_t replugAfterMs) {
         if (mGone)
             return;
         mGone = true;
-        mSuspended = false;
-        mWakeAt = 0;
+        mSuspended = false; // a scheduled wake still comes: the rest of the system sleeps on
         mMMEAttached = false;
         at = mPeriods;
         mReplugAt = replugTicks ? at + replugTicks : 0;
@@ -655,6 +654,9 @@ NTSTATUS UsbDriverModel::replug() {
             std::memset(static_cast<void*>(ring), 0, sizeof(AudioSM));
         shapeRings(true);
         configureBackends();
+        // What the old device was looping back died with it.
+        if (auto* loop = dynamic_cast<LoopbackBackend*>(mInput.get()))
+            loop->clear();
     }
     tellDeviceEvent("replug", "device object " + std::to_string(instance) + " arrived");
     return hostpc::reportArrival(fresh);
