@@ -310,6 +310,9 @@ TEST_F(MmeSim, EachMistakeIsOneLineWithItsExitStatusAndLeavesNoFileBehind) {
         {{"loopback", "--format", "48000/2/20"}, 2, "16-, 24- or 32-bit PCM"},
         {{"--seconds", "-1"}, 2, "--seconds"},
         {{"loopback", "--stall", "3"}, 2, "--stall \"3\": use AT:SECONDS"},
+        {{"loopback", "--unplug", "1:0"}, 2, "--unplug \"1:0\": use AT[:REPLUG_AFTER]"},
+        {{"play", "in.wav", "--sleep", "2"}, 2, "--sleep \"2\": use AT:SECONDS"},
+        {{"formats", "--unplug", "1"}, 2, "--unplug and --sleep are for the streaming commands"},
         {{"dance"}, 2, "dance"},
         {{"record", "r.wav", "--generator", "noise"}, 2, "--generator"},
         {{"loopback", "--report", "no/such/dir/r.html"},
@@ -503,6 +506,87 @@ TEST_F(MmeSim, TheReportShowsTheRunAsChromiumRendersIt) {
                               .c_str()),
               0);
     EXPECT_GT(slurp(shot).size(), 10000u);
+}
+
+// ---- The device's life ----
+
+// An unplug, replug or sleep that the scenario asks for is no error: the
+// pins answer as a Windows client expects, the client lets go of the old
+// device and carries on with the new one or after the wake, and the report
+// marks it all. Audio that stops unasked says what the USB driver did.
+TEST_F(MmeSim, UnpluggedRepluggedOrAsleepTheClientCarriesOn) {
+    nlohmann::json detach = DeviceProfile::builtInDefault().toJson();
+    detach["schedule"] = {{{"period", 200}, {"event", "mmeDetach"}},
+                          {{"period", 200}, {"event", "preventFurtherCalls"}}};
+    std::ofstream(path("detach.json")) << detach.dump(2);
+    ASSERT_TRUE(writeWav(path("in.wav"), 48000, 2, SF_FORMAT_PCM_16, noise(2 * 48000, 16, 6)));
+    const std::string pins = "    render       write -> STATUS_DEVICE_REMOVED, position read -> "
+                             "frame 71936, walked to STOP -> STATUS_SUCCESS, closed\n    capture  "
+                             "    position read -> frame 71936, read -> 0 frames still queued, "
+                             "walked to STOP -> STATUS_SUCCESS, closed\n    device       removed "
+                             "once the client closed its pins and filter\n";
+    const std::set<std::string> unplugged = {"unplug", "removal", "replug"};
+    const struct {
+        std::vector<std::string> args;
+        std::vector<std::string> out;
+        std::set<std::string> events;
+        const char* result;
+    } cases[] = {
+        {{"--unplug", "1.5:0.5", "loopback", "--seconds", "4"},
+         {"  unplugged      at period 281 (1.50 s)\n" + pins +
+              "  replugged      after 0.50 s and streaming again from period 376\n",
+          "  before unplug  bit-exact up to it, 143872 samples\n",
+          "  result         PASS: bit-exact after the replug, 195912 samples"},
+         unplugged,
+         "PASS"},
+        {{"--realtime", "--unplug", "0.5:0.2", "loopback", "--seconds", "1.2"},
+         {"  replugged      after 0.20 s", "PASS: bit-exact after the replug"},
+         unplugged,
+         "PASS"},
+        {{"--sleep", "1.5:1", "loopback", "--seconds", "4"},
+         {"  slept          1.00 s from period 281 (1.50 s), resumed at period 469\n",
+          "  frames lost    0 at the sleep: ", "  result         PASS: bit-exact, 388424 samples",
+          "from the period clock: render 0, capture 0 frames"},
+         {"suspend", "resume"},
+         "PASS"},
+        {{"--unplug", "0.5:0.25", "play", "in.wav"},
+         {"  played         48000 frames"},
+         unplugged,
+         "done"},
+        {{"--unplug", "0.5", "record", "r.wav", "--seconds", "2"},
+         {"  replugged      no: the command ended early\n", "  recorded       24064 frames"},
+         {"unplug", "removal"},
+         "done"},
+        {{"--device", "detach.json", "loopback", "--seconds", "3"}, {}, {}, "error"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args[0] + " " + c.args[1]);
+        std::vector<std::string> args = c.args;
+        args.insert(args.end(), {"--report", "life.html"});
+        const Result r = run(args);
+        if (c.events.empty())
+            expectOneLineError(r, 1,
+                               "error: the device stopped moving audio: capture reached 51200 of "
+                               "146212 frames; the USB driver detached the MME side at period "
+                               "200 and forbade further calls\n");
+        else
+            EXPECT_EQ(r.code, 0) << r.err;
+        expectIn(r.out, c.out);
+        const nlohmann::json data = reportData(slurp(path("life.html")));
+        ASSERT_TRUE(data.is_object());
+        EXPECT_EQ(data["result"], c.result);
+        const std::set<std::string> life = {"unplug", "removal", "replug", "suspend", "resume"};
+        std::set<std::string> kinds;
+        for (const auto& e : data["events"])
+            if (life.count(e["kind"]))
+                kinds.insert(e["kind"]);
+        EXPECT_EQ(kinds, c.events);
+        uint64_t absent = 0; // rows are kept whole in runs this short
+        for (const auto& row : data["rows"])
+            absent += row[data["columns"].size() - 1] == 0;
+        EXPECT_EQ(absent, data["soak"]["absent"]);
+        EXPECT_EQ(absent > 0, !c.events.empty());
+    }
 }
 
 } // namespace

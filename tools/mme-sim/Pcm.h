@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,10 @@ public:
     // `*frames` of them, contiguous at the pointer; *frames says how many.
     // Valid until the next call.
     const uint8_t* expected(size_t* frames);
+    // Frame `frame` (from the first) as it must come back, packed; in any order.
+    void expectedFrame(uint64_t frame, uint8_t* out) const;
+    // The next expected() frames start at this one.
+    void seek(uint64_t frame);
 
 private:
     void produce(uint8_t* out, size_t frames, const std::vector<int32_t>& table);
@@ -76,6 +81,14 @@ struct Comparison {
     bool complete = false; // enough capture frames to compare all of them
 };
 
+// Where the signal broke off once and went on: silence came instead of it
+// for a while and/or some of its frames never came back.
+struct Gap {
+    uint64_t at = 0;      // captured frame where it broke off
+    uint64_t silence = 0; // frames of silence inserted
+    uint64_t skipped = 0; // signal frames that never came back
+};
+
 // Checks capture as it comes back: `latency` frames of silence, then
 // `frames` frames of the test signal converted by the rules. Keeps nothing
 // of what it saw, so a run of any length checks in constant memory.
@@ -84,22 +97,43 @@ public:
     LoopbackCheck(const Format& format, uint64_t frames, uint64_t latency);
     // Takes the next captured frames; those beyond the end are ignored.
     void take(const uint8_t* captured, size_t frames);
-    uint64_t wanted() const { return mLatency + mFrames; }
+    // Captured frames it takes to see every signal frame (with the gaps so far).
+    uint64_t wanted() const { return mLatency + mFrames + mGapSilence - mGapSkipped; }
     uint64_t seen() const { return mSeen; }
+    bool done() const { return mSeen >= mLatency && mSignalAt >= mFrames && !mInGap; }
     Comparison result() const;
     // First frame with a nonzero sample; npos when all silent so far.
     uint64_t firstSound() const { return mFirstSound; }
 
+    // Gaps the run allows by now (one per sleep of the system): asked at a
+    // frame that differs. A gap is silence and/or skipped signal frames,
+    // then the signal again, bit-exact; never a frame repeated or earlier.
+    // The signal repeats every second: a skip is looked for within half of
+    // one, so that a repeat of up to half a second shows as one.
+    void allowGaps(std::function<size_t()> allowed) { mGapsAllowed = std::move(allowed); }
+    const std::vector<Gap>& gaps() const { return mGaps; }
+
 private:
+    static constexpr size_t kMatchFrames = 64; // to find where the signal went on
     void compare(const uint8_t* got, const uint8_t* want, size_t frames, uint64_t first);
+    size_t takeSignal(const uint8_t* captured, size_t frames);
+    size_t takeGap(const uint8_t* captured, size_t frames);
+    void resolveGap(uint64_t capturedAt);
 
     Format mFormat;
     uint64_t mFrames, mLatency;
     TestSignal mSignal;
     std::vector<uint8_t> mSilence; // one chunk
     uint64_t mSeen = 0;
+    uint64_t mSignalAt = 0; // the next signal frame due
     uint64_t mFirstSound = uint64_t(-1);
     Comparison mResult;
+
+    std::function<size_t()> mGapsAllowed;
+    std::vector<Gap> mGaps;
+    bool mInGap = false;
+    std::vector<uint8_t> mPending; // frames after the gap's silence, to place
+    uint64_t mGapSilence = 0, mGapSkipped = 0;
 };
 
 } // namespace mmesim

@@ -30,14 +30,15 @@ const char* const kColumns[] = {
     "captureDeviation",
     "renderDeviation",
     "exchanged",
+    "present",
 };
 
 nlohmann::json rowJson(const PeriodRow& r) {
-    return nlohmann::json::array({r.period, r.captureWritePos, r.renderWritePos, r.mmeReadPos,
-                                  r.deviceReadPos, r.dmaPosition[0], r.dmaPosition[1],
-                                  r.transferOffset[0], r.transferOffset[1], r.services[0],
-                                  r.services[1], r.copied[0], r.copied[1], r.glitches, r.overruns,
-                                  r.deviation[0], r.deviation[1], r.exchanged ? 1 : 0});
+    return nlohmann::json::array(
+        {r.period, r.captureWritePos, r.renderWritePos, r.mmeReadPos, r.deviceReadPos,
+         r.dmaPosition[0], r.dmaPosition[1], r.transferOffset[0], r.transferOffset[1],
+         r.services[0], r.services[1], r.copied[0], r.copied[1], r.glitches, r.overruns,
+         r.deviation[0], r.deviation[1], r.exchanged ? 1 : 0, r.present ? 1 : 0});
 }
 
 nlohmann::json optionalJson(const std::optional<uint64_t>& v) {
@@ -68,6 +69,12 @@ svg { border: 1px solid #ccc; background: #fcfcfc; user-select: none; cursor: gr
 .mark.event line { stroke: #36c; stroke-opacity: .45; }
 .mark.event text { font-size: 10px; fill: #124; }
 .mark.event.asio text, .mark.event.attach text { fill: #037; font-weight: 600; }
+.mark.event.unplug line, .mark.event.removal line, .mark.event.replug line,
+.mark.event.suspend line, .mark.event.resume line { stroke: #b40; stroke-opacity: .8; stroke-width: 2; }
+.mark.event.unplug text, .mark.event.removal text, .mark.event.replug text,
+.mark.event.suspend text, .mark.event.resume text { fill: #820; font-weight: 600; }
+.absent { fill: #999; fill-opacity: .18; }
+#life { margin: 6px 0 0; padding-left: 20px; }
 #readout { font: 11px monospace; white-space: pre; margin-top: 6px; min-height: 3em; }
 .legend span { display: inline-block; margin-right: 12px; }
 .legend i { display: inline-block; width: 14px; height: 3px; vertical-align: middle; margin-right: 4px; }
@@ -84,10 +91,12 @@ svg { border: 1px solid #ccc; background: #fcfcfc; user-select: none; cursor: gr
 <span><i style="background:#2a7"></i>capture</span><span><i style="background:#a3c"></i>render</span>
 <span><i style="background:#2a7;opacity:.4"></i>transfer offset</span>
 <span><i style="background:#d00"></i>glitch</span><span><i style="background:#e80"></i>overrun</span>
-<span><i style="background:#36c"></i>event</span><span><i style="background:#999"></i>periods not kept</span>
+<span><i style="background:#36c"></i>event</span><span><i style="background:#b40"></i>device unplugged, removed, replugged, asleep, awake</span>
+<span><i style="background:#999;opacity:.4"></i>device absent</span><span><i style="background:#999"></i>periods not kept</span>
 </div>
 <svg id="timeline" xmlns="http://www.w3.org/2000/svg" width="1200" height="560" viewBox="0 0 1200 560"></svg>
 <div id="readout"></div>
+<ul id="life"></ul>
 <script type="application/json" id="mme-timeline">
 )HTML";
 
@@ -151,6 +160,18 @@ const char kPageTail[] = R"HTML(
     tr.insertCell().textContent = kv[1];
   });
 
+  // The device's life, listed in full (the lane may have no room for it).
+  var LIFE = { unplug: 1, removal: 1, replug: 1, suspend: 1, resume: 1 };
+  var life = document.getElementById('life');
+  data.events.forEach(function (e) {
+    if (!LIFE[e.kind]) return;
+    var li = document.createElement('li');
+    li.className = 'life ' + e.kind;
+    li.dataset.period = e.period;
+    li.textContent = 'period ' + e.period + ': ' + e.kind + ': ' + e.label;
+    life.appendChild(li);
+  });
+
   var view = { start: 0, span: Math.max(n, 1) };
   function clamp() {
     view.span = Math.min(Math.max(view.span, Math.min(20, Math.max(n, 1))), Math.max(n, 1));
@@ -203,6 +224,20 @@ const char kPageTail[] = R"HTML(
     });
 
     var gl = lanes[4], ev = lanes[5];
+    // Periods without the device (unplugged or asleep), shaded across the lanes.
+    if (C.present !== undefined) {
+      for (var i = first; i < last; i++) {
+        if (rows[i][C.present]) continue;
+        var j = i;
+        while (j + 1 < last && !rows[j + 1][C.present]) j++;
+        var a = el('rect', { x: x(i - 0.5), y: lanes[0].y, width: Math.max(1, x(j + 0.5) - x(i - 0.5)),
+                             height: ev.y + ev.h - lanes[0].y, 'class': 'absent',
+                             'data-from': rows[i][C.period], 'data-to': rows[j][C.period] });
+        a.appendChild(document.createElementNS(NS, 'title')).textContent =
+          'periods ' + rows[i][C.period] + '\u2013' + rows[j][C.period] + ': the device was absent';
+        i = j;
+      }
+    }
     for (var i = Math.max(first, 1); i < last; i++) {
       var skipped = rows[i][C.period] - rows[i - 1][C.period] - 1;
       if (skipped > 0) {
@@ -332,6 +367,7 @@ nlohmann::json reportJson(const ReportInput& in, const Timeline& timeline) {
     j["soak"] = {
         {"periods", f.periods},
         {"exchanged", f.exchanged},
+        {"absent", f.absent},
         {"glitches", f.glitches},
         {"overruns", f.overruns},
         {"firstGlitchPeriod", f.glitches ? nlohmann::json(f.firstGlitchPeriod) : nullptr},

@@ -87,6 +87,32 @@ Sim::Sim(const SimOptions& options) : mOptions(options) {
     const std::string failure = hostpc::startWaveFilter(*mLoader, mModel->pdo(), &mFilter);
     if (!failure.empty())
         throw SimError(failure);
+    mDevice = hostpc::fdoForPdo(mModel->pdo());
+    // What the PnP manager does to the device from now on, on the timeline.
+    hostpc::setPnpListener([timeline](PDEVICE_OBJECT, hostpc::PnpState state) {
+        if (state == hostpc::PnpState::SurpriseRemoved)
+            timeline->lifeEvent("removal", "surprise removal: the pins stay open until closed");
+        else if (state == hostpc::PnpState::Removed)
+            timeline->lifeEvent("removal", "device removed");
+        else if (state == hostpc::PnpState::Started)
+            timeline->lifeEvent("replug", "device started");
+    });
+}
+
+std::string Sim::openReplugged() {
+    PDEVICE_OBJECT fdo = mModel->present() ? hostpc::fdoForPdo(mModel->pdo()) : nullptr;
+    if (!fdo)
+        return "no device was added for it";
+    const hostpc::PnpState state = hostpc::pnpState(fdo);
+    if (state != hostpc::PnpState::Started)
+        return std::string("the device is ") + hostpc::pnpStateName(state);
+    // In real time the device may go again on the clock's thread meanwhile.
+    std::unique_ptr<hostpc::WaveFilter> filter = hostpc::WaveFilter::ofDevice(fdo);
+    if (!filter->valid() || filter->pins().empty())
+        return "its wave filter has no pins";
+    mFilter = std::move(filter);
+    mDevice = fdo;
+    return std::string();
 }
 
 Sim::~Sim() {
@@ -162,6 +188,7 @@ std::string Sim::shutdown() {
     if (!mModel)
         return std::string();
     end();
+    hostpc::setPnpListener(nullptr); // the run's own end is no event of it
     mFilter.reset();
     mLoader.reset(); // removes the device
     mModel->setObserver(nullptr);

@@ -57,6 +57,14 @@ public:
 
     usbsim::UsbDriverModel& model() { return *mModel; }
     hostpc::WaveFilter& filter() { return *mFilter; }
+    // The device whose wave filter the client holds (the last one, once
+    // that is closed).
+    PDEVICE_OBJECT device() const { return mDevice; }
+    // The client lets go of the filter (its pins are closed already).
+    void closeFilter() { mFilter.reset(); }
+    // The filter of the device started for the model's present device
+    // object; empty when that has started, else what stands in the way.
+    std::string openReplugged();
     const usbsim::DeviceProfile& profile() const { return mModel->profile(); }
     bool realtime() const { return mOptions.realtime; }
     bool concurrentService() const {
@@ -100,6 +108,7 @@ public:
     // Removes the device and the model; what the host kernel reports left
     // over (empty when clean).
     std::string shutdown();
+    bool alive() const { return mModel != nullptr; } // not shut down yet
     // Which driver ran: the one linked in, or the Windows image and its path.
     const std::string& driverDescription() const { return mDriverDescription; }
 
@@ -111,6 +120,7 @@ private:
     std::unique_ptr<usbsim::UsbDriverModel> mModel;
     std::unique_ptr<hostpc::DriverLoader> mLoader;
     std::unique_ptr<hostpc::WaveFilter> mFilter;
+    PDEVICE_OBJECT mDevice = nullptr;
     bool mClockRunning = false;
     uint64_t mLateServices = 0;
 };

@@ -98,6 +98,7 @@ void Timeline::periodDone(const Period& period) {
     row.mmeReadPos = period.mmeReadPos;
     row.deviceReadPos = period.deviceReadPos;
     row.exchanged = period.exchanged;
+    row.present = period.present;
     uint32_t align[2] = {0, 0}, size[2] = {0, 0};
     const bool probed =
         mProbe && mProbe(mProbeContext, row.dmaPosition, row.transferOffset, align, size);
@@ -109,8 +110,8 @@ void Timeline::periodDone(const Period& period) {
         mFigures.services[d] += row.services[d];
         // How far this period's position update is from one period of the
         // clock while the stream runs; the position wraps at the buffer's size.
-        const bool running = mRunning[d].load(std::memory_order_relaxed) && probed && align[d] &&
-                             size[d] && row.dmaPosition[d] < size[d];
+        const bool running = period.present && mRunning[d].load(std::memory_order_relaxed) &&
+                             probed && align[d] && size[d] && row.dmaPosition[d] < size[d];
         if (running && mHavePrevious[d]) {
             const uint32_t step = (row.dmaPosition[d] + size[d] - mPrevious[d]) % size[d];
             row.deviation[d] = int32_t(step / align[d]) - int32_t(period.frames);
@@ -128,6 +129,7 @@ void Timeline::periodDone(const Period& period) {
 
     ++mFigures.periods;
     mFigures.exchanged += row.exchanged ? 1 : 0;
+    mFigures.absent += row.present ? 0 : 1;
     if (row.glitches && mFigures.glitches == 0)
         mFigures.firstGlitchPeriod = row.period;
     if (row.overruns && mFigures.overruns == 0)
@@ -193,8 +195,88 @@ void Timeline::event(const std::string& kind, const std::string& label) {
         openWindow(period);
 }
 
+void Timeline::lifeEvent(const std::string& kind, const std::string& label) {
+    event(kind, label);
+    std::lock_guard<std::mutex> lock(mLock);
+    if (kind == "replug")
+        mLink = Link(); // a new device, a new link
+    if (mLife.size() < kMaxEvents)
+        mLife.push_back(TimelineEvent{currentPeriod(), kind, label});
+}
+
+void Timeline::deviceEvent(const std::string& kind, const std::string& detail) {
+    lifeEvent(kind, detail);
+}
+
+std::vector<TimelineEvent> Timeline::lifeEvents() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mLife;
+}
+
+std::string Timeline::whyStopped() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    const TimelineEvent* away = nullptr;
+    for (const TimelineEvent& e : mLife)
+        if (e.kind == "unplug" || e.kind == "suspend")
+            away = &e;
+        else if (e.kind == "replug" || e.kind == "resume")
+            away = nullptr;
+    if (away)
+        return away->kind == "unplug"
+                   ? "the device was unplugged at period " + std::to_string(away->period)
+                   : "the system went to sleep at period " + std::to_string(away->period) +
+                         " and has not woken";
+    const Link& l = mLink;
+    if (l.asio)
+        return "an ASIO client has held the device since period " + std::to_string(l.asioAt);
+    std::string why;
+    if (!l.everAttached)
+        why = "the USB driver never attached the MME side";
+    else if (!l.attached)
+        why = "the USB driver detached the MME side at period " + std::to_string(l.detachedAt);
+    if (l.forbidden) {
+        if (why.empty())
+            why = "the USB driver forbade further calls at period " + std::to_string(l.forbiddenAt);
+        else if (l.everAttached && !l.attached && l.forbiddenAt == l.detachedAt)
+            why += " and forbade further calls";
+        else
+            why += "; it forbade further calls at period " + std::to_string(l.forbiddenAt);
+    }
+    if (why.empty())
+        why = "the MME side is attached (since period " + std::to_string(l.attachedAt) +
+              ") and no notice of the USB driver explains it";
+    return why;
+}
+
 void Timeline::notice(bool isState, ULONG code, ULONGLONG value, LONG answer) {
     if (!isState) {
+        {
+            std::lock_guard<std::mutex> lock(mLock);
+            const uint64_t now = currentPeriod();
+            switch (code) {
+            case MMENotify_OnMMEAttached:
+                mLink.everAttached = mLink.attached = true;
+                mLink.attachedAt = now;
+                break;
+            case MMENotify_OnMMEDetached:
+                if (mLink.attached)
+                    mLink.detachedAt = now;
+                mLink.attached = false;
+                break;
+            case MMENotify_PreventFurtherDriverCalls:
+                if (!mLink.forbidden)
+                    mLink.forbiddenAt = now;
+                mLink.forbidden = true;
+                break;
+            case MMENotify_OnAsioAttached:
+                mLink.asio = true;
+                mLink.asioAt = now;
+                break;
+            case MMENotify_OnAsioDetached:
+                mLink.asio = false;
+                break;
+            }
+        }
         const char* name = notificationName(code);
         event(notificationKind(code), name ? name : "notification " + std::to_string(code));
         return;

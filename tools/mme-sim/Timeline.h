@@ -8,6 +8,9 @@
 // grows while more come, up to kMaxWindowPeriods), so an hour's run gives a
 // file of a few megabytes at most.
 //
+// Periods in which the device was unplugged or asleep are kept as absent:
+// no audio moved, so they count neither as position deviations nor glitches.
+//
 // Threads: periodDone and serviced run on the period thread (serviced at
 // dispatch level under a pin's spin lock: no allocation there), events may
 // come from any thread; events and the sample are under mLock, the running
@@ -45,11 +48,14 @@ struct PeriodRow {
     uint32_t overruns = 0;         // capture services whose audio the client could not take
     int32_t deviation[2] = {0, 0}; // position update minus one period, frames (running only)
     bool exchanged = false;
+    bool present = true; // false: the device was unplugged or asleep
 };
 
 struct TimelineEvent {
     uint64_t period = 0;
-    std::string kind;  // attach, asio, timer, config, format, state, notice, call
+    // attach, asio, timer, config, format, state, refusal, notice; the
+    // device's life: unplug, removal, replug, suspend, resume
+    std::string kind;
     std::string label; // what the report shows
 };
 
@@ -57,6 +63,7 @@ struct TimelineEvent {
 struct SoakFigures {
     uint64_t periods = 0;
     uint64_t exchanged = 0;
+    uint64_t absent = 0; // periods the device was unplugged or asleep
     uint64_t glitches = 0, overruns = 0;
     uint64_t services[2] = {0, 0};
     // Largest |position update - one period| over the running periods, frames.
@@ -82,6 +89,7 @@ public:
     void notice(bool isState, ULONG code, ULONGLONG value, LONG answer) override;
     void call(ULONG code, NTSTATUS answer, const std::string& note,
               const ChannelConfig& wanted) override;
+    void deviceEvent(const std::string& kind, const std::string& detail) override;
     // hostpc::ServiceObserver
     void serviced(const Service& service) override;
     void stateChanged(bool capture, KSSTATE state) override;
@@ -90,6 +98,14 @@ public:
     void traceLine(const std::string& line);
     // An event at the current period.
     void event(const std::string& kind, const std::string& label);
+    // An event of the device's life (unplug, removal, replug, suspend,
+    // resume): also kept apart, for the command that lives through it.
+    void lifeEvent(const std::string& kind, const std::string& label);
+    std::vector<TimelineEvent> lifeEvents() const;
+    // Why audio may have stopped, from what the USB driver sent and what
+    // happened to the device: "the USB driver detached the MME side at
+    // period 200 and forbade further calls".
+    std::string whyStopped() const;
     // The DMA channels' positions, read each period; set by whoever can
     // reach the driver's channels. Returns false when there are none.
     using DmaProbe = bool (*)(void* context, uint32_t position[2], uint32_t offset[2],
@@ -138,6 +154,17 @@ private:
     std::vector<TimelineEvent> mEvents;
     uint64_t mEventsDropped = 0;
     uint64_t mLastEventWindow = uint64_t(-1);
+    std::vector<TimelineEvent> mLife; // at most kMaxEvents
+
+    // What the USB driver told the driver last, with the periods; under mLock.
+    struct Link {
+        bool everAttached = false, attached = false;
+        uint64_t attachedAt = 0, detachedAt = 0;
+        bool forbidden = false;
+        uint64_t forbiddenAt = 0;
+        bool asio = false;
+        uint64_t asioAt = 0;
+    } mLink;
 };
 
 } // namespace mmesim

@@ -94,6 +94,11 @@ WavReader::~WavReader() {
         sf_close(mFile);
 }
 
+void WavReader::seek(uint64_t frame) {
+    if (sf_seek(mFile, sf_count_t(frame), SEEK_SET) != sf_count_t(frame))
+        throw FileError(mPath + ": cannot go back to frame " + std::to_string(frame));
+}
+
 size_t WavReader::read(uint8_t* destination, size_t frames) {
     mBuffer.resize(frames * mFormat.channels);
     const sf_count_t got = sf_readf_int(mFile, mBuffer.data(), sf_count_t(frames));

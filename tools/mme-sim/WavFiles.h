@@ -32,6 +32,7 @@ public:
     uint64_t frames() const { return mFrames; }
     // Up to `frames` frames packed in the stream's PCM; fewer at the end.
     size_t read(uint8_t* destination, size_t frames); // throws FileError
+    void seek(uint64_t frame);                        // throws FileError
 
 private:
     std::string mPath;

@@ -24,8 +24,10 @@ const char* const kFooter =
     "Formats are rate/channels/bits, e.g. 48000/2/24; the driver decides what it takes.\n"
     "Time is virtual (as fast as possible) unless --realtime is given.\n"
     "The driver's debug output goes nowhere unless --trace FILE or --verbose asks.\n"
-    "Exit status: 0 done, 1 error (file, profile, refused format), 2 command line,\n"
-    "3 loopback not bit-exact or teardown not clean.";
+    "An unplug or sleep the command line or the profile asks for is no error.\n"
+    "Exit status: 0 done, 1 error (file, profile, refused format, audio stopped),\n"
+    "2 command line, 3 loopback not bit-exact, the device's removal or return not as\n"
+    "a client may expect, or teardown not clean.";
 
 void fail(const std::string& message) {
     std::fflush(stdout);
@@ -68,6 +70,15 @@ int main(int argc, char** argv) {
                    "demo and loopback: the client writes and reads nothing for SECONDS from AT "
                    "(a late client, to see its glitches)")
         ->type_name("AT:SECONDS");
+    std::string unplug, sleep;
+    app.add_option("--unplug", unplug,
+                   "streaming commands: the device is unplugged AT seconds into the audio and, "
+                   "with REPLUG_AFTER, plugged in again that many seconds later")
+        ->type_name("AT[:REPLUG_AFTER]");
+    app.add_option("--sleep", sleep,
+                   "streaming commands: the system sleeps for SECONDS from AT seconds into the "
+                   "audio")
+        ->type_name("AT:SECONDS");
 
     CLI::App* play = app.add_subcommand("play", "play a WAV file through the render pin");
     play->add_option("FILE", o.file, "16-, 24- or 32-bit PCM WAV")->required();
@@ -100,6 +111,10 @@ int main(int argc, char** argv) {
     try {
         if (!stall.empty())
             mmesim::parseStall(stall, &o);
+        if (!unplug.empty())
+            mmesim::parseUnplug(unplug, &o);
+        if (!sleep.empty())
+            mmesim::parseSleep(sleep, &o);
         if (play->parsed())
             return mmesim::runPlay(o);
         if (record->parsed())
