@@ -246,11 +246,16 @@ TEST_F(DmaFormat, SilenceZeroesOnlyRangesItMayTouch) {
     out->silence(base + size - 10, 20); // would run past the end: nothing
     out->silence(nullptr, 10);
     EXPECT_TRUE(allAre(base, size, 0x11));
+    // Not this channel's buffer (one a port kept after a format change replaced it).
+    unsigned char elsewhere[64];
+    std::memset(elsewhere, 0x11, sizeof elsewhere);
+    out->silence(elsewhere, sizeof elsewhere);
+    EXPECT_TRUE(allAre(elsewhere, sizeof elsewhere, 0x11));
 
     out->silence(base, size); // the whole buffer is fine
     EXPECT_TRUE(allAre(base, size));
-    // Only the call that would run past the end is traced.
-    EXPECT_EQ(tracecap::countLinesStartingWith("range outside the cyclic buffer count"), 1u)
+    // The calls that would run past the end or lie elsewhere are traced.
+    EXPECT_EQ(tracecap::countLinesStartingWith("range outside the cyclic buffer count"), 2u)
         << tracecap::dumpTrace();
 }
 

@@ -109,10 +109,18 @@ TEST(PinFormat, ChangedWhileStoppedRefusedWhileRunning) {
 
     ASSERT_EQ(render->setFormat(hostpc::pcmFormat(48000, 2, 24)), STATUS_SUCCESS);
     EXPECT_EQ(render->bits(), 24u);
-    EXPECT_EQ(render->bufferBytes(), before / 4 * 6) << "the port took the new buffer";
     e2e::Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 4000, 24, 3), 24), nullptr);
     ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
     pump.periods(8);
+    if (e2e::openSourcePort()) {
+        // It keeps the buffer it took at creation, which the driver freed
+        // when it reshaped its channel: the driver refuses every copy there.
+        EXPECT_EQ(render->bufferBytes(), before);
+        EXPECT_TRUE(tracecap::containsLineStartingWith(
+            "MMEDMAEmulator::CopyTo range outside the cyclic buffer offset/count/size"));
+        return;
+    }
+    EXPECT_EQ(render->bufferBytes(), before / 4 * 6) << "the port took the new buffer";
     EXPECT_EQ(render->positionFrames(), 8u * 256);
     EXPECT_EQ(render->counters().glitches, 0u);
 
@@ -120,6 +128,38 @@ TEST(PinFormat, ChangedWhileStoppedRefusedWhileRunning) {
     EXPECT_EQ(render->bits(), 24u);
     pump.periods(2);
     EXPECT_EQ(render->positionFrames(), 10u * 256);
+}
+
+// A format of another frame size that the driver refuses on a stopped pin
+// still reshapes its channel (the old cyclic buffer is freed); the pin is
+// then stopped and run. The documented port takes the channel's buffer
+// again after the refusal and streams on in it; the open-source port keeps
+// the freed one, whose silence at STOP and copies the driver must refuse.
+TEST(PinFormat, ARefusedFormatOfAnotherFrameSizeThenStopAndRun) {
+    Rig rig;
+    auto render = rig.open(false, 48000, 2, 16);
+    ASSERT_TRUE(render);
+    e2e::Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 8000, 16, 5), 16), nullptr);
+    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    pump.periods(4);
+    ASSERT_EQ(render->setState(KSSTATE_STOP), STATUS_SUCCESS);
+    const ULONG before = render->bufferBytes();
+    EXPECT_FALSE(NT_SUCCESS(render->setFormat(hostpc::pcmFormat(48000, 2, 32))));
+    EXPECT_TRUE(tracecap::containsLineStartingWith("DMA init on failure ch/bits"));
+    tracecap::clearTrace();
+    for (KSSTATE state : {KSSTATE_RUN, KSSTATE_STOP, KSSTATE_RUN}) {
+        ASSERT_EQ(render->setState(state), STATUS_SUCCESS);
+        pump.periods(4);
+    }
+    const bool refused = tracecap::containsLineStartingWith("range outside the cyclic buffer count");
+    if (e2e::openSourcePort()) {
+        EXPECT_EQ(render->bufferBytes(), before);
+        EXPECT_TRUE(refused) << "the port's silence over the freed buffer was refused";
+    } else {
+        EXPECT_EQ(render->bufferBytes(), before * 2) << "it took the 8-byte frames' buffer";
+        EXPECT_FALSE(refused);
+    }
+    EXPECT_TRUE(hostk::verifierFailures().empty());
 }
 
 TEST(Intersection, AsksTheSizeFirstThenGetsTheFormat) {
@@ -149,19 +189,11 @@ TEST(Intersection, AsksTheSizeFirstThenGetsTheFormat) {
     EXPECT_EQ(f.WaveFormatExt.Format.nBlockAlign, 6u);
     EXPECT_EQ(f.WaveFormatExt.dwChannelMask, 0x3u);
 
-    // Its SampleSize is 0, so the stream names a framing of 0, which the
-    // port reports and with which it moves nothing; a client that fills in
-    // SampleSize gets a period's framing.
+    // Its SampleSize is 0 ("variable"), so the stream takes its frame from
+    // the block alignment: a period's framing, as a client that fills in
+    // SampleSize gets.
     EXPECT_EQ(f.DataFormat.SampleSize, 0u);
     std::unique_ptr<hostpc::KsStream> stream;
-    EXPECT_EQ(rig.filter->open(hostpc::kWaveCapturePin, format, {}, &stream), STATUS_SUCCESS);
-    ASSERT_TRUE(stream);
-    EXPECT_EQ(stream->framingBytes(), 0u);
-    EXPECT_EQ(hostk::verifierFailures().size(), 1u);
-    hostk::clearVerifierFailures();
-    stream.reset();
-    f.DataFormat.SampleSize = f.WaveFormatExt.Format.nBlockAlign;
-    std::memcpy(format.data(), &f, sizeof f);
     EXPECT_EQ(rig.filter->open(hostpc::kWaveCapturePin, format, {}, &stream), STATUS_SUCCESS);
     ASSERT_TRUE(stream);
     EXPECT_EQ(stream->notificationMs(), 5u);
@@ -170,6 +202,79 @@ TEST(Intersection, AsksTheSizeFirstThenGetsTheFormat) {
     rig.model().runPeriods(4);
     EXPECT_EQ(stream->queuedFrames(), 4u * 256);
     EXPECT_EQ(stream->counters().overruns, 0u);
+}
+
+// What real clients send: a multiple-item list with a range of another major
+// format and a wildcard before the audio range, an output buffer larger than
+// needed, or none at all to ask the size. The driver takes only audio ranges
+// of its own size, so the wildcard meets none of its ranges.
+TEST(Intersection, AListOfRangesAsRealClientsSendIt) {
+    Rig rig;
+    const GUID video = {0x73646976, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71}};
+    const GUID wildcard{};
+    std::vector<UCHAR> malformed = hostpc::rangeItem(hostpc::clientRange(2, 16, 24, 48000, 48000));
+    malformed[0] ^= 1; // FormatSize no longer its size
+    const std::vector<std::vector<UCHAR>> list = {
+        hostpc::rangeItem(video, wildcard, wildcard), malformed,
+        hostpc::rangeItem(wildcard, wildcard, wildcard),
+        hostpc::rangeItem(hostpc::clientRange(2, 16, 24, 48000, 48000))};
+    const ULONG needed = sizeof(KSDATAFORMAT_WAVEFORMATEXTENSIBLE);
+    const struct {
+        ULONG buffer;
+        NTSTATUS status;
+    } cases[] = {{0, STATUS_BUFFER_OVERFLOW}, {needed - 1, STATUS_BUFFER_TOO_SMALL},
+                 {needed, STATUS_SUCCESS}, {4096, STATUS_SUCCESS}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.buffer);
+        std::vector<UCHAR> format;
+        ULONG size = 0;
+        tracecap::clearTrace();
+        EXPECT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin, list, c.buffer, &format, &size),
+                  c.status);
+        EXPECT_EQ(size, needed);
+        EXPECT_TRUE(tracecap::containsLineStartingWith(
+            "MMEWave::DataRangeIntersection pClientDataRange->FormatSize"))
+            << "the wildcard reached the driver first";
+        if (c.status == STATUS_SUCCESS) {
+            ASSERT_EQ(format.size(), needed);
+            const WAVEFORMATEX* w = hostpc::waveFormatOf(format);
+            EXPECT_EQ(w->nSamplesPerSec, 48000u);
+            EXPECT_EQ(w->wBitsPerSample, 24u);
+        } else {
+            EXPECT_TRUE(format.empty());
+        }
+    }
+    std::vector<UCHAR> format;
+    ULONG size = 0;
+    EXPECT_EQ(rig.filter->intersect(hostpc::kWaveRenderPin, {list[0], list[1], list[2]}, 4096,
+                                    &format, &size),
+              STATUS_NO_MATCH);
+}
+
+// A client that puts 4 in SampleSize whatever the format (the open-source
+// DirectSound client) on 6-byte frames: the framing follows SampleSize, as
+// designed, 170 whole frames where the driver moves 256 a period. Either
+// port plays the stream as sent; after its end a port pads one framing of
+// silence, so the rest of the driver's last period plays what the cyclic
+// buffer held a lap before.
+TEST(PinFormat, ASampleSizeOfFourOnSixByteFrames) {
+    Rig rig;
+    auto out = rig.output();
+    std::unique_ptr<hostpc::KsStream> render;
+    ASSERT_EQ(rig.filter->open(hostpc::kWaveRenderPin, hostpc::pcmFormat(48000, 2, 24, true, 4), {},
+                               &render),
+              STATUS_SUCCESS);
+    ASSERT_EQ(render->framingBytes(), 256u * 4);
+    const auto sent = e2e::noise(2 * 20 * 256, 24, 9);
+    e2e::Pump pump(rig, render.get(), e2e::pack(sent, 24), nullptr);
+    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    pump.periods(20 + e2e::kRenderWriteAhead / 256 + 2);
+    EXPECT_EQ(render->counters().glitches, 0u);
+    auto heard = e2e::played(*out, 0, 2).sound;
+    const size_t stale = 2 * (256 - render->framingBytes() / 6);
+    ASSERT_EQ(heard.size(), sent.size() + stale);
+    heard.resize(sent.size());
+    EXPECT_EQ(heard, e2e::asPlayed(sent, 24));
 }
 
 // The pins as a client lists them, the ranges that meet none of them, and the

@@ -131,9 +131,11 @@ TEST_F(MmeSim, DemoPrintsTheFormatsAndABitExactLoopback) {
          "  periods moved  render ", "  glitches       0 render, 0 capture overruns",
          "  latency        2212 frames = 46.08 ms at 48000 Hz", "measured 2212 frames",
          "  result         PASS: bit-exact", "  teardown       device removed",
-         hostpc::driverImage().empty() ? "  driver         host build linked into mme-sim\n"
+         hostpc::driverImage().empty() ? "  driver         host build linked into mme-sim"
                                        : "  driver         Windows image " + hostpc::driverImage(),
          "loopback: 1.0 of 2.0 s\n"}); // stdout is a file: progress as plain lines
+    EXPECT_EQ(r.out.find("the port in the open-source library's ways") != std::string::npos,
+              hostpc::defaultPortPersonality() == hostpc::PortPersonality::OpenSource);
     EXPECT_EQ(r.out.find('\r'), std::string::npos);
     EXPECT_EQ(r.out.find("MME: ("), std::string::npos) << "no driver trace";
     EXPECT_TRUE(files().empty()) << "the demo writes no file";

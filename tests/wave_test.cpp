@@ -293,7 +293,7 @@ TEST_F(Wave, NormalizePhysicalPosition) {
     MMEWaveStream* s = open(true, {48000, 2, 16});
     ASSERT_NE(s, nullptr);
     FormatDesc noSampleSize{48000, 2, 16};
-    noSampleSize.sampleSize = 0; // still valid; positions then have no time
+    noSampleSize.sampleSize = 0; // "variable": the block alignment stands in
     struct {
         FormatDesc format;
         ULONG rate;
@@ -309,7 +309,7 @@ TEST_F(Wave, NormalizePhysicalPosition) {
                   STATUS_SUCCESS},
                  {{48000, 2, 16}, 0, 1000, 0, STATUS_INVALID_DEVICE_STATE},
                  {{48000, 2, 24}, 48000, 288000, 9999996, STATUS_SUCCESS}, // quotient truncated
-                 {noSampleSize, 48000, 4000, 0, STATUS_INVALID_DEVICE_STATE}};
+                 {noSampleSize, 48000, 4000, 208333, STATUS_SUCCESS}};
     for (auto& c : cases) {
         SCOPED_TRACE(c.bytes);
         std::vector<UCHAR> f = makeFormat(c.format);

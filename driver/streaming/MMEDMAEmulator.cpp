@@ -379,18 +379,19 @@ void MMEDMAEmulator::clearBuffer() {
 // The port's Silence on a place inside the cyclic buffer; up to dispatch level.
 void MMEDMAEmulator::silence(PVOID buffer, ULONG byteCount) {
     FunctionTrace ft("MMEDMAEmulator::silence", buffer);
-    bool overrun = false;
+    bool outside = false;
     {
         TransferLock lock(&mTransferLock);
         if (!buffer || !mpWDMBuffer || byteCount > mWDMBufferBytes)
             return;
-        // A start inside the cyclic buffer must not run past its end.
-        if (inCyclicBuffer(buffer, 0) && !inCyclicBuffer(buffer, byteCount))
-            overrun = true;
+        // Only the current cyclic buffer: a port that kept the address of
+        // one a format change replaced must not have freed pool zeroed.
+        if (!inCyclicBuffer(buffer, byteCount))
+            outside = true;
         else
             memset(buffer, 0, byteCount);
     }
-    if (overrun)
+    if (outside)
         ft.num("range outside the cyclic buffer count", (LONG)byteCount);
 }
 

@@ -183,7 +183,9 @@ NTSTATUS MMEWaveStream::setFormatInternal(PKSDATAFORMAT Format, bool bApply) {
                (LONG)bits, (LONG)wfx->nBlockAlign);
 
         if (status == STATUS_SUCCESS) {
-            m_uSampleSize = Format->SampleSize;
+            // KS allows 0 for "variable": the frame is then what the wave
+            // format says, so that framing and time never divide by zero.
+            m_uSampleSize = Format->SampleSize ? Format->SampleSize : wfx->nBlockAlign;
             status = wave->onSetFormat(this, wfx, &matched, bApply);
         }
 

@@ -33,6 +33,7 @@ struct DeviceRecord {
     ULONG maxObjects = 0;
     bool started = false;
     ServiceMode serviceMode = ServiceMode::EndOfPeriod;
+    hostpc::PortPersonality personality = hostpc::PortPersonality::Documented;
     std::vector<Subdevice> subdevices;
     std::vector<Connection> connections;
     hostpc::PnpState pnp = hostpc::PnpState::Added;
@@ -580,6 +581,7 @@ extern "C" NTSTATUS NTAPI PcAddAdapterDevice(PDRIVER_OBJECT DriverObject,
 
     DeviceRecord record;
     record.serviceMode = hostpc::defaultServiceMode();
+    record.personality = hostpc::defaultPortPersonality();
     record.fdo = fdo;
     record.pdo = PhysicalDeviceObject;
     record.start = StartDevice;
@@ -885,6 +887,58 @@ PCPFNSTARTDEVICE startRoutine(PDEVICE_OBJECT fdo) {
     return record ? record->start : nullptr;
 }
 
+namespace {
+std::mutex gPersonalityMutex;
+bool gPersonalityChosen = false;
+PortPersonality gPersonality = PortPersonality::Documented;
+
+PortPersonality environmentPersonality() {
+    PortPersonality personality = PortPersonality::Documented;
+    if (const char* env = std::getenv("MME_PORT"))
+        parsePortPersonality(env, &personality);
+    return personality;
+}
+} // namespace
+
+const char* portPersonalityName(PortPersonality personality) {
+    return personality == PortPersonality::OpenSource ? "open-source" : "documented";
+}
+
+bool parsePortPersonality(const std::string& text, PortPersonality* personality) {
+    if (text == "documented" || text == "open-source") {
+        *personality =
+            text == "documented" ? PortPersonality::Documented : PortPersonality::OpenSource;
+        return true;
+    }
+    return false;
+}
+
+void setDefaultPortPersonality(PortPersonality personality) {
+    std::lock_guard<std::mutex> lock(gPersonalityMutex);
+    gPersonalityChosen = true;
+    gPersonality = personality;
+}
+
+PortPersonality defaultPortPersonality() {
+    std::lock_guard<std::mutex> lock(gPersonalityMutex);
+    return gPersonalityChosen ? gPersonality : environmentPersonality();
+}
+
+PortPersonality portPersonality(PDEVICE_OBJECT fdo) {
+    {
+        std::lock_guard<std::mutex> lock(state().mutex);
+        if (DeviceRecord* record = findLocked(fdo))
+            return record->personality;
+    }
+    return defaultPortPersonality();
+}
+
+void setPortPersonality(PDEVICE_OBJECT fdo, PortPersonality personality) {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    if (DeviceRecord* record = findLocked(fdo))
+        record->personality = personality;
+}
+
 ServiceMode serviceMode(PDEVICE_OBJECT fdo) {
     std::lock_guard<std::mutex> lock(state().mutex);
     DeviceRecord* record = findLocked(fdo);
@@ -958,6 +1012,10 @@ void resetForTest() {
     clearFailures();
     setPnpListener(nullptr);
     setDefaultServiceMode(ServiceMode::EndOfPeriod);
+    {
+        std::lock_guard<std::mutex> lock(gPersonalityMutex);
+        gPersonalityChosen = false;
+    }
 }
 
 // ---- DriverLoader ----
@@ -1071,6 +1129,8 @@ NTSTATUS DriverLoader::addDevice(PDEVICE_OBJECT pdo) {
         std::lock_guard<std::mutex> lock(mPdoMutex);
         if (mServiceModeSet)
             hostpc::setServiceMode(fdo, mServiceMode);
+        if (mPersonalitySet)
+            hostpc::setPortPersonality(fdo, mPersonality);
         if (std::find(mPdos.begin(), mPdos.end(), pdo) == mPdos.end())
             mPdos.push_back(pdo);
     }
@@ -1084,6 +1144,15 @@ void DriverLoader::setServiceMode(ServiceMode mode) {
     for (PDEVICE_OBJECT pdo : mPdos)
         if (PDEVICE_OBJECT fdo = fdoForPdo(pdo))
             hostpc::setServiceMode(fdo, mode);
+}
+
+void DriverLoader::setPortPersonality(PortPersonality personality) {
+    std::lock_guard<std::mutex> lock(mPdoMutex);
+    mPersonality = personality;
+    mPersonalitySet = true;
+    for (PDEVICE_OBJECT pdo : mPdos)
+        if (PDEVICE_OBJECT fdo = fdoForPdo(pdo))
+            hostpc::setPortPersonality(fdo, personality);
 }
 
 NTSTATUS DriverLoader::startDevice(PDEVICE_OBJECT pdo) {

@@ -131,6 +131,26 @@ ServiceMode defaultServiceMode();
 void setServiceMode(PDEVICE_OBJECT fdo, ServiceMode mode);
 ServiceMode serviceMode(PDEVICE_OBJECT fdo); // the default for an unknown fdo
 
+// ---- Port personality ----
+// Where the wave-cyclic port's documentation is silent, the host port either
+// follows what it documents (Documented: the cyclic buffer read again after
+// a format change the port carried out, BufferSize and SetBufferSize as the
+// IDmaChannel pages describe them, silence written ahead of a position that
+// moves while not running) or does what the open-source port-class library
+// does (OpenSource, ReactOS pin_wavecyclic.cpp: the buffer and its allocated
+// size taken once at pin creation and kept, services only in RUN, nothing
+// written while paused). The driver must be safe under both.
+enum class PortPersonality { Documented, OpenSource };
+const char* portPersonalityName(PortPersonality personality); // "documented", "open-source"
+bool parsePortPersonality(const std::string& text, PortPersonality* personality);
+// For devices added from now on. At process start and after resetForTest:
+// MME_PORT from the environment ("documented" or "open-source"), else Documented.
+void setDefaultPortPersonality(PortPersonality personality);
+PortPersonality defaultPortPersonality();
+// Per device; taken by each pin when it is opened.
+void setPortPersonality(PDEVICE_OBJECT fdo, PortPersonality personality);
+PortPersonality portPersonality(PDEVICE_OBJECT fdo); // the default for an unknown fdo
+
 std::vector<std::u16string> subdeviceNames(PDEVICE_OBJECT fdo);
 // The registered port (no reference taken), or null.
 PUNKNOWN subdevice(PDEVICE_OBJECT fdo, const std::u16string& name);
@@ -207,8 +227,9 @@ enum class Op {
 void fail(Op op, NTSTATUS status, const std::u16string& subdeviceName = std::u16string());
 void clearFailures();
 
-// Clears failures and listeners and sets the default service mode back to
-// EndOfPeriod; for a test's start. Devices still added
+// Clears failures and listeners, sets the default service mode back to
+// EndOfPeriod and the default personality back to the environment's; for a
+// test's start. Devices still added
 // are left alone (a test removes what it adds).
 void resetForTest();
 
@@ -255,6 +276,8 @@ public:
     // Service mode of the devices this loader added and adds (else the
     // default at their adding).
     void setServiceMode(ServiceMode mode);
+    // The same for the port's personality.
+    void setPortPersonality(PortPersonality personality);
 
 private:
     void init();
@@ -273,6 +296,8 @@ private:
     std::vector<PDEVICE_OBJECT> mPdos;
     ServiceMode mServiceMode = ServiceMode::EndOfPeriod;
     bool mServiceModeSet = false;
+    PortPersonality mPersonality = PortPersonality::Documented;
+    bool mPersonalitySet = false;
 };
 
 } // namespace hostpc

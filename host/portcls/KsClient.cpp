@@ -113,7 +113,8 @@ std::string startWaveFilter(DriverLoader& loader, PDEVICE_OBJECT pdo,
 
 // ---- Formats ----
 
-std::vector<UCHAR> pcmFormat(ULONG rate, USHORT channels, USHORT bits, bool extensible) {
+std::vector<UCHAR> pcmFormat(ULONG rate, USHORT channels, USHORT bits, bool extensible,
+                             long sampleSize) {
     const size_t size =
         extensible ? sizeof(KSDATAFORMAT_WAVEFORMATEXTENSIBLE) : sizeof(KSDATAFORMAT_WAVEFORMATEX);
     std::vector<UCHAR> buffer(size, 0);
@@ -121,7 +122,7 @@ std::vector<UCHAR> pcmFormat(ULONG rate, USHORT channels, USHORT bits, bool exte
     std::memset(&f, 0, sizeof f);
     const USHORT align = USHORT(channels * ((bits + 7) / 8));
     f.DataFormat.FormatSize = ULONG(size);
-    f.DataFormat.SampleSize = align;
+    f.DataFormat.SampleSize = sampleSize < 0 ? align : ULONG(sampleSize);
     f.DataFormat.MajorFormat = KSDATAFORMAT_TYPE_AUDIO;
     f.DataFormat.SubFormat = KSDATAFORMAT_SUBTYPE_PCM;
     f.DataFormat.Specifier = KSDATAFORMAT_SPECIFIER_WAVEFORMATEX;
@@ -160,6 +161,22 @@ KSDATARANGE_AUDIO clientRange(ULONG maxChannels, ULONG minBits, ULONG maxBits, U
     r.MinimumSampleFrequency = minRate;
     r.MaximumSampleFrequency = maxRate;
     return r;
+}
+
+std::vector<UCHAR> rangeItem(const KSDATARANGE_AUDIO& range) {
+    const auto* bytes = reinterpret_cast<const UCHAR*>(&range);
+    return std::vector<UCHAR>(bytes, bytes + sizeof range);
+}
+
+std::vector<UCHAR> rangeItem(const GUID& major, const GUID& sub, const GUID& specifier) {
+    KSDATARANGE r;
+    std::memset(&r, 0, sizeof r);
+    r.FormatSize = sizeof r;
+    r.MajorFormat = major;
+    r.SubFormat = sub;
+    r.Specifier = specifier;
+    const auto* bytes = reinterpret_cast<const UCHAR*>(&r);
+    return std::vector<UCHAR>(bytes, bytes + sizeof r);
 }
 
 std::string statusName(NTSTATUS status) {
@@ -359,6 +376,63 @@ NTSTATUS WaveFilter::intersect(ULONG pinId, const KSDATARANGE_AUDIO& client,
             *rangeIndex = i;
         result = STATUS_SUCCESS;
         break;
+    }
+    miniport->Release();
+    return result;
+}
+
+NTSTATUS WaveFilter::intersect(ULONG pinId, const std::vector<std::vector<UCHAR>>& clientRanges,
+                               ULONG outputBytes, std::vector<UCHAR>* format, ULONG* size) const {
+    if (!format || !size)
+        return STATUS_INVALID_PARAMETER;
+    format->clear();
+    *size = 0;
+    if (!mPort)
+        return STATUS_INVALID_PARAMETER;
+    const NTSTATUS allowed = mDevice ? detail::requestStatus(mDevice, false) : kStatusDeviceRemoved;
+    if (!NT_SUCCESS(allowed))
+        return allowed;
+    IMiniportWaveCyclic* miniport = referenceMiniport(mPort);
+    if (!miniport)
+        return kStatusDeviceRemoved;
+    const KSPIN_DESCRIPTOR* pin = pinDescriptor(portState(mPort).descriptor, pinId);
+    if (!pin) {
+        miniport->Release();
+        return STATUS_INVALID_PARAMETER;
+    }
+    // The null GUID is KS's wildcard for the major format, subformat and
+    // specifier (KSDATAFORMAT_TYPE_WILDCARD and its kin).
+    const GUID wildcard{};
+    auto names = [&](const GUID& client, const GUID& mine) {
+        return IsEqualGUID(client, wildcard) || IsEqualGUID(client, mine);
+    };
+    NTSTATUS result = STATUS_NO_MATCH;
+    std::vector<UCHAR> buffer(outputBytes);
+    for (const auto& item : clientRanges) {
+        if (item.size() < sizeof(KSDATARANGE) ||
+            reinterpret_cast<const KSDATARANGE*>(item.data())->FormatSize != item.size())
+            continue; // KS refuses a malformed item before any handler sees it
+        std::vector<UCHAR> client(item); // the handler's own copy, as in the request's buffer
+        auto* clientRange = reinterpret_cast<PKSDATARANGE>(client.data());
+        for (ULONG i = 0; pin->DataRanges && i < pin->DataRangesCount; ++i) {
+            PKSDATARANGE mine = pin->DataRanges[i];
+            if (!names(clientRange->MajorFormat, mine->MajorFormat) ||
+                !names(clientRange->SubFormat, mine->SubFormat) ||
+                !names(clientRange->Specifier, mine->Specifier))
+                continue;
+            ULONG written = 0;
+            result = miniport->DataRangeIntersection(pinId, clientRange, mine, outputBytes,
+                                                     outputBytes ? buffer.data() : nullptr, &written);
+            if (result == STATUS_NO_MATCH || result == STATUS_NOT_IMPLEMENTED) {
+                result = STATUS_NO_MATCH; // the host has no default handler to defer to
+                continue;
+            }
+            *size = written;
+            if (result == STATUS_SUCCESS && written <= outputBytes)
+                format->assign(buffer.begin(), buffer.begin() + written);
+            miniport->Release();
+            return result;
+        }
     }
     miniport->Release();
     return result;

@@ -106,8 +106,12 @@ private:
 };
 
 // KSDATAFORMAT followed by WAVEFORMATEXTENSIBLE (or a plain WAVEFORMATEX),
-// as the audio engine asks for PCM.
-std::vector<UCHAR> pcmFormat(ULONG rate, USHORT channels, USHORT bits, bool extensible = true);
+// as the audio engine asks for PCM. SampleSize is the block alignment, as
+// the audio engine puts it; other clients put 4 whatever the format (the
+// open-source DirectSound client) or 0, KS's "variable": sampleSize, when
+// given, is written instead.
+std::vector<UCHAR> pcmFormat(ULONG rate, USHORT channels, USHORT bits, bool extensible = true,
+                             long sampleSize = -1);
 
 // The WAVEFORMATEX of a format buffer; null when the buffer is too short.
 const WAVEFORMATEX* waveFormatOf(const std::vector<UCHAR>& format);
@@ -251,6 +255,19 @@ public:
     NTSTATUS intersect(ULONG pinId, const KSDATARANGE_AUDIO& clientRange,
                        std::vector<UCHAR>* format, ULONG* rangeIndex = nullptr) const;
 
+    // KSPROPERTY_PIN_DATAINTERSECTION as real clients send it: a
+    // multiple-item list of ranges of any kind (each a KSDATARANGE of its
+    // FormatSize: audio ranges, wildcards, other major formats) and an
+    // output buffer of outputBytes (0: a size query). Walked as the KS
+    // library's KsPinDataIntersectionEx does for the port: each client range
+    // in order against each pin range whose major format, subformat and
+    // specifier it names or leaves as wildcards, asking the miniport with
+    // the client's buffer; any answer but STATUS_NO_MATCH ends the walk.
+    // *size gets the format's size (also for a size query or a buffer too
+    // small).
+    NTSTATUS intersect(ULONG pinId, const std::vector<std::vector<UCHAR>>& clientRanges,
+                       ULONG outputBytes, std::vector<UCHAR>* format, ULONG* size) const;
+
     // Opens a pin with this format. On failure *stream stays empty and the
     // driver's status comes back.
     NTSTATUS open(ULONG pinId, const std::vector<UCHAR>& format, const StreamOptions& options,
@@ -272,6 +289,11 @@ std::string startWaveFilter(DriverLoader& loader, PDEVICE_OBJECT pdo,
 // A client's data range: what it would take.
 KSDATARANGE_AUDIO clientRange(ULONG maxChannels, ULONG minBits, ULONG maxBits, ULONG minRate,
                               ULONG maxRate);
+// Ranges as items of a multiple-item intersection request: an audio range
+// as it is, and a plain KSDATARANGE naming a major format, subformat and
+// specifier (the null GUID is KS's wildcard for each).
+std::vector<UCHAR> rangeItem(const KSDATARANGE_AUDIO& range);
+std::vector<UCHAR> rangeItem(const GUID& major, const GUID& sub, const GUID& specifier);
 
 // Status names for messages ("STATUS_NOT_SUPPORTED"), hex for unknown ones.
 std::string statusName(NTSTATUS status);

@@ -161,6 +161,7 @@ NTSTATUS WavePin::create(PUNKNOWN wavePort, ULONG pinId, bool capture,
     }
     pin->AddRef();
     pin->mDevice = device; // released by close() from here on
+    pin->mOpenSource = portPersonality(device) == PortPersonality::OpenSource;
     pin->mSource = source;
     pin->mSink = sink;
     pin->mObserver = options.observer;
@@ -196,10 +197,15 @@ NTSTATUS WavePin::create(PUNKNOWN wavePort, ULONG pinId, bool capture,
         SpinGuard lock(&pin->mLock);
         pin->takeBuffer();
         ULONG position = 0;
-        if (!pin->mBase)
+        if (!pin->mBase) {
             status = STATUS_INSUFFICIENT_RESOURCES; // no cyclic buffer to serve
-        else if (pin->readPosition(&position))
-            pin->resync(position);
+        } else {
+            // ReactOS's CPortPinWaveCyclic::Init silences the whole buffer.
+            if (pin->mOpenSource)
+                pin->mStream->Silence(pin->mBase, pin->mSize);
+            if (pin->readPosition(&position))
+                pin->resync(position);
+        }
     }
     if (!NT_SUCCESS(status)) {
         pin->close(false);
@@ -256,7 +262,9 @@ bool WavePin::readPosition(ULONG* position) {
     if (!mStream || !mBase || !NT_SUCCESS(mStream->GetPosition(&p)))
         return false;
     if (p >= mSize) {
-        if (!mBadPositionReported) {
+        // The open-source port keeps the size it took at creation: a buffer
+        // the driver replaced since may be larger, and nothing checks.
+        if (!mBadPositionReported && !mOpenSource) {
             mBadPositionReported = true;
             hostk::reportVerifierFailure("wave port: GetPosition gave " + std::to_string(p) +
                                          ", at or past the cyclic buffer's " +
@@ -268,15 +276,27 @@ bool WavePin::readPosition(ULONG* position) {
     return true;
 }
 
-// The port reads the cyclic buffer once, at pin creation and after a format
-// change it carried out itself (ReactOS pin_wavecyclic.cpp keeps
-// m_CommonBuffer from Init); the driver must not move or free it meanwhile.
+// The port reads the cyclic buffer at pin creation and, documented, after
+// every format change it asked the stream for (the stream may reshape its
+// channel whether it takes the format or not); the driver must not move or
+// free it otherwise. The open-source port reads it once (ReactOS
+// pin_wavecyclic.cpp keeps m_CommonBuffer from Init).
 void WavePin::takeBuffer() {
     mBase = nullptr;
     mSize = 0;
     mBroken = false;
     UCHAR* base = mDma ? static_cast<UCHAR*>(mDma->SystemAddress()) : nullptr;
-    ULONG size = mDma ? mDma->BufferSize() : 0;
+    ULONG size = 0;
+    if (mDma && mOpenSource) {
+        size = mDma->AllocatedBufferSize(); // ReactOS CPortPinWaveCyclic::Init
+    } else if (mDma) {
+        // IDmaChannel::SetBufferSize: the port says how much of the buffer it
+        // uses (whole frames) and reads BufferSize back, which the channel
+        // may answer with its own size.
+        size = mDma->BufferSize();
+        mDma->SetBufferSize(size - size % mBlockAlign);
+        size = mDma->BufferSize();
+    }
     if (!base || size == 0 || size % mBlockAlign != 0)
         return; // the pin is not opened (the format change fails)
     mBase = base;
@@ -304,6 +324,10 @@ void WavePin::takeBuffer() {
 bool WavePin::bufferIntact() {
     if (!mBase || mBroken)
         return false;
+    // The open-source port keeps its buffer and never looks again: what the
+    // driver does with the old address is the driver's to make safe.
+    if (mOpenSource)
+        return true;
     UCHAR* base = static_cast<UCHAR*>(mDma->SystemAddress());
     ULONG size = mDma->BufferSize();
     ULONG tag = 0;
@@ -432,7 +456,9 @@ STDMETHODIMP_(void) WavePin::RequestService() {
     if (!readPosition(&position))
         return;
     if (mState != KSSTATE_RUN) {
-        idle(position);
+        // ReactOS's RequestService serves only in RUN.
+        if (!mOpenSource)
+            idle(position);
         return;
     }
     ++mCounters.services;
@@ -453,10 +479,9 @@ STDMETHODIMP_(void) WavePin::RequestService() {
     }
 }
 
-// Not running, while the driver's channel keeps moving: the port copies no
-// client data (ReactOS services only in RUN), the device plays out what is
-// written and then the silence after it; capture is not taken.
-void WavePin::idle(ULONG position) {
+// Not running under the open-source port: what the channel moved is taken
+// in, nothing written; the device played whatever the buffer held.
+void WavePin::passed(ULONG position) {
     const ULONG delta = (position + mSize - mLast) % mSize;
     mLast = position;
     if (mCapture) {
@@ -469,9 +494,16 @@ void WavePin::idle(ULONG position) {
         mWrite = position;
         mPending = 0;
     }
+}
+
+// Not running, while the driver's channel keeps moving: the port copies no
+// client data (ReactOS services only in RUN), the device plays out what is
+// written and then the silence after it; capture is not taken.
+void WavePin::idle(ULONG position) {
+    passed(position);
     // Silence after the audio, not taken as written: client audio that
     // comes at RUN goes straight after what is left.
-    if (mPending < mFrameBytes)
+    if (!mCapture && mPending < mFrameBytes)
         silenceAt(mWrite, mFrameBytes - mPending);
 }
 
@@ -562,7 +594,10 @@ NTSTATUS WavePin::step(KSSTATE next) {
     mState = next;
     const bool usable = bufferIntact() && readPosition(&position);
     if (next == KSSTATE_RUN && usable) {
-        idle(position);
+        if (mOpenSource)
+            passed(position); // it wrote nothing while not running
+        else
+            idle(position);
         if (!mCapture)
             fillRender();
     } else if (next == KSSTATE_STOP) {
@@ -595,17 +630,27 @@ NTSTATUS WavePin::setFormat(const std::vector<UCHAR>& format, ULONG blockAlign) 
         return STATUS_SUCCESS;
     std::vector<UCHAR> copy(format);
     NTSTATUS status = mStream->SetFormat(reinterpret_cast<PKSDATAFORMAT>(copy.data()));
-    if (!NT_SUCCESS(status))
+    // ReactOS PinWaveCyclicDataFormat stores an accepted format only: the
+    // buffer, its size and the framing stay as Init took them.
+    if (mOpenSource) {
+        if (NT_SUCCESS(status))
+            mFormat.swap(copy);
         return status;
-    mFormat.swap(copy);
+    }
+    if (NT_SUCCESS(status))
+        mFormat.swap(copy);
     SpinGuard lock(&mLock);
-    mBlockAlign = blockAlign;
-    mRate = waveFormatOf(mFormat)->nSamplesPerSec;
+    const UCHAR* oldBase = mBase;
+    const ULONG oldSize = mSize;
+    if (NT_SUCCESS(status)) {
+        mBlockAlign = blockAlign;
+        mRate = waveFormatOf(mFormat)->nSamplesPerSec;
+    }
     takeBuffer();
     if (!mBase)
-        return STATUS_INSUFFICIENT_RESOURCES;
+        return NT_SUCCESS(status) ? STATUS_INSUFFICIENT_RESOURCES : status;
     ULONG position = 0;
-    if (mBase && readPosition(&position))
+    if ((NT_SUCCESS(status) || mBase != oldBase || mSize != oldSize) && readPosition(&position))
         resync(position);
     return status;
 }

@@ -7,7 +7,8 @@
 // CopyFrom from its last read up to the position (an overrun when the client
 // has no room). The cyclic buffer (SystemAddress, BufferSize) is taken at
 // creation and after a format change the pin carried out; it wraps at
-// BufferSize(). The service runs from the service group's DPC.
+// BufferSize(). The service runs from the service group's DPC. The port's
+// personality (HostPortCls.h) changes where the documentation is silent.
 //
 // References: the port's pin registry holds one until the pin is closed,
 // the client's KsStream one, the service group one while the pin is a
@@ -82,6 +83,7 @@ private:
     void resync(ULONG position);
     void account(ULONG position);
     void idle(ULONG position);
+    void passed(ULONG position);
     void fillRender();
     ULONG padSilence();
     void copyCapture(ULONG position);
@@ -92,6 +94,7 @@ private:
     PUNKNOWN mPort;                   // counted until close
     PDEVICE_OBJECT mDevice = nullptr; // the device whose handle the pin holds until close
     bool mPowerPaused = false;        // under mControl
+    bool mOpenSource = false;         // the open-source port's ways (HostPortCls.h), from creation
     const bool mCapture;
     ULONG mBlockAlign; // changes only with a format, under mControl and mLock
     PMINIPORTWAVECYCLICSTREAM mStream = nullptr; // counted

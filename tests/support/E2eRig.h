@@ -228,6 +228,12 @@ inline bool traced(const std::string& text) {
     return tracedAt(text) != size_t(-1);
 }
 
+// The suites run under both port personalities (MME_PORT): where the
+// driver's designed behaviour gives a different result, a test says which.
+inline bool openSourcePort() {
+    return hostpc::defaultPortPersonality() == hostpc::PortPersonality::OpenSource;
+}
+
 // The round trip of the loopback, in frames: the render ring is written
 // 1700 frames ahead of the device, then the loopback's own delay.
 constexpr uint32_t kRenderWriteAhead = 1700;

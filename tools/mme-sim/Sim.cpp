@@ -61,6 +61,10 @@ Sim::Sim(const SimOptions& options) : mOptions(options) {
     // Windows; virtual time keeps the deterministic end-of-period service.
     hostpc::setDefaultServiceMode(concurrentService() ? hostpc::ServiceMode::Concurrent
                                                       : hostpc::ServiceMode::EndOfPeriod);
+    hostpc::PortPersonality personality = hostpc::defaultPortPersonality();
+    if (!options.port.empty())
+        hostpc::parsePortPersonality(options.port, &personality);
+    hostpc::setDefaultPortPersonality(personality);
 
     usbsim::DeviceProfile profile = usbsim::DeviceProfile::builtInDefault();
     if (!options.profilePath.empty()) {
@@ -81,6 +85,8 @@ Sim::Sim(const SimOptions& options) : mOptions(options) {
     mDriverDescription = mLoader->runsImage()
                              ? "Windows image " + mLoader->imagePath() + " (its own code, loaded)"
                              : std::string("host build linked into mme-sim");
+    if (personality == hostpc::PortPersonality::OpenSource)
+        mDriverDescription += "; the port in the open-source library's ways";
     // The DMA probe reads the linked driver's objects; an image's are its own.
     if (mLoader->imageError().empty() && !mLoader->runsImage())
         timeline->setDmaProbe(&probeDma, mModel.get());

@@ -60,6 +60,11 @@ int main(int argc, char** argv) {
                    "where the port services its pins: concurrent (its own DPC thread; the "
                    "default with --realtime) or end-of-period (drained after each period)")
         ->check(CLI::IsMember({"concurrent", "end-of-period"}));
+    app.add_option("--port", o.sim.port,
+                   "the wave port's ways where its documentation is silent: documented (the "
+                   "default; MME_PORT in the environment chooses otherwise) or open-source "
+                   "(those of the open-source port-class library)")
+        ->check(CLI::IsMember({"documented", "open-source"}));
     app.add_option("--seconds", o.seconds, "length of the demo, loopback or recording")
         ->type_name("N");
     app.add_option("--report", o.sim.reportPath,
