@@ -259,7 +259,7 @@ void MMEDMAEmulator::advance(ULONG bytes) {
 // Passive level. Returns false and leaves the channel detached when the
 // stream, its format or the buffers cannot be had.
 bool MMEDMAEmulator::setStreamFormat(MMEWaveStream* stream, ULONG channels, ULONG bitsPerSample,
-                                     ULONG firstRingChannel) {
+                                     ULONG firstRingChannel, bool keepCyclicBuffer) {
     FunctionTrace ft(nullptr, this);
     {
         TransferLock lock(&mTransferLock);
@@ -295,14 +295,18 @@ bool MMEDMAEmulator::setStreamFormat(MMEWaveStream* stream, ULONG channels, ULON
     ft.num("USB/WDM/BITS ", (LONG)mUSBChannels, (LONG)mWDMChannels, (LONG)mWDMBits);
 
     // Sizes that do not fit 32 bits cannot be buffers.
-    const ULONGLONG cyclicBytes =
-        (ULONGLONG)mWDMChannels * MME_CYCLIC_BUFFER_FRAMES * mWDMBytesPerSample;
+    ULONGLONG cyclicBytes = (ULONGLONG)mWDMChannels * MME_CYCLIC_BUFFER_FRAMES * mWDMBytesPerSample;
+    if (keepCyclicBuffer && mpWDMBuffer && mWDMBufferBytes != 0 &&
+        mWDMBufferBytes % (mWDMChannels * mWDMBytesPerSample) == 0) {
+        ft.num("cyclic buffer kept for the port", (LONG)mWDMBufferBytes);
+        cyclicBytes = mWDMBufferBytes;
+    }
     const ULONGLONG scratchBytes = (ULONGLONG)mUSBChannels * MME_SCRATCH_BUFFER_FRAMES * 4;
     if (cyclicBytes > 0xFFFFFFFFull || scratchBytes > 0xFFFFFFFFull) {
         ft.num("ERROR buffer too large ch/usb", (LONG)mWDMChannels, (LONG)mUSBChannels);
         return false;
     }
-    mWDMBufferSamples = mWDMChannels * MME_CYCLIC_BUFFER_FRAMES;
+    mWDMBufferSamples = (ULONG)(cyclicBytes / mWDMBytesPerSample);
     mUSBBufferSamples = mUSBChannels * MME_SCRATCH_BUFFER_FRAMES;
     const ULONG newWDMBufferBytes = (ULONG)cyclicBytes;
     const ULONG newUSBBufferBytes = (ULONG)scratchBytes;

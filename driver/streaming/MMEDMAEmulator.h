@@ -44,9 +44,11 @@ public:
     STDMETHODIMP_(NTSTATUS) WaitForTC(ULONG Timeout) override;
 
     // Attaches a stream with its format and sizes both buffers; with no
-    // stream and zeros it detaches. Passive level.
+    // stream and zeros it detaches. keepCyclicBuffer: the port holds the
+    // cyclic buffer and will not take it again, so it stays (its frames
+    // reshaped) whenever it holds whole frames of the format. Passive level.
     bool setStreamFormat(MMEWaveStream* stream, ULONG channels, ULONG bitsPerSample,
-                         ULONG firstRingChannel);
+                         ULONG firstRingChannel, bool keepCyclicBuffer = false);
     bool reAllocateBuffer(ULONG newUSBBufferBytes, ULONG newWDMBufferBytes);
     void clearBuffer();
     void silence(PVOID buffer, ULONG byteCount);

@@ -190,13 +190,17 @@ NTSTATUS MMEWaveStream::setFormatInternal(PKSDATAFORMAT Format, bool bApply) {
         }
 
         // The DMA channel always ends up shaped for the format the port
-        // asked for, accepted or not.
+        // asked for, accepted or not. A start carrying the stream's own
+        // format is not the port's request: the port keeps the buffer it
+        // took after its last format change, which a refused format may
+        // have shaped for other frames, and must not find it freed.
+        const bool carried = Format == reinterpret_cast<PKSDATAFORMAT>(mDataFormat);
         if (mpDMAChannel) {
             if (status == STATUS_SUCCESS) {
-                mpDMAChannel->setStreamFormat(this, channels, bits, mFirstRingChannel);
+                mpDMAChannel->setStreamFormat(this, channels, bits, mFirstRingChannel, carried);
             } else if (mpDMAChannel->wdmChannels() != channels || mpDMAChannel->wdmBits() != bits) {
                 TraceLine("DMA init on failure ch/bits", (LONG)channels, (LONG)bits);
-                mpDMAChannel->setStreamFormat(this, channels, bits, mFirstRingChannel);
+                mpDMAChannel->setStreamFormat(this, channels, bits, mFirstRingChannel, carried);
             }
         }
     }

@@ -44,7 +44,7 @@ struct SimOptions {
     // "concurrent" (the port's own DPC thread) or "end-of-period"; empty:
     // concurrent in real time, end-of-period in virtual time.
     std::string portService;
-    std::string port; // "documented" or "open-source"; empty: the environment's (MME_PORT)
+    std::string port;       // "documented" or "open-source"; empty: the environment's (MME_PORT)
     std::string reportPath; // timeline report to this HTML file
     std::string driverPath; // a Windows image (.sys) to run instead of the linked driver
 };
