@@ -151,7 +151,8 @@ TEST(PinFormat, ARefusedFormatOfAnotherFrameSizeThenStopAndRun) {
         ASSERT_EQ(render->setState(state), STATUS_SUCCESS);
         pump.periods(4);
     }
-    const bool refused = tracecap::containsLineStartingWith("range outside the cyclic buffer count");
+    const bool refused =
+        tracecap::containsLineStartingWith("range outside the cyclic buffer count");
     if (e2e::openSourcePort()) {
         EXPECT_EQ(render->bufferBytes(), before);
         EXPECT_TRUE(refused) << "the port's silence over the freed buffer was refused";
@@ -210,7 +211,8 @@ TEST(Intersection, AsksTheSizeFirstThenGetsTheFormat) {
 // of its own size, so the wildcard meets none of its ranges.
 TEST(Intersection, AListOfRangesAsRealClientsSendIt) {
     Rig rig;
-    const GUID video = {0x73646976, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71}};
+    const GUID video = {
+        0x73646976, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71}};
     const GUID wildcard{};
     std::vector<UCHAR> malformed = hostpc::rangeItem(hostpc::clientRange(2, 16, 24, 48000, 48000));
     malformed[0] ^= 1; // FormatSize no longer its size
@@ -222,8 +224,10 @@ TEST(Intersection, AListOfRangesAsRealClientsSendIt) {
     const struct {
         ULONG buffer;
         NTSTATUS status;
-    } cases[] = {{0, STATUS_BUFFER_OVERFLOW}, {needed - 1, STATUS_BUFFER_TOO_SMALL},
-                 {needed, STATUS_SUCCESS}, {4096, STATUS_SUCCESS}};
+    } cases[] = {{0, STATUS_BUFFER_OVERFLOW},
+                 {needed - 1, STATUS_BUFFER_TOO_SMALL},
+                 {needed, STATUS_SUCCESS},
+                 {4096, STATUS_SUCCESS}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.buffer);
         std::vector<UCHAR> format;

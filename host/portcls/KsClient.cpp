@@ -411,7 +411,7 @@ NTSTATUS WaveFilter::intersect(ULONG pinId, const std::vector<std::vector<UCHAR>
     for (const auto& item : clientRanges) {
         if (item.size() < sizeof(KSDATARANGE) ||
             reinterpret_cast<const KSDATARANGE*>(item.data())->FormatSize != item.size())
-            continue; // KS refuses a malformed item before any handler sees it
+            continue;                    // KS refuses a malformed item before any handler sees it
         std::vector<UCHAR> client(item); // the handler's own copy, as in the request's buffer
         auto* clientRange = reinterpret_cast<PKSDATARANGE>(client.data());
         for (ULONG i = 0; pin->DataRanges && i < pin->DataRangesCount; ++i) {
@@ -421,8 +421,9 @@ NTSTATUS WaveFilter::intersect(ULONG pinId, const std::vector<std::vector<UCHAR>
                 !names(clientRange->Specifier, mine->Specifier))
                 continue;
             ULONG written = 0;
-            result = miniport->DataRangeIntersection(pinId, clientRange, mine, outputBytes,
-                                                     outputBytes ? buffer.data() : nullptr, &written);
+            result =
+                miniport->DataRangeIntersection(pinId, clientRange, mine, outputBytes,
+                                                outputBytes ? buffer.data() : nullptr, &written);
             if (result == STATUS_NO_MATCH || result == STATUS_NOT_IMPLEMENTED) {
                 result = STATUS_NO_MATCH; // the host has no default handler to defer to
                 continue;
