@@ -1,7 +1,8 @@
 // Fuzzes the image loader's parsing of arbitrary files, in plain memory. A
 // refusal always says why; an accepted layout keeps every section inside
-// the image and the file; every bound import slot lies inside the image and
-// holds the host export of its name.
+// the image and the file, and every function of its table inside code; every
+// bound import slot lies inside the image and holds the host export of its
+// name. A wrong CheckSum is refused with its reason and the rest still read.
 #include "FuzzSupport.h"
 
 #include "host/image/Exports.h"
@@ -23,8 +24,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_CHECK(layout.sizeOfHeaders <= size && layout.sizeOfHeaders <= layout.sizeOfImage,
                "headers outside the file");
 
+    if (!hostimg::verifyChecksum(data, size, layout, &error))
+        FUZZ_CHECK(!error.empty(), "checksum refused without a reason");
+
     std::vector<uint8_t> image(layout.sizeOfImage);
     hostimg::mapSections(data, layout, image.data());
+    std::vector<hostimg::Function> functions;
+    if (!hostimg::readFunctions(image.data(), layout, &functions, &error)) {
+        FUZZ_CHECK(!error.empty(), "function table refused without a reason");
+        return 0;
+    }
+    for (const auto& f : functions)
+        FUZZ_CHECK(f.begin < f.end && f.end <= layout.sizeOfImage, "function outside the image");
     if (!hostimg::applyRelocations(image.data(), layout, 0x7f0000000000 - layout.imageBase,
                                    &error)) {
         FUZZ_CHECK(!error.empty(), "relocations refused without a reason");

@@ -205,9 +205,11 @@ def u64(*v):
 
 
 def pe(imports=((b"ntoskrnl.exe", [b"DbgPrint"]),), machine=0x8664, subsystem=1,
-       relocs=((10, 0x1008),), ordinal=False):
+       relocs=((10, 0x1008),), ordinal=False, text_flags=0x60000020, characteristics=0x22,
+       directories=None, section_alignment=0x1000, checksum=True):
     """A minimal native x64 image: .text (ret and one absolute address),
-    .idata (the given imports) and .reloc, laid out as ld lays out a .sys."""
+    .idata (the given imports), .reloc and .pdata (the ret's unwind data),
+    laid out as ld lays out a .sys, with its CheckSum."""
     idata = bytearray(0x200)
     descriptors, data_at = 0, 20 * (len(imports) + 1)
     for dll, names in imports:
@@ -231,24 +233,37 @@ def pe(imports=((b"ntoskrnl.exe", [b"DbgPrint"]),), machine=0x8664, subsystem=1,
     entries += [0] * (len(entries) % 2)
     reloc = u32(page, 8 + 2 * len(entries)) + u16(*entries)
     text = u8(0xc3) + bytes(7) + u64(0x140001000)
-    sections = [(b".text", 0x1000, len(text), 0x200, 0x60000020, text),
+    pdata = u32(0x1000, 0x1001, 0x400c) + u8(1, 0, 0, 0)
+    sections = [(b".text", 0x1000, len(text), 0x200, text_flags, text),
                 (b".idata", 0x2000, 0x200, 0x400, 0xC0000040, bytes(idata)),
-                (b".reloc", 0x3000, len(reloc), 0x600, 0x42000040, reloc)]
-    directories = [(0, 0)] * 16
-    directories[1] = (0x2000, 20 * (len(imports) + 1))
-    directories[5] = (0x3000, len(reloc))
+                (b".reloc", 0x3000, len(reloc), 0x600, 0x42000040, reloc),
+                (b".pdata", 0x4000, len(pdata), 0x800, 0x40000040, pdata)]
+    table = [(0, 0)] * 16
+    table[1] = (0x2000, 20 * (len(imports) + 1))
+    table[3] = (0x4000, 12)
+    table[5] = (0x3000, len(reloc))
+    for index, entry in (directories or {}).items():
+        table[index] = entry
     optional = (u16(0x20b) + u8(2, 40) + u32(0x200, 0x400, 0, 0x1000, 0x1000) +
-                u64(0x140000000) + u32(0x1000, 0x200) + u16(6, 0, 0, 0, 6, 0) +
-                u32(0, 0x4000, 0x200, 0) + u16(subsystem, 0x160) +
+                u64(0x140000000) + u32(section_alignment, 0x200) + u16(6, 0, 0, 0, 6, 0) +
+                u32(0, 0x5000, 0x200, 0) + u16(subsystem, 0x160) +
                 u64(0x100000, 0x1000, 0x100000, 0x1000) + u32(0, 16) +
-                b"".join(u32(*d) for d in directories))
+                b"".join(u32(*d) for d in table))
     headers = (b"MZ" + bytes(0x3a) + u32(0x40) + b"PE\0\0" +
-               u16(machine, len(sections)) + u32(0, 0, 0) + u16(len(optional), 0x22) + optional)
+               u16(machine, len(sections)) + u32(0, 0, 0) + u16(len(optional), characteristics) +
+               optional)
     for name, va, vsize, raw, flags, _ in sections:
         headers += name.ljust(8, b"\0") + u32(vsize, va, 0x200, raw, 0, 0) + u16(0, 0) + u32(flags)
     image = bytearray(headers.ljust(0x200, b"\0"))
     for _, _, _, raw, _, data in sections:
         image += data.ljust(0x200, b"\0")
+    if checksum:
+        field = 0x40 + 24 + 64
+        total = 0
+        for (word,) in struct.iter_unpack("<H", bytes(image[:field]) + bytes(4) + bytes(image[field + 4:])):
+            total += word
+            total = (total & 0xFFFF) + (total >> 16)
+        image[field:field + 4] = u32(((total & 0xFFFF) + (total >> 16)) + len(image))
     return bytes(image)
 
 
@@ -260,10 +275,19 @@ def pe_image():
     write("pe_image", "import_the_host_lacks", pe(((b"HAL.dll", [b"KeStallExecutionProcessor"]),)))
     write("pe_image", "import_by_ordinal", pe(ordinal=True))
     write("pe_image", "highlow_relocation", pe(relocs=((3, 0x1008),)))
-    write("pe_image", "relocation_past_the_image", pe(relocs=((10, 0x4ff8),)))
+    write("pe_image", "relocation_past_the_image", pe(relocs=((10, 0x5ff8),)))
     write("pe_image", "i386_machine", pe(machine=0x14c))
     write("pe_image", "console_subsystem", pe(subsystem=3))
     write("pe_image", "cut_short", pe()[:0x300])
+    # What Windows, its code integrity check or memory integrity refuse.
+    write("pe_image", "writable_code", pe(text_flags=0xE0000020))
+    write("pe_image", "wrong_checksum", pe()[:0x200] + u8(0xc2) + pe()[0x201:])
+    write("pe_image", "relocations_stripped", pe(characteristics=0x23))
+    write("pe_image", "no_exception_directory", pe(directories={3: (0, 0)}))
+    write("pe_image", "tls_directory", pe(directories={9: (0x2100, 40)}))
+    write("pe_image", "import_table_in_code", pe(directories={12: (0x1000, 8)}))
+    write("pe_image", "export_table_in_code", pe(directories={0: (0x1000, 40)}))
+    write("pe_image", "section_alignment_512", pe(section_alignment=0x200))
 
 
 if __name__ == "__main__":

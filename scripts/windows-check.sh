@@ -3,8 +3,12 @@
 # Windows, what a kernel loader and the port-class library rely on:
 #   - the image: PE32+ x86-64, not a DLL, native subsystem, entry point =
 #     DriverEntry, WDM driver / dynamic base / NX flags, base relocations,
-#     no TLS, no section both writable and executable, no AVX code, OS and
-#     subsystem version 10.0, a CodeView debug directory, a true CheckSum;
+#     no TLS, no section both writable and executable, OS and subsystem
+#     version 10.0, a CodeView debug directory, a true CheckSum;
+#   - its code (scripts/image-code-check.py): no AVX, x87 or MMX
+#     instruction, xmm6-xmm15 saved in the unwind data of every function
+#     that writes them, every pool allocation non-executable (the
+#     POOL_NX_OPTIN opt-in in DriverEntry); the largest stack frame;
 #   - its imports: only ntoskrnl.exe, HAL.dll and portcls.sys, no C or C++
 #     runtime, and only the services the driver's platform names;
 #   - its objects: no static constructors or thread-local data (nothing
@@ -44,7 +48,8 @@ ok() { echo "windows-check: ok: $*"; }
 # RtlCopyMemory, RtlMoveMemory and RtlZeroMemory are memcpy, memmove and
 # memset; the interlocked operations, IRQL, IoGetNextIrpStackLocation,
 # IoSetCompletionRoutine and KeGetCurrentThread are inline on x64), plus the
-# spin lock, DPC-flush and run-down protection services.
+# spin lock, DPC-flush and run-down protection services, and the version
+# query of the NX pool opt-in (ExInitializeDriverRuntime).
 ALLOWED_NTOSKRNL="DbgPrint RtlAssert KeGetCurrentThread KeDelayExecutionThread
   KeInitializeTimer KeInitializeDpc KeSetTimer KeCancelTimer
   ObfReferenceObject ObfDereferenceObject IoAllocateIrp IoFreeIrp IofCallDriver
@@ -52,7 +57,7 @@ ALLOWED_NTOSKRNL="DbgPrint RtlAssert KeGetCurrentThread KeDelayExecutionThread
   KeAcquireSpinLockRaiseToDpc KeReleaseSpinLock KeAcquireSpinLockAtDpcLevel
   KeReleaseSpinLockFromDpcLevel KeFlushQueuedDpcs ExInitializeRundownProtection
   ExReInitializeRundownProtection ExAcquireRundownProtection ExReleaseRundownProtection
-  ExWaitForRundownProtectionRelease"
+  ExWaitForRundownProtectionRelease RtlIsNtDdiVersionAvailable"
 ALLOWED_PORTCLS="PcInitializeAdapterDriver PcAddAdapterDevice PcNewPort PcRegisterSubdevice
   PcRegisterPhysicalConnection PcNewServiceGroup"
 ALLOWED_HAL=""
@@ -124,10 +129,14 @@ check_image() {
     [ $((16#${tls_size:-0})) -eq 0 ] && ok "no TLS directory" || fail "image has a TLS directory"
     wx=$(awk '/^ *[0-9]+ / { name = $2; next } /CODE/ && !/READONLY/ { print name }' <<<"$sections")
     [ -z "$wx" ] && ok "no writable code section" || fail "writable code section(s): $wx"
-    # The kernel saves no AVX state for a driver that has not asked for it.
-    local avx
-    avx=$("$OBJDUMP" -d "$image" | grep -cE '%[yz]mm[0-9]' || true)
-    [ "$avx" -eq 0 ] && ok "no AVX instructions" || fail "$avx instruction(s) use AVX registers"
+    local line
+    while read -r line; do
+        case "$line" in
+        "ok: "*) ok "${line#ok: }" ;;
+        "FAIL: "*) fail "${line#FAIL: }" ;;
+        *) fail "image-code-check: $line" ;;
+        esac
+    done < <(python3 scripts/image-code-check.py "$image" "$map" "$OBJDUMP" 2>&1)
 
     local imports dlls dll lower fn list unused
     imports=$(awk '
@@ -375,7 +384,26 @@ self_test() {
         'void mmeSelfTestAvx(v8sf* a, const v8sf* b) { *a += *b; }' >"$dir/avx.c"
     "$TRIPLET-gcc" -c -O2 -mavx "$dir/avx.c" -o "$dir/avx.obj"
     relink avx "$dir/avx.obj" -Wl,--undefined,mmeSelfTestAvx
-    expect_rejected "AVX instructions" "AVX registers" check_image "$dir/avx.sys" "$dir/avx.map" quiet
+    expect_rejected "AVX instructions" "AVX instruction" check_image "$dir/avx.sys" "$dir/avx.map" quiet
+
+    # Code the x64 kernel does not allow: x87 (mingw's long double), MMX, an
+    # xmm register written without a save in the unwind data, pool asked
+    # for as executable.
+    printf '%s\n' 'long double mmeSelfTestX87(long double a, long double b) { return a * b; }' >"$dir/x87.c"
+    printf '%s\n' 'void mmeSelfTestMmx(void) { __asm__ volatile("pxor %mm0, %mm0\n\temms"); }' >"$dir/mmx.c"
+    printf '%s\n' '__declspec(dllimport) void* ExAllocatePoolWithTag(int, unsigned long long, unsigned long);' \
+        'void* mmeSelfTestPool(void) { return ExAllocatePoolWithTag(0, 16, 0x74736554); }' >"$dir/pool.c"
+    printf '%s\n' '.text' '.globl mmeSelfTestXmm' '.def mmeSelfTestXmm; .scl 2; .type 32; .endef' \
+        '.seh_proc mmeSelfTestXmm' 'mmeSelfTestXmm:' '.seh_endprologue' 'pxor %xmm6, %xmm6' 'ret' \
+        '.seh_endproc' >"$dir/xmm.s"
+    local fault
+    for fault in "x87:x87 instruction" "mmx:MMX instruction" "pool:pool type 0" "xmm:xmm6-xmm15 written"; do
+        local probe=${fault%%:*} source
+        source=$(ls "$dir/$probe".[cs])
+        "$TRIPLET-gcc" -c -O2 "$source" -o "$dir/$probe.obj"
+        relink "$probe" "$dir/$probe.obj" -Wl,--undefined,mmeSelfTest${probe^}
+        expect_rejected "code with a fault ($probe)" "${fault#*:}" check_image "$dir/$probe.sys" "$dir/$probe.map" quiet
+    done
 
     printf '%s\n' 'int mmeSelfTestValue();' 'int gSelfTest = mmeSelfTestValue();' >"$dir/ctor.cpp"
     "$TRIPLET-g++" -c -O2 "$dir/ctor.cpp" -o "$dir/ctor.obj"

@@ -40,6 +40,11 @@ struct Pe {
     size_t opt() const { return coff() + 20; }
     size_t directory(int i) const { return opt() + 112 + 8 * i; }
     size_t section(int i) const { return opt() + u16(coff() + 16) + 40 * i; }
+    // The CheckSum made right again, so that only the damage meant is seen.
+    void sum() {
+        if (b.size() >= 0x40 && opt() + 68 <= b.size())
+            put(opt() + 64, hostimg::fileChecksum(b.data(), b.size(), uint32_t(opt() + 64)));
+    }
     size_t dataOf(int i) const {
         const uint32_t rva = u32(directory(i));
         size_t h = section(0);
@@ -74,6 +79,13 @@ TEST(ImageLoader, MapsTheDriverWithSectionProtectionsRelocatesEachCopyAndRefuses
     auto second = LoadedImage::loadFile(imagetest::driverImagePath(), exports, &error);
     ASSERT_TRUE(second) << error;
     EXPECT_NE(second->base(), image->base()) << "the second copy is relocated";
+    // The host enters the image through thunks, which its link map names.
+    char entry[256] = "";
+    EXPECT_FALSE(second->contains(second->entryPoint()));
+    EXPECT_TRUE(second->describe(uintptr_t(second->entryPoint()), entry, sizeof entry));
+    EXPECT_TRUE(std::regex_search(entry, std::regex("^entry thunk of .*\\.sys\\+0x[0-9a-f]+ "
+                                                    "\\(DriverEntry\\+0x0\\)$")))
+        << entry;
     EXPECT_FALSE(LoadedImage::loadFile("/nonexistent/x.sys", exports, &error));
     EXPECT_EQ(error, "/nonexistent/x.sys: cannot open");
     const std::pair<void (*)(Pe), const char*> damages[] = {
@@ -93,10 +105,28 @@ TEST(ImageLoader, MapsTheDriverWithSectionProtectionsRelocatesEachCopyAndRefuses
         {[](Pe p) { p.put(p.dataOf(5) + 8, 0x3000, 2); }, "relocation type 3"},
         {[](Pe p) { p.put(p.dataOf(5), 0x7fff0000); }, "relocation target 0x7fff"},
         {[](Pe p) { p.put(p.opt() + 16, p.u32(p.section(1) + 12)); }, "not in a code section"},
+        // What Windows, its code integrity check or memory integrity refuse.
+        {[](Pe p) { p.put(p.section(0) + 36, p.u32(p.section(0) + 36) | 0x80000000); },
+         "section 0 (.text) is writable and executable"},
+        {[](Pe p) { p.b.at(p.u32(p.section(0) + 20)) ^= 1; }, "CheckSum"},
+        {[](Pe p) { p.put(p.coff() + 18, p.u16(p.coff() + 18) | 1, 2); }, "relocations stripped"},
+        {[](Pe p) { p.put(p.directory(3) + 4, 0); }, "no exception directory"},
+        {[](Pe p) { p.put(p.directory(9), p.u32(p.directory(1))), p.put(p.directory(9) + 4, 40); },
+         "a TLS directory"},
+        {[](Pe p) { p.put(p.directory(1), p.u32(p.section(0) + 12)); },
+         "import table lies inside executable section .text"},
+        {[](Pe p) { p.put(p.directory(12), p.u32(p.section(0) + 12)); },
+         "import address table lies inside executable section .text"},
+        {[](Pe p) {
+             p.put(p.directory(0), p.u32(p.section(0) + 12)), p.put(p.directory(0) + 4, 40);
+         },
+         "export table lies inside executable section .text"},
     };
     for (const auto& [damage, reason] : damages) {
         Bytes copy = file;
         damage(Pe{copy});
+        if (std::string(reason) != "CheckSum")
+            Pe{copy}.sum();
         EXPECT_FALSE(LoadedImage::load(copy, exports, &error)) << reason;
         EXPECT_NE(error.find(reason), std::string::npos) << error << " lacks " << reason;
     }
@@ -142,6 +172,24 @@ TEST_F(ImageProbe, DbgPrintFormatsAsWindowsCr8IsTheThreadsIrqlAndCliIsAVerifierF
     EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
     EXPECT_EQ(run(u'c'), Lines{"probe after cli"});
     EXPECT_TRUE(reported("privileged instruction at .*\\): fa"));
+}
+
+// Driver Verifier's special pool, kernel stack and code integrity faults,
+// made by image code and reported with where it made them.
+TEST_F(ImageProbe, OverrunsUsesAfterFreeDeepStacksAndExecutablePoolAreVerifierReports) {
+    hostk::setSpecialPool(hostk::SpecialPool::VerifyEnd);
+    const std::pair<char16_t, const char*> faults[] = {
+        {u'o', "^special pool: write at offset 16, past the end of pool block 'Pobe' of 16 bytes, "
+               "allocation #[0-9]+ by mmeprobe.sys\\+0x[0-9a-f]+ .*0xCD\\)$"},
+        {u'f', "^special pool: read at offset 0 of freed pool block 'Pobe' .*0xCC\\)$"},
+        {u'r', "^driver stack overflow: more than 24576 bytes .* at mmeprobe.sys\\+0x"},
+        {u'x', "^code integrity: .* pool type 0 from driver code at mmeprobe.sys.*0x2000\\)$"}};
+    for (const auto& [command, report] : faults) {
+        run(command);
+        EXPECT_TRUE(reported(report)) << char(command);
+    }
+    EXPECT_GT(hostk::deepestDriverStack(), hostk::kDriverStackSize);
+    hostk::forgetDriverStackUse(); // not the driver's
 }
 
 TEST_F(ImageProbe, GsGivesEachThreadItsOwnThreadObject) {

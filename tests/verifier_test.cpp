@@ -12,7 +12,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -38,6 +40,44 @@ TEST(VerifierRules, ReferencesNotReturnedByRemovalAreCaught) {
     EXPECT_EQ(device.model.callCount(USBCall_Unregister), 1u);
     EXPECT_EQ(hostk::poolStats().liveBlocks, 0u) << hostk::leakReport();
     EXPECT_EQ(hostk::liveIrps(), 0u);
+}
+
+// Special pool, either way round: each wrong access to a 16-byte block is
+// reported, when it happens or when the block is freed, by its name.
+TEST(VerifierRules, SpecialPoolReportsOverrunsUnderrunsUsesAfterFreeAndDamagedPatterns) {
+    using hostk::SpecialPool;
+    struct Fault {
+        SpecialPool mode;
+        std::function<void(volatile char*)> access; // before the free; with null, after it
+        bool afterFree;
+        const char* report;
+    };
+    const Fault faults[] = {
+        {SpecialPool::VerifyEnd, [](volatile char* b) { b[16] = 1; }, false,
+         "^special pool: write at offset 16, past the end of pool block 'FreV' of 16 "
+         "bytes.*0xCD\\)$"},
+        {SpecialPool::VerifyStart, [](volatile char* b) { (void)b[-1]; }, false,
+         "^special pool: read at offset -1, before the start of pool block 'FreV'"},
+        {SpecialPool::VerifyEnd, [](volatile char* b) { (void)b[3]; }, true,
+         "^special pool: read at offset 3 of freed pool block 'FreV' .*0xCC\\)$"},
+        {SpecialPool::VerifyEnd, [](volatile char* b) { b[-2] = 1; }, false,
+         "pattern before it overwritten at offset -2 \\(SPECIAL_POOL_DETECTED_MEMORY_CORRUPTION"},
+        {SpecialPool::VerifyStart, [](volatile char* b) { b[17] = 1; }, false,
+         "pattern after it overwritten at offset 17"},
+    };
+    for (const Fault& f : faults) {
+        hostk::setSpecialPool(f.mode);
+        auto* block = static_cast<volatile char*>(ExAllocatePoolWithTag(NonPagedPoolNx, 16, kTag));
+        if (!f.afterFree)
+            f.access(block);
+        ExFreePoolWithTag((PVOID)block, kTag);
+        if (f.afterFree)
+            f.access(block);
+        const auto reports = hostk::verifierFailures();
+        hostk::clearVerifierFailures();
+        ASSERT_EQ(reports.size(), 1u) << f.report;
+        EXPECT_TRUE(std::regex_search(reports[0], std::regex(f.report))) << reports[0];
+    }
 }
 
 // ---- The driver's own paths run clean ----
@@ -136,6 +176,11 @@ TEST(VerifierDriverPaths, AWholeDeviceLifeRunsWithoutAViolation) {
     EXPECT_EQ(hostk::poolStats().liveBlocks, 0u) << hostk::leakReport();
     EXPECT_EQ(hostk::pendingTimers(), 0u);
     EXPECT_EQ(hostk::verifierFailures(), std::vector<std::string>());
+    // All of it on 24 KB driver stacks, with room to spare.
+    if (rig.harness.loader.runsImage() || hostk::driverStacksLinked()) {
+        EXPECT_GT(hostk::deepestDriverStack(), 0u);
+        EXPECT_LT(hostk::deepestDriverStack(), hostk::kDriverStackSize / 3);
+    }
 }
 
 } // namespace

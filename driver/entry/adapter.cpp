@@ -52,7 +52,12 @@ bool ParkedDeviceRemoved(PDRIVER_OBJECT driver) {
 
 } // namespace
 
+void InitializeDriverRuntime() {
+    ExInitializeDriverRuntime(DrvRtPoolNxOptIn);
+}
+
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath) {
+    InitializeDriverRuntime();
     DbgPrint("*** DriverEntry (MME/KS/WDM) %s built:%s - %s\n", MME_VERSION_TEXT, __DATE__,
              __TIME__);
     NTSTATUS status = PcInitializeAdapterDriver(DriverObject, RegistryPath, AddDevice);

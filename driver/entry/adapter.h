@@ -12,6 +12,11 @@ constexpr ULONG MME_MAX_SUBDEVICES = 3;
 #define MME_VERSION_TEXT "v2.9.59.0"
 
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
+// What DriverEntry sets up before anything else: NonPagedPool allocations
+// non-executable where the kernel has such pool (the sources say NonPagedPool,
+// the build defines POOL_NX_OPTIN). Tests that run driver code without a
+// DriverEntry call it once.
+void InitializeDriverRuntime();
 
 // Passive level. Waits (in 20-ms steps, at most 5000 ms) while another
 // device instance is between its add and its start.

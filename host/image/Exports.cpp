@@ -63,6 +63,7 @@ const std::vector<Export>& hostExports() {
         NT(IoFreeIrp),
         NT(IofCallDriver),
         NT(IofCompleteRequest),
+        NT(RtlIsNtDdiVersionAvailable),
         {"ntoskrnl.exe", "memcpy", reinterpret_cast<void*>(&msMemcpy)},
         {"ntoskrnl.exe", "memmove", reinterpret_cast<void*>(&msMemmove)},
         {"ntoskrnl.exe", "memset", reinterpret_cast<void*>(&msMemset)},

@@ -5,14 +5,21 @@
 #include "PeImage.h"
 
 #include "ImageRegistry.h"
+#include "host/kernel/HostKernel.h"
 
+#include <cxxabi.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <sstream>
+
+extern "C" void hostk_image_enter();
 
 namespace hostimg {
 namespace {
@@ -20,11 +27,17 @@ namespace {
 constexpr uint16_t kMachineAmd64 = 0x8664;
 constexpr uint16_t kMagicPe32Plus = 0x20b;
 constexpr uint16_t kSubsystemNative = 1;
+constexpr uint16_t kCharRelocsStripped = 0x0001;
 constexpr uint16_t kCharExecutable = 0x0002;
 constexpr uint16_t kCharDll = 0x2000;
 constexpr uint32_t kScnUninitialized = 0x00000080;
+constexpr int kDirExport = 0;
 constexpr int kDirImport = 1;
+constexpr int kDirException = 3;
 constexpr int kDirBaseReloc = 5;
+constexpr int kDirTls = 9;
+constexpr int kDirIat = 12;
+constexpr uint32_t kThunkSize = 16;
 constexpr uint32_t kMaxImage = 64u << 20; // no driver comes near; bounds a fuzzed mmap
 constexpr uint32_t kPage = 4096;
 
@@ -91,6 +104,11 @@ bool parseHeaders(const uint8_t* file, size_t size, Layout* layout, std::string*
         return fail(error, "not an executable image (object file or failed link)");
     if (characteristics & kCharDll)
         return fail(error, "a DLL, not a driver image");
+    // PE format, IMAGE_FILE_RELOCS_STRIPPED: such an image must be loaded at
+    // its preferred base, and the kernel loads drivers where it finds room.
+    if (characteristics & kCharRelocsStripped)
+        return fail(error, "relocations stripped (IMAGE_FILE_RELOCS_STRIPPED): a driver is loaded "
+                           "at an address of the kernel's choosing");
 
     const uint64_t optOffset = uint64_t(pe) + 24;
     if (optionalSize < 112 || !fits(optOffset, optionalSize, size))
@@ -99,6 +117,7 @@ bool parseHeaders(const uint8_t* file, size_t size, Layout* layout, std::string*
     const uint8_t* opt = file + optOffset;
     if (rd16(opt) != kMagicPe32Plus)
         return fail(error, "optional header magic " + hex(rd16(opt)) + " is not PE32+ (0x20b)");
+    layout->checkSumOffset = uint32_t(optOffset + 64);
     layout->entryRva = rd32(opt + 16);
     layout->imageBase = rd64(opt + 24);
     layout->sectionAlignment = rd32(opt + 32);
@@ -114,9 +133,12 @@ bool parseHeaders(const uint8_t* file, size_t size, Layout* layout, std::string*
     if (!powerOfTwo(fileAlignment) || fileAlignment < 512 || fileAlignment > 65536)
         return fail(error, "file alignment " + hex(fileAlignment) +
                                " is not a power of two in 0x200..0x10000");
+    // Code integrity (0x2004, "the image contains a section that is not page
+    // aligned"): each section gets its own page protections.
     if (!powerOfTwo(layout->sectionAlignment) || layout->sectionAlignment < kPage)
         return fail(error, "section alignment " + hex(layout->sectionAlignment) +
-                               " is not a power of two of at least a page");
+                               " is not a power of two of at least a page (sections must start "
+                               "on pages)");
     if (layout->sizeOfImage == 0 || layout->sizeOfImage > kMaxImage ||
         layout->sizeOfImage % layout->sectionAlignment)
         return fail(error, "size of image " + hex(layout->sizeOfImage) +
@@ -138,6 +160,20 @@ bool parseHeaders(const uint8_t* file, size_t size, Layout* layout, std::string*
     };
     layout->imports = directory(kDirImport);
     layout->relocations = directory(kDirBaseReloc);
+    layout->exceptions = directory(kDirException);
+    const Directory exports = directory(kDirExport), iat = directory(kDirIat);
+    // x64 exception handling: "Table-based exception handling requires a
+    // table entry for all functions that allocate stack space or call
+    // another function"; without one nothing can unwind the driver's code
+    // (a bug check's stack, an exception). Windows would still load it; the
+    // stricter choice refuses.
+    if (layout->exceptions.size == 0)
+        return fail(error, "no exception directory (.pdata): the x64 code cannot be unwound");
+    // The kernel's loader sets up no thread-local storage for a driver, so
+    // TLS data would be shared or missing; the documentation is silent and
+    // the stricter choice refuses.
+    if (directory(kDirTls).size != 0)
+        return fail(error, "a TLS directory: the kernel gives a driver no thread-local storage");
 
     const uint64_t tableOffset = optOffset + optionalSize;
     if (sectionCount == 0 || sectionCount > 96)
@@ -161,6 +197,10 @@ bool parseHeaders(const uint8_t* file, size_t size, Layout* layout, std::string*
         if (s.rawSize == 0) // nothing comes from the file, wherever the offset points
             s.rawOffset = 0;
         const std::string which = "section " + std::to_string(i) + " (" + s.name + ")";
+        // Code integrity (0x2003) and memory integrity: executable pages are
+        // never writable.
+        if (s.executable() && s.writable())
+            return fail(error, which + " is writable and executable");
         if (s.virtualSize == 0)
             s.virtualSize = s.rawSize;
         if (s.rva % layout->sectionAlignment)
@@ -193,6 +233,70 @@ bool parseHeaders(const uint8_t* file, size_t size, Layout* layout, std::string*
         return fail(error, "import directory lies outside the image");
     if (!inImage(layout->relocations))
         return fail(error, "relocation directory lies outside the image");
+    if (!inImage(layout->exceptions) || layout->exceptions.size % 12)
+        return fail(error,
+                    "exception directory is not a table of RUNTIME_FUNCTIONs inside the image");
+    // Code integrity (0x2005, "the image contains an IAT located in an
+    // executable section"); the import and export tables are data the loader
+    // writes or reads, never code.
+    const std::pair<const char*, Directory> tables[] = {{"import table", layout->imports},
+                                                        {"import address table", iat},
+                                                        {"export table", exports}};
+    for (const auto& [what, d] : tables)
+        for (const Section& s : layout->sections)
+            if (d.size && s.executable() && d.rva < uint64_t(s.rva) + s.virtualSize &&
+                s.rva < uint64_t(d.rva) + d.size)
+                return fail(error, std::string(what) + " lies inside executable section " + s.name);
+    return true;
+}
+
+uint32_t fileChecksum(const uint8_t* file, size_t size, uint32_t fieldOffset) {
+    uint64_t sum = 0;
+    for (size_t i = 0; i < size; i += 2) {
+        uint32_t word = file[i] | (i + 1 < size ? file[i + 1] << 8 : 0);
+        if (i >= fieldOffset && i < uint64_t(fieldOffset) + 4)
+            word = 0;
+        sum += word;
+        sum = (sum & 0xffff) + (sum >> 16);
+    }
+    return uint32_t(((sum & 0xffff) + (sum >> 16)) + size);
+}
+
+// PE format, CheckSum: "checked at load time" for drivers; "Checksums are
+// required for kernel-mode drivers" (CheckSumMappedFile).
+bool verifyChecksum(const uint8_t* file, size_t size, const Layout& layout, std::string* error) {
+    if (!fits(layout.checkSumOffset, 4, size))
+        return fail(error, "no CheckSum field inside the file");
+    const uint32_t stored = rd32(file + layout.checkSumOffset);
+    const uint32_t computed = fileChecksum(file, size, layout.checkSumOffset);
+    if (stored != computed)
+        return fail(error,
+                    "CheckSum " + hex(stored) + " does not match the image's " + hex(computed));
+    return true;
+}
+
+bool readFunctions(const uint8_t* image, const Layout& layout, std::vector<Function>* functions,
+                   std::string* error) {
+    functions->clear();
+    uint32_t previousEnd = 0;
+    for (uint32_t at = 0; at < layout.exceptions.size; at += 12) {
+        const uint8_t* e = image + layout.exceptions.rva + at;
+        const Function f{rd32(e), rd32(e + 4), rd32(e + 8)};
+        const std::string which = "function table entry " + std::to_string(at / 12);
+        const Section* code = nullptr;
+        for (const Section& s : layout.sections)
+            if (s.executable() && f.begin >= s.rva && f.end <= uint64_t(s.rva) + s.virtualSize)
+                code = &s;
+        if (f.begin >= f.end || !code)
+            return fail(error, which + " (" + hex(f.begin) + ".." + hex(f.end) +
+                                   ") is not inside executable code");
+        if (f.begin < previousEnd)
+            return fail(error, which + " at " + hex(f.begin) + " is out of order");
+        if (!fits(f.unwind & ~1u, 4, layout.sizeOfImage))
+            return fail(error, which + " has its unwind data outside the image");
+        previousEnd = f.end;
+        functions->push_back(f);
+    }
     return true;
 }
 
@@ -202,7 +306,8 @@ void mapSections(const uint8_t* file, const Layout& layout, uint8_t* image) {
         std::memcpy(image + s.rva, file + s.rawOffset, std::min(s.rawSize, s.virtualSize));
 }
 
-bool applyRelocations(uint8_t* image, const Layout& layout, uint64_t delta, std::string* error) {
+bool applyRelocations(uint8_t* image, const Layout& layout, uint64_t delta, std::string* error,
+                      std::vector<uint32_t>* slots) {
     const uint32_t end = layout.relocations.rva + layout.relocations.size;
     uint32_t at = layout.relocations.rva;
     while (at < end) {
@@ -227,6 +332,8 @@ bool applyRelocations(uint8_t* image, const Layout& layout, uint64_t delta, std:
             uint8_t* p = image + target;
             const uint64_t v = rd64(p) + delta;
             std::memcpy(p, &v, 8);
+            if (slots)
+                slots->push_back(uint32_t(target));
         }
         at += blockSize;
     }
@@ -290,6 +397,25 @@ bool bindImports(uint8_t* image, const Layout& layout, const Resolver& resolve,
     }
 }
 
+namespace {
+
+// Names the code of whichever loaded image holds pc, for the host kernel's
+// reports.
+bool describeImageCode(uintptr_t pc, char* text, size_t size) {
+    const LoadedImage* image = imageOwning(pc);
+    return image && image->describe(pc, text, size);
+}
+
+std::string demangled(const std::string& name) {
+    int status = -1;
+    char* text = abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status);
+    std::string result = status == 0 && text ? text : name;
+    std::free(text);
+    return result;
+}
+
+} // namespace
+
 std::unique_ptr<LoadedImage> LoadedImage::loadFile(const std::string& path, const Resolver& resolve,
                                                    std::string* error) {
     std::ifstream in(path, std::ios::binary);
@@ -301,30 +427,46 @@ std::unique_ptr<LoadedImage> LoadedImage::loadFile(const std::string& path, cons
                                std::istreambuf_iterator<char>());
     std::string reason;
     auto image = load(bytes, resolve, &reason);
-    if (!image)
+    if (!image) {
         fail(error, path + ": " + reason);
+        return image;
+    }
+    const size_t slash = path.find_last_of('/');
+    image->mName = path.substr(slash == std::string::npos ? 0 : slash + 1);
+    const size_t dot = path.find_last_of('.');
+    if (dot != std::string::npos && (slash == std::string::npos || dot > slash))
+        image->readLinkMap(path.substr(0, dot) + ".map");
     return image;
 }
 
 std::unique_ptr<LoadedImage> LoadedImage::load(const std::vector<uint8_t>& file,
                                                const Resolver& resolve, std::string* error) {
     std::unique_ptr<LoadedImage> image(new LoadedImage);
-    if (!parseHeaders(file.data(), file.size(), &image->mLayout, error))
+    if (!parseHeaders(file.data(), file.size(), &image->mLayout, error) ||
+        !verifyChecksum(file.data(), file.size(), image->mLayout, error))
         return nullptr;
     const Layout& layout = image->mLayout;
-    void* mem = mmap(nullptr, layout.sizeOfImage, PROT_READ | PROT_WRITE,
-                     MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    // The thunks follow the image, within reach of its RIP-relative LEAs.
+    const size_t thunks = layout.exceptions.size / 12 + layout.relocations.size / 2 + 1;
+    const size_t thunkBytes = (kThunkSize * thunks + kPage - 1) / kPage * kPage;
+    const size_t mapped = size_t(layout.sizeOfImage) + thunkBytes;
+    void* mem = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (mem == MAP_FAILED) {
-        fail(error, "cannot map " + std::to_string(layout.sizeOfImage) + " bytes");
+        fail(error, "cannot map " + std::to_string(mapped) + " bytes");
         return nullptr;
     }
     image->mBase = static_cast<uint8_t*>(mem);
-    image->mMapped = layout.sizeOfImage;
+    image->mMapped = mapped;
+    image->mThunkArea = layout.sizeOfImage;
     mapSections(file.data(), layout, image->mBase);
     const uint64_t delta = reinterpret_cast<uintptr_t>(image->mBase) - layout.imageBase;
-    if (!applyRelocations(image->mBase, layout, delta, error) ||
+    std::vector<uint32_t> slots;
+    std::vector<Function> functions;
+    if (!readFunctions(image->mBase, layout, &functions, error) ||
+        !applyRelocations(image->mBase, layout, delta, error, &slots) ||
         !bindImports(image->mBase, layout, resolve, &image->mImports, error))
         return nullptr;
+    image->makeThunks(functions, slots);
     // Headers read-only; each section as its flags say (code read+execute,
     // read-only data read-only, data read+write), rounded up to pages.
     bool ok = mprotect(image->mBase, layout.sizeOfHeaders, PROT_READ) == 0;
@@ -337,16 +479,177 @@ std::unique_ptr<LoadedImage> LoadedImage::load(const std::vector<uint8_t>& file,
         const size_t length = (size_t(s.virtualSize) + kPage - 1) / kPage * kPage;
         ok = ok && mprotect(image->mBase + s.rva, length, prot) == 0;
     }
+    ok = ok && mprotect(image->mBase + image->mThunkArea, thunkBytes, PROT_READ | PROT_EXEC) == 0;
     if (!ok) {
         fail(error, "cannot set section protections");
         return nullptr;
     }
-    if (!registerImage(image->mBase, layout.sizeOfImage)) {
+    if (!registerImage(image->mBase, mapped, image.get())) {
         fail(error, "more than " + std::to_string(kMaxLoadedImages) + " images loaded at once");
         return nullptr;
     }
     image->mRegistered = true;
+    hostk::setCodeDescriber(&describeImageCode);
     return image;
+}
+
+// One thunk per function (the exception directory lists every function that
+// has a frame; leaf functions without one, such as the compiler's this-
+// adjusting thunks, are found as targets of relocated pointers). A thunk
+// loads the function into r11 and jumps to hostk_image_enter through the
+// jump at the area's start.
+void LoadedImage::makeThunks(const std::vector<Function>& functions,
+                             const std::vector<uint32_t>& slots) {
+    const uint64_t base = reinterpret_cast<uintptr_t>(mBase);
+    auto inCode = [&](uint64_t rva) {
+        for (const Section& s : mLayout.sections)
+            if (s.executable() && rva >= s.rva && rva < uint64_t(s.rva) + s.virtualSize)
+                return true;
+        return false;
+    };
+    auto insideFunction = [&](uint64_t rva) {
+        auto it = std::upper_bound(functions.begin(), functions.end(), rva,
+                                   [](uint64_t r, const Function& f) { return r < f.begin; });
+        return it != functions.begin() && rva < std::prev(it)->end;
+    };
+    std::vector<uint32_t> starts;
+    for (const Function& f : functions)
+        starts.push_back(f.begin);
+    for (uint32_t slot : slots) {
+        const uint64_t rva = rd64(mBase + slot) - base;
+        if (inCode(rva) && !insideFunction(rva))
+            starts.push_back(uint32_t(rva));
+    }
+    std::sort(starts.begin(), starts.end());
+    starts.erase(std::unique(starts.begin(), starts.end()), starts.end());
+    const size_t room = (mMapped - mThunkArea) / kThunkSize - 1;
+    if (starts.size() > room)
+        starts.resize(room);
+
+    uint8_t* area = mBase + mThunkArea;
+    const uint8_t jump[6] = {0xff, 0x25, 0, 0, 0, 0}; // jmp [rip+0]
+    std::memcpy(area, jump, 6);
+    const uint64_t enter = reinterpret_cast<uintptr_t>(&hostk_image_enter);
+    std::memcpy(area + 6, &enter, 8);
+    for (size_t i = 0; i < starts.size(); ++i) {
+        const uint32_t thunk = mThunkArea + kThunkSize * uint32_t(i + 1);
+        uint8_t* t = mBase + thunk;
+        const uint64_t target = base + starts[i];
+        t[0] = 0x49, t[1] = 0xbb; // mov r11, imm64
+        std::memcpy(t + 2, &target, 8);
+        t[10] = 0xe9; // jmp rel32 to the area's start
+        const int32_t back = int32_t(mThunkArea) - int32_t(thunk + 15);
+        std::memcpy(t + 11, &back, 4);
+        t[15] = 0xcc;
+        mThunks.emplace_back(starts[i], thunk);
+    }
+    auto thunkOf = [&](uint64_t rva) -> uint32_t {
+        auto it =
+            std::lower_bound(mThunks.begin(), mThunks.end(), std::make_pair(uint32_t(rva), 0u));
+        return it != mThunks.end() && it->first == rva ? it->second : 0;
+    };
+    for (uint32_t slot : slots)
+        if (const uint32_t thunk = thunkOf(rd64(mBase + slot) - base)) {
+            const uint64_t v = base + thunk;
+            std::memcpy(mBase + slot, &v, 8);
+        }
+    // lea reg, [rip+disp32] with REX.W (48..4F 8D, ModRM mod 00 r/m 101) whose
+    // target is a function start: the address of a callback taken at run time.
+    for (const Section& s : mLayout.sections) {
+        if (!s.executable() || s.virtualSize < 7)
+            continue;
+        for (uint32_t at = s.rva; at + 7 <= s.rva + s.virtualSize; ++at) {
+            const uint8_t* c = mBase + at;
+            if ((c[0] & 0xf8) != 0x48 || c[1] != 0x8d || (c[2] & 0xc7) != 0x05)
+                continue;
+            const int64_t target = int64_t(at) + 7 + int32_t(rd32(c + 3));
+            if (target < 0)
+                continue;
+            if (const uint32_t thunk = thunkOf(uint64_t(target))) {
+                const int32_t disp = int32_t(thunk) - int32_t(at + 7);
+                std::memcpy(mBase + at + 3, &disp, 4);
+            }
+        }
+    }
+}
+
+void* LoadedImage::entryPoint() const {
+    for (const auto& [function, thunk] : mThunks)
+        if (function == mLayout.entryRva)
+            return mBase + thunk;
+    return mBase + mLayout.entryRva;
+}
+
+// GNU ld's map: the input sections of -ffunction-sections (".text$NAME" and
+// its address, on the same line or the next) and the global symbols
+// ("ADDRESS  NAME", demangled).
+void LoadedImage::readLinkMap(const std::string& path) {
+    std::ifstream in(path);
+    if (!in)
+        return;
+    const uint64_t linked = mLayout.imageBase;
+    std::vector<std::pair<uint32_t, std::string>> symbols;
+    std::string line, pending;
+    auto add = [&](uint64_t address, const std::string& name, bool global) {
+        if (address < linked || address - linked >= mLayout.sizeOfImage || name.empty())
+            return;
+        symbols.emplace_back(uint32_t(address - linked), (global ? "1" : "0") + name);
+    };
+    while (std::getline(in, line)) {
+        std::istringstream words(line);
+        std::string first, second;
+        words >> first >> second;
+        if (!pending.empty() && first.rfind("0x", 0) == 0) {
+            add(std::strtoull(first.c_str(), nullptr, 16), demangled(pending), false);
+            pending.clear();
+            continue;
+        }
+        pending.clear();
+        if (first.rfind(".text$", 0) == 0) {
+            if (second.rfind("0x", 0) == 0)
+                add(std::strtoull(second.c_str(), nullptr, 16), demangled(first.substr(6)), false);
+            else
+                pending = first.substr(6);
+        } else if (first.rfind("0x", 0) == 0 && first.size() == 18 && !second.empty() &&
+                   second.rfind("0x", 0) != 0) {
+            const size_t at = line.find_first_not_of(" \t", line.find(first) + first.size());
+            add(std::strtoull(first.c_str(), nullptr, 16), line.substr(at), true);
+        }
+    }
+    // A global symbol names a place better than the section it is in.
+    std::sort(symbols.begin(), symbols.end(), [](const auto& a, const auto& b) {
+        return a.first != b.first ? a.first < b.first : a.second > b.second;
+    });
+    for (auto& [rva, name] : symbols)
+        if (mSymbols.empty() || mSymbols.back().first != rva)
+            mSymbols.emplace_back(rva, name.substr(1));
+}
+
+bool LoadedImage::describe(uintptr_t pc, char* text, size_t size) const {
+    const uintptr_t base = reinterpret_cast<uintptr_t>(mBase);
+    if (pc < base || pc - base >= mMapped)
+        return false;
+    uint32_t rva = uint32_t(pc - base);
+    const char* prefix = "";
+    if (rva >= mThunkArea) {
+        const uint32_t index = (rva - mThunkArea) / kThunkSize;
+        if (index == 0 || index > mThunks.size()) {
+            std::snprintf(text, size, "%s entry thunks", mName.c_str());
+            return true;
+        }
+        prefix = "entry thunk of ";
+        rva = mThunks[index - 1].first;
+    }
+    auto it = std::upper_bound(mSymbols.begin(), mSymbols.end(), rva,
+                               [](uint32_t r, const auto& symbol) { return r < symbol.first; });
+    if (it == mSymbols.begin()) {
+        std::snprintf(text, size, "%s%s+0x%x", prefix, mName.c_str(), rva);
+    } else {
+        --it;
+        std::snprintf(text, size, "%s%s+0x%x (%s+0x%x)", prefix, mName.c_str(), rva,
+                      it->second.c_str(), rva - it->first);
+    }
+    return true;
 }
 
 LoadedImage::~LoadedImage() {

@@ -2,6 +2,17 @@
 // process: headers checked, sections mapped with their own protections, base
 // relocations applied and every import bound to a host export by DLL and
 // name, as the kernel's loader does before it calls the entry point.
+// What Windows refuses to load, or its code integrity check and memory
+// integrity (HVCI) refuse, is refused here with its reason: a section both
+// writable and executable, a CheckSum that is not the file's, stripped
+// relocations, no exception directory, a TLS directory, an import or export
+// table inside executable code, sections not on pages.
+//
+// Every way into the image's code goes through a thunk the loader adds
+// after the image (host/kernel/Stacks.cpp: the code runs on a driver stack):
+// the entry point, every relocated pointer to a function (vtables, handler
+// tables) and every RIP-relative LEA of a function start (callbacks the
+// driver hands out at run time). Internal direct calls stay as they are.
 //
 // The steps are separate functions over plain memory so that the fuzz target
 // and the tests reach the parsing without mapping anything executable:
@@ -44,9 +55,18 @@ struct Layout {
     uint32_t sizeOfHeaders = 0;
     uint32_t sectionAlignment = 0;
     uint32_t entryRva = 0;
+    uint32_t checkSumOffset = 0; // of the optional header's CheckSum in the file
     Directory imports;
     Directory relocations;
+    Directory exceptions; // .pdata: RUNTIME_FUNCTION entries
     std::vector<Section> sections;
+};
+
+// A RUNTIME_FUNCTION of the exception directory.
+struct Function {
+    uint32_t begin = 0;
+    uint32_t end = 0;
+    uint32_t unwind = 0;
 };
 
 // One bound import, for reports and tests.
@@ -62,13 +82,25 @@ struct Import {
 // False with *error set when anything is off.
 bool parseHeaders(const uint8_t* file, size_t size, Layout* layout, std::string* error);
 
+// The file's checksum as the optional header's CheckSum is computed (the
+// field itself taken as zero); false with *error when it differs.
+uint32_t fileChecksum(const uint8_t* file, size_t size, uint32_t fieldOffset);
+bool verifyChecksum(const uint8_t* file, size_t size, const Layout& layout, std::string* error);
+
 // Copies headers and sections from the file into image (layout.sizeOfImage
 // bytes, zero-filled by the caller).
 void mapSections(const uint8_t* file, const Layout& layout, uint8_t* image);
 
+// The function table of a mapped image: sorted, each function inside an
+// executable section, its unwind data inside the image.
+bool readFunctions(const uint8_t* image, const Layout& layout, std::vector<Function>* functions,
+                   std::string* error);
+
 // Adds delta (new base minus the linked base) to every DIR64 target. Unknown
-// relocation types and targets outside the image are refused.
-bool applyRelocations(uint8_t* image, const Layout& layout, uint64_t delta, std::string* error);
+// relocation types and targets outside the image are refused. slots, when
+// given, receives the RVA of every target.
+bool applyRelocations(uint8_t* image, const Layout& layout, uint64_t delta, std::string* error,
+                      std::vector<uint32_t>* slots = nullptr);
 
 // Address a host export stands at, or null when the host has none.
 using Resolver = std::function<void*(const std::string& dll, const std::string& name)>;
@@ -82,6 +114,8 @@ bool bindImports(uint8_t* image, const Layout& layout, const Resolver& resolve,
 class LoadedImage {
 public:
     // Reads and loads a file; null with *error ("PATH: reason") on failure.
+    // The link map next to it (NAME.map for NAME.sys), when there is one,
+    // names the image's code in reports.
     static std::unique_ptr<LoadedImage> loadFile(const std::string& path, const Resolver& resolve,
                                                  std::string* error);
     static std::unique_ptr<LoadedImage> load(const std::vector<uint8_t>& file,
@@ -94,19 +128,29 @@ public:
     size_t size() const { return mLayout.sizeOfImage; }
     const Layout& layout() const { return mLayout; }
     const std::vector<Import>& imports() const { return mImports; }
-    void* entryPoint() const { return mBase + mLayout.entryRva; }
+    // The entry point's thunk: DriverEntry runs on a driver stack.
+    void* entryPoint() const;
     bool contains(const void* p) const {
         auto a = reinterpret_cast<const uint8_t*>(p);
         return a >= mBase && a < mBase + mLayout.sizeOfImage;
     }
+    // "NAME.sys+0x1234 (Symbol+0x10)" into text[size] for an address of the
+    // image or its thunks, without allocating; false for any other address.
+    bool describe(uintptr_t pc, char* text, size_t size) const;
 
 private:
     LoadedImage() = default;
+    void makeThunks(const std::vector<Function>& functions, const std::vector<uint32_t>& slots);
+    void readLinkMap(const std::string& path);
     uint8_t* mBase = nullptr;
     size_t mMapped = 0;
     bool mRegistered = false;
     Layout mLayout;
     std::vector<Import> mImports;
+    std::string mName = "image";
+    uint32_t mThunkArea = 0;                                // RVA of the thunks, after the image
+    std::vector<std::pair<uint32_t, uint32_t>> mThunks;     // function RVA, thunk RVA; sorted
+    std::vector<std::pair<uint32_t, std::string>> mSymbols; // sorted by RVA
 };
 
 } // namespace hostimg

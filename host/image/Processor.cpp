@@ -38,6 +38,7 @@ thread_local bool tAttached;
 struct Slot {
     std::atomic<uintptr_t> base{0};
     std::atomic<size_t> size{0};
+    std::atomic<const LoadedImage*> owner{nullptr};
 };
 Slot gImages[kMaxLoadedImages];
 
@@ -227,10 +228,11 @@ void onSegv(int sig, siginfo_t* info, void* context) {
 
 // A slot is claimed by its base; its size follows before the image's code
 // can run (the loader returns only afterwards).
-bool registerImage(const uint8_t* base, size_t size) {
+bool registerImage(const uint8_t* base, size_t size, const LoadedImage* owner) {
     for (Slot& s : gImages) {
         uintptr_t expected = 0;
         if (s.base.compare_exchange_strong(expected, reinterpret_cast<uintptr_t>(base))) {
+            s.owner.store(owner, std::memory_order_release);
             s.size.store(size, std::memory_order_release);
             return true;
         }
@@ -238,10 +240,21 @@ bool registerImage(const uint8_t* base, size_t size) {
     return false;
 }
 
+const LoadedImage* imageOwning(uintptr_t address) {
+    for (Slot& s : gImages) {
+        const uintptr_t b = s.base.load(std::memory_order_acquire);
+        const size_t n = s.size.load(std::memory_order_acquire);
+        if (b && address >= b && address - b < n)
+            return s.owner.load(std::memory_order_acquire);
+    }
+    return nullptr;
+}
+
 void unregisterImage(const uint8_t* base) {
     for (Slot& s : gImages) {
         if (s.base.load(std::memory_order_acquire) == reinterpret_cast<uintptr_t>(base)) {
             s.size.store(0, std::memory_order_release);
+            s.owner.store(nullptr, std::memory_order_release);
             s.base.store(0, std::memory_order_release);
             return;
         }

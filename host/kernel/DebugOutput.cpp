@@ -496,6 +496,7 @@ extern "C" {
 
 ULONG NTAPI DbgPrint(PCSTR Format, ...) {
     hostk::detail::checkDriverThread(); // every trace line carries the thread
+    hostk::detail::checkDriverStack(__builtin_return_address(0), __builtin_frame_address(0));
     __builtin_ms_va_list args;
     __builtin_ms_va_start(args, Format);
     bool wide = false;

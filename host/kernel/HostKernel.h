@@ -70,6 +70,22 @@ constexpr unsigned char kPoolFill = 0xA5;
 constexpr unsigned char kPoolFreedFill = 0xDD;
 // Pool live statistics, leak reports and checkClean count only blocks (and
 // IRPs, device objects) made since the last resetForTest.
+// Special pool, as Driver Verifier's ("Special Pool": Verify End, Verify
+// Start): every block on pages of its own, VerifyEnd at the end of its last
+// page before a no-access guard page (overruns), VerifyStart at the start
+// of its first page after one (underruns); the rest of the pages filled with
+// a pattern checked at free; a freed block made no-access and kept in a
+// bounded quarantine before its pages are reused. An access to a guard page
+// or a freed block is a verifier report naming the instruction, the block
+// (tag, size, allocation number) and whether it was freed; the pages are
+// then opened so the caller continues and the test fails. For allocations
+// made from now on; MME_SPECIAL_POOL=end|start sets it at process start and
+// at every resetForTest.
+enum class SpecialPool { Off, VerifyEnd, VerifyStart };
+void setSpecialPool(SpecialPool mode);
+SpecialPool specialPool();
+// An allocation from driver code with an executable pool type is a verifier
+// report, as Driver Verifier's code integrity check makes it (0xC4, 0x2000).
 
 // ---- Verifier ----
 // Violations (passive-only service at dispatch level, allocation or
@@ -108,6 +124,31 @@ void runAtDispatch(const std::function<void()>& fn);
 // reads the creator's thread object. Such a call is a verifier failure.
 void enterDriverThread();
 void setDriverThreadHooks(void (*attach)(), bool (*owns)());
+
+// ---- Kernel stacks ----
+// Driver code runs on stacks of 24 KB with a guard page below, as on x64
+// Windows (host/kernel/Stacks.cpp): every thread that calls into the driver
+// gets one, for the driver's part of its work; host code the driver calls
+// runs on the thread's own stack. Overflowing one is a verifier report.
+constexpr size_t kDriverStackSize = 24 * 1024;
+// Whether this build's linked driver runs on them (GCC builds without
+// sanitizers); a loaded image always does.
+bool driverStacksLinked();
+// The most bytes of a driver stack any thread of the process has used so far
+// (the stacks are painted). MME_STACK_REPORT=FILE appends it at exit.
+size_t deepestDriverStack();
+// Forgets the use recorded so far and paints the calling thread's driver
+// stack again (after a test that overflows it on purpose).
+void forgetDriverStackUse();
+bool onDriverStack(const void* p);
+
+// ---- Code addresses in reports ----
+// A loaded image names its own code (offset and nearest symbol of its link
+// map); other code is named by shared object and symbol. The describer
+// writes a NUL-terminated text into text[size] without allocating (it runs
+// in the fault handler) and returns false for an address not its own.
+void setCodeDescriber(bool (*describe)(uintptr_t pc, char* text, size_t size));
+std::string describeCode(uintptr_t pc);
 
 // ---- Time ----
 // Virtual time: KeDelayExecutionThread returns at once and advances the

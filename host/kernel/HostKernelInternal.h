@@ -4,9 +4,16 @@
 
 #include "HostKernel.h"
 
+#include <signal.h>
+#include <ucontext.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
+
+// Host functions so small that they run where they are called, on a driver
+// stack too (Stacks.cpp moves the others to the thread's own stack).
+#define HOSTK_LEAF __attribute__((no_instrument_function))
 
 namespace hostk::detail {
 
@@ -20,6 +27,8 @@ void setCurrentIrql(KIRQL irql);
 const char* noAllocScope();
 // Records a violation; also printed to stderr while no test has reset the kernel.
 void verifierFailure(const std::string& text);
+// The same, without first taking in the fault handler's deferred reports.
+void recordVerifierFailure(const std::string& text);
 void setVerifierQuiet(bool quiet);
 // "KeDelayExecutionThread" -> a failure when this thread is at dispatch level.
 void requirePassive(const char* service);
@@ -40,6 +49,30 @@ void* poolAllocate(size_t size, ULONG tag, BlockKind kind);
 bool poolFree(void* p, BlockKind kind, const char* service);
 // Starts a new test generation: blocks alive now are no longer counted.
 void poolNewGeneration();
+
+// ---- Kernel stacks and faults (Stacks.cpp, Faults.cpp) ----
+// The SIGSEGV handler for guard pages of driver stacks and special pool;
+// installed once, chaining to the handler before it.
+void installFaultHandler();
+bool stackFault(const siginfo_t* info, const ucontext_t* context);
+bool poolFault(const siginfo_t* info, const ucontext_t* context);
+// Whether a host function with this return address was called from a driver
+// stack (the switch left its trampoline there); caller gets the return
+// address into driver code.
+bool calledFromDriver(const void* returnAddress, uintptr_t* caller);
+// Return address into driver code of the host call this thread is in, 0 when none.
+uintptr_t currentDriverCaller();
+// For the fault handler, which must not allocate: names pc into text[size]
+// (the image's describer, else shared object and symbol), and keeps a
+// report until the verifier's list is next read or added to.
+void describeCodeInto(uintptr_t pc, char* text, size_t size);
+void deferVerifierFailure(const char* text);
+// Moves the deferred reports into the verifier's list.
+void flushDeferredFailures();
+// A verifier failure when loaded image code calls the host (returnAddress)
+// from a stack that is not a driver stack: an entry into the image that the
+// loader's thunks missed.
+void checkDriverStack(const void* returnAddress, const void* frame);
 
 // ---- Timers (Timers.cpp) ----
 // Removes every pending timer whose KTIMER or KDPC lies inside

@@ -66,12 +66,14 @@ void setDriverThreadHooks(void (*attach)(), bool (*owns)()) {
 }
 
 std::vector<std::string> verifierFailures() {
+    detail::flushDeferredFailures();
     auto& v = verifier();
     std::lock_guard<std::mutex> lock(v.mutex);
     return v.failures;
 }
 
 void clearVerifierFailures() {
+    detail::flushDeferredFailures();
     auto& v = verifier();
     std::lock_guard<std::mutex> lock(v.mutex);
     v.failures.clear();
@@ -129,6 +131,11 @@ const char* noAllocScope() {
 }
 
 void verifierFailure(const std::string& text) {
+    flushDeferredFailures(); // they came first
+    recordVerifierFailure(text);
+}
+
+void recordVerifierFailure(const std::string& text) {
     auto& v = verifier();
     std::lock_guard<std::mutex> lock(v.mutex);
     v.failures.push_back(text);
@@ -199,11 +206,11 @@ void releaseLock(PKSPIN_LOCK lock, const char* service) {
 
 extern "C" {
 
-PKTHREAD NTAPI KeGetCurrentThread(void) {
+HOSTK_LEAF PKTHREAD NTAPI KeGetCurrentThread(void) {
     return &tThread;
 }
 
-KIRQL NTAPI KeGetCurrentIrql(void) {
+HOSTK_LEAF KIRQL NTAPI KeGetCurrentIrql(void) {
     return tThread.irql;
 }
 
@@ -228,7 +235,7 @@ void NTAPI KeLowerIrql(KIRQL NewIrql) {
     tThread.irql = NewIrql;
 }
 
-void NTAPI KeInitializeSpinLock(PKSPIN_LOCK SpinLock) {
+HOSTK_LEAF void NTAPI KeInitializeSpinLock(PKSPIN_LOCK SpinLock) {
     __atomic_store_n(SpinLock, (ULONG_PTR)0, __ATOMIC_RELAXED);
 }
 
@@ -270,30 +277,31 @@ void NTAPI KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock) {
     releaseLock(SpinLock, "KeReleaseSpinLockFromDpcLevel");
 }
 
-LONG NTAPI InterlockedIncrement(LONG volatile* Addend) {
+HOSTK_LEAF LONG NTAPI InterlockedIncrement(LONG volatile* Addend) {
     return __atomic_add_fetch(Addend, 1, __ATOMIC_SEQ_CST);
 }
 
-LONG NTAPI InterlockedDecrement(LONG volatile* Addend) {
+HOSTK_LEAF LONG NTAPI InterlockedDecrement(LONG volatile* Addend) {
     return __atomic_sub_fetch(Addend, 1, __ATOMIC_SEQ_CST);
 }
 
-LONG NTAPI InterlockedExchange(LONG volatile* Target, LONG Value) {
+HOSTK_LEAF LONG NTAPI InterlockedExchange(LONG volatile* Target, LONG Value) {
     return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
 }
 
-LONG NTAPI InterlockedCompareExchange(LONG volatile* Destination, LONG Exchange, LONG Comparand) {
+HOSTK_LEAF LONG NTAPI InterlockedCompareExchange(LONG volatile* Destination, LONG Exchange,
+                                                 LONG Comparand) {
     __atomic_compare_exchange_n(Destination, &Comparand, Exchange, false, __ATOMIC_SEQ_CST,
                                 __ATOMIC_SEQ_CST);
     return Comparand;
 }
 
-PVOID NTAPI InterlockedExchangePointer(PVOID volatile* Target, PVOID Value) {
+HOSTK_LEAF PVOID NTAPI InterlockedExchangePointer(PVOID volatile* Target, PVOID Value) {
     return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
 }
 
-PVOID NTAPI InterlockedCompareExchangePointer(PVOID volatile* Destination, PVOID Exchange,
-                                              PVOID Comparand) {
+HOSTK_LEAF PVOID NTAPI InterlockedCompareExchangePointer(PVOID volatile* Destination,
+                                                         PVOID Exchange, PVOID Comparand) {
     __atomic_compare_exchange_n(Destination, &Comparand, Exchange, false, __ATOMIC_SEQ_CST,
                                 __ATOMIC_SEQ_CST);
     return Comparand;
@@ -301,7 +309,7 @@ PVOID NTAPI InterlockedCompareExchangePointer(PVOID volatile* Destination, PVOID
 
 // Run-down protection as the kernel keeps it: the count of holders in steps
 // of 2, bit 0 set once a run-down has begun (no new holder gets in).
-void NTAPI ExInitializeRundownProtection(PEX_RUNDOWN_REF RunRef) {
+HOSTK_LEAF void NTAPI ExInitializeRundownProtection(PEX_RUNDOWN_REF RunRef) {
     __atomic_store_n(&RunRef->Count, (ULONG_PTR)0, __ATOMIC_RELEASE);
 }
 
@@ -311,7 +319,7 @@ void NTAPI ExReInitializeRundownProtection(PEX_RUNDOWN_REF RunRef) {
     __atomic_store_n(&RunRef->Count, (ULONG_PTR)0, __ATOMIC_RELEASE);
 }
 
-BOOLEAN NTAPI ExAcquireRundownProtection(PEX_RUNDOWN_REF RunRef) {
+HOSTK_LEAF BOOLEAN NTAPI ExAcquireRundownProtection(PEX_RUNDOWN_REF RunRef) {
     ULONG_PTR count = __atomic_load_n(&RunRef->Count, __ATOMIC_ACQUIRE);
     for (;;) {
         if (count & 1)
@@ -345,6 +353,11 @@ void NTAPI ExWaitForRundownProtectionRelease(PEX_RUNDOWN_REF RunRef) {
     }
     while (__atomic_load_n(&RunRef->Count, __ATOMIC_ACQUIRE) != 1)
         sched_yield();
+}
+
+// The host kernel is Windows 10 version 22H2 (NTDDI_WIN10_VB).
+BOOLEAN NTAPI RtlIsNtDdiVersionAvailable(ULONG Version) {
+    return Version <= 0x0A000008 ? TRUE : FALSE;
 }
 
 } // extern "C"

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 
 namespace {
@@ -16,6 +17,11 @@ bool gUnclean = false;
 class HostKernelCleanliness : public ::testing::EmptyTestEventListener {
     void OnTestStart(const ::testing::TestInfo&) override {
         hostk::resetForTest();
+        // The image runs under special pool (Verify End unless
+        // MME_SPECIAL_POOL says otherwise): its overruns and uses after free
+        // are caught, as AddressSanitizer catches the linked driver's.
+        if (!hostpc::driverImage().empty() && !std::getenv("MME_SPECIAL_POOL"))
+            hostk::setSpecialPool(hostk::SpecialPool::VerifyEnd);
         hostpc::resetForTest();
         ResetPdoHandOver();
     }
@@ -46,6 +52,9 @@ class DriverImagePresent : public ::testing::Environment {
 
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
+    // The kernel runs DriverEntry before any driver code; these suites also
+    // run the driver's objects without one.
+    InitializeDriverRuntime();
     ::testing::UnitTest::GetInstance()->listeners().Append(new HostKernelCleanliness);
     ::testing::AddGlobalTestEnvironment(new DriverImagePresent);
     int result = RUN_ALL_TESTS();

@@ -133,7 +133,12 @@ typedef struct _UNICODE_STRING {
 #define KernelMode 0
 #define UserMode 1
 
-typedef enum _POOL_TYPE { NonPagedPool = 0, PagedPool = 1, NonPagedPoolNx = 512 } POOL_TYPE;
+typedef enum _POOL_TYPE {
+    NonPagedPool = 0,
+    NonPagedPoolExecute = NonPagedPool,
+    PagedPool = 1,
+    NonPagedPoolNx = 512
+} POOL_TYPE;
 
 struct _DEVICE_OBJECT;
 struct _DRIVER_OBJECT;
@@ -456,7 +461,30 @@ PVOID NTAPI InterlockedExchangePointer(PVOID volatile* Target, PVOID Value);
 PVOID NTAPI InterlockedCompareExchangePointer(PVOID volatile* Destination, PVOID Exchange,
                                               PVOID Comparand);
 
+// Windows 8 and later (RtlIsNtDdiVersionAvailable).
+BOOLEAN NTAPI RtlIsNtDdiVersionAvailable(ULONG Version);
+
 } // extern "C"
+
+#define NTDDI_WIN8 0x06020000
+// The single-binary opt-in to non-executable pool, as wdm.h has it ("Single
+// Binary Opt-In: POOL_NX_OPTIN"): a module compiled with POOL_NX_OPTIN=1
+// reads NonPagedPool from a variable of its own, executable until DriverEntry
+// calls ExInitializeDriverRuntime(DrvRtPoolNxOptIn) on a kernel that has
+// non-executable pool.
+#define DrvRtPoolNxOptIn 0x00000001
+#if defined(POOL_NX_OPTIN) && POOL_NX_OPTIN
+inline POOL_TYPE ExDefaultNonPagedPoolType = NonPagedPoolExecute;
+#define NonPagedPool ExDefaultNonPagedPoolType
+#endif
+inline void ExInitializeDriverRuntime(ULONG RuntimeFlags) {
+#if defined(POOL_NX_OPTIN) && POOL_NX_OPTIN
+    if ((RuntimeFlags & DrvRtPoolNxOptIn) != 0 && RtlIsNtDdiVersionAvailable(NTDDI_WIN8))
+        ExDefaultNonPagedPoolType = NonPagedPoolNx;
+#else
+    (void)RuntimeFlags;
+#endif
+}
 
 // With pool tagging (as the Windows build is compiled), ExAllocatePool is a
 // tagged allocation with the kernel's default tag.

@@ -21,6 +21,10 @@
 // and would only produce ignored-attribute warnings on every interface.
 #define DECLSPEC_NOVTABLE
 #define DECLSPEC_NOTHROW
+// mingw: wdm.h sends RtlIsNtDdiVersionAvailable to the WDK's static
+// down-level library (Wdmlib...), which mingw lacks; every kernel since
+// Windows 8 exports it. Defined as itself, the name stays the export.
+#define RtlIsNtDdiVersionAvailable RtlIsNtDdiVersionAvailable
 #endif
 // The one translation unit that defines INITGUID (platform/guids.cpp) gets
 // every DEFINE_GUID of these headers as a definition; the kernel-streaming
@@ -170,6 +174,29 @@ DEFINE_GUID(IID_IDmaChannelSlave, 0x22C6AC62, 0x851B, 0x11D0, 0x9A, 0x7F, 0x00, 
 
 // mingw: portcls.h spells it PPCCONNECTIONDESCRIPTOR.
 typedef PCCONNECTION_DESCRIPTOR* PPCCONNECTION_DESCRIPTOR;
+
+// mingw: the export itself (step 1).
+extern "C" NTSYSAPI BOOLEAN NTAPI RtlIsNtDdiVersionAvailable(ULONG Version);
+
+// mingw: wdm.h lacks the single-binary opt-in to non-executable pool
+// ("Single Binary Opt-In: POOL_NX_OPTIN"; ExInitializeDriverRuntime), here
+// as the WDK has it: a module compiled with POOL_NX_OPTIN=1 reads
+// NonPagedPool from a variable of its own, executable until DriverEntry calls
+// ExInitializeDriverRuntime(DrvRtPoolNxOptIn) on a kernel that has
+// non-executable pool (Windows 8 and later).
+#define DrvRtPoolNxOptIn 0x00000001
+#if defined(POOL_NX_OPTIN) && POOL_NX_OPTIN
+inline POOL_TYPE ExDefaultNonPagedPoolType = NonPagedPoolExecute;
+#define NonPagedPool ExDefaultNonPagedPoolType
+#endif
+inline void ExInitializeDriverRuntime(ULONG RuntimeFlags) {
+#if defined(POOL_NX_OPTIN) && POOL_NX_OPTIN
+    if ((RuntimeFlags & DrvRtPoolNxOptIn) != 0 && RtlIsNtDdiVersionAvailable(NTDDI_WIN8))
+        ExDefaultNonPagedPoolType = NonPagedPoolNx;
+#else
+    (void)RuntimeFlags;
+#endif
+}
 #endif
 
 // A WCHAR string literal in both builds (the host's WCHAR is char16_t).
