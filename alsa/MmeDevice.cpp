@@ -8,6 +8,8 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <pthread.h>
+#include <sched.h>
 #include <unistd.h>
 
 namespace mmealsa {
@@ -138,7 +140,7 @@ UnplugTime parseUnplug(const std::string& text) {
 class Device::Events : public usbsim::ModelObserver {
 public:
     explicit Events(Device& device) : mDevice(device) {}
-    void periodDone(const Period&) override {}
+    void periodDone(const Period& period) override { mDevice.ticked(period.deviceReadPos); }
     void notice(bool, ULONG, ULONGLONG, LONG) override {}
     void call(ULONG, NTSTATUS, const std::string&, const ChannelConfig&) override {}
     void deviceEvent(const std::string& kind, const std::string&) override {
@@ -231,6 +233,7 @@ Device::Device(const DeviceParams& params) : mParams(params) {
         mFilterInstance = mModel->instance();
         if (!failure.empty())
             throw DeviceError("driver \"" + params.driver + "\": " + failure);
+        mReadPos.store(mModel->renderReadPos());
         mModel->startRealTime();
     } catch (const DeviceError&) {
         shutdown();
@@ -296,6 +299,37 @@ void Device::addWaiter(int fd) {
 void Device::removeWaiter(int fd) {
     std::lock_guard<std::mutex> lock(mEventLock);
     mWaiters.erase(std::remove(mWaiters.begin(), mWaiters.end(), fd), mWaiters.end());
+    mTickWaiters.erase(std::remove(mTickWaiters.begin(), mTickWaiters.end(), fd),
+                       mTickWaiters.end());
+}
+
+void Device::wantTicks(int fd, bool on) {
+    std::lock_guard<std::mutex> lock(mEventLock);
+    mTickWaiters.erase(std::remove(mTickWaiters.begin(), mTickWaiters.end(), fd),
+                       mTickWaiters.end());
+    if (on)
+        mTickWaiters.push_back(fd);
+}
+
+void Device::ticked(uint32_t readPos) {
+    mReadPos.store(readPos, std::memory_order_release);
+    // The device's clock stands for the interface's own: where the program
+    // may (JACK, as root or with an rtprio limit), it runs before the
+    // machine's ordinary work, so that a busy machine does not make it late
+    // and bunch its periods. Otherwise it stays as it is.
+    thread_local bool raised = false;
+    if (!raised) {
+        raised = true;
+        sched_param param{};
+        param.sched_priority = 1;
+        pthread_setschedparam(pthread_self(), SCHED_FIFO, &param);
+    }
+    std::lock_guard<std::mutex> lock(mEventLock);
+    const uint64_t one = 1;
+    for (int fd : mTickWaiters) {
+        ssize_t done = ::write(fd, &one, sizeof one);
+        (void)done;
+    }
 }
 
 void Device::beginOutput(std::function<uint64_t()> streamFrames) {
@@ -309,20 +343,24 @@ void Device::beginOutput(std::function<uint64_t()> streamFrames) {
         ->begin(std::make_unique<StreamWindow>(mOutput, *mModel, std::move(streamFrames)));
 }
 
-uint32_t Device::renderRingEnd() const {
-    const AudioSM& ring = mModel->renderRing();
-    return loadRing(ring.mWritePos) + loadRing(ring.mWriteOffset);
+uint32_t Device::renderWritePos() const {
+    return loadRing(mModel->renderRing().mWritePos);
 }
 
-bool Device::renderRingPlayed(uint32_t target) const {
-    return int32_t(mModel->renderReadPos() - target) >= 0;
+uint32_t Device::renderWriteOffset() const {
+    return loadRing(mModel->renderRing().mWriteOffset);
 }
 
-uint32_t Device::renderRingAhead() const {
-    if (!mModel->mmeAttached())
-        return 0;
-    const int32_t ahead = int32_t(renderRingEnd() - mModel->renderReadPos());
-    return ahead > 0 ? uint32_t(ahead) : 0;
+uint32_t Device::renderReadPos() const {
+    return mReadPos.load(std::memory_order_acquire);
+}
+
+bool Device::firstSummary(const std::string& path) {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (std::find(mSummaries.begin(), mSummaries.end(), path) != mSummaries.end())
+        return false;
+    mSummaries.push_back(path);
+    return true;
 }
 
 void Device::waitForClock() {

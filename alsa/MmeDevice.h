@@ -22,8 +22,6 @@
 #include "usbsim/UsbDriverModel.h"
 
 #include <atomic>
-#include <deque>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -83,9 +81,11 @@ public:
     // That instance was unplugged. Any thread.
     bool lost(uint64_t instance) const { return instance <= mLost.load(); }
     // Eventfds written to when the device is unplugged (from the clock's
-    // thread); a PCM's, from its open to its close.
+    // thread); a PCM's, from its open to its close. One that wants ticks is
+    // also written to after every period of the device.
     void addWaiter(int fd);
     void removeWaiter(int fd);
+    void wantTicks(int fd, bool on);
 
     size_t traceMark() const { return mTrace->mark(); }
     // "STATUS_X: \"the driver's line\" (USB driver: why)".
@@ -95,12 +95,17 @@ public:
     // starting with the stream's first frame. streamFrames() gives the
     // frames the stream has moved into the render ring since it started.
     void beginOutput(std::function<uint64_t()> streamFrames);
-    // Render: the device has played everything moved into the render ring
-    // so far.
-    bool renderRingPlayed(uint32_t target) const;
-    uint32_t renderRingEnd() const; // where the driver has written up to
-    // Render: frames in the render ring not yet played.
-    uint32_t renderRingAhead() const;
+    // The render ring in frames (positions wrap at 2^32): the driver writes
+    // each period at its write position plus the write offset and moves the
+    // write position on; the device plays from its read position, as the
+    // last period that ended left it.
+    uint32_t renderWritePos() const;
+    uint32_t renderWriteOffset() const;
+    uint32_t renderReadPos() const;
+
+    // True the first time a PCM of this device asks for this summary file:
+    // that PCM starts the file, the others add to it.
+    bool firstSummary(const std::string& path);
 
     // A process that was stopped (SIGSTOP) froze the device's clock with it;
     // thawed, the clock runs the periods it missed back to back. Waits until
@@ -117,6 +122,7 @@ private:
     class Events;
     void follow(); // mLock held
     void unplugged();
+    void ticked(uint32_t readPos); // the clock's thread, after each period
 
     DeviceParams mParams;
     std::unique_ptr<hostpc::TraceTap> mTrace;
@@ -128,8 +134,11 @@ private:
     std::shared_ptr<hostpc::WaveFilter> mFilter;
     uint64_t mFilterInstance = 0;
     std::atomic<uint64_t> mLost{0}; // the last instance unplugged; 0: none
+    std::atomic<uint32_t> mReadPos{0};
     std::mutex mEventLock;
     std::vector<int> mWaiters;
+    std::vector<int> mTickWaiters;
+    std::vector<std::string> mSummaries; // under mLock
     std::shared_ptr<usbsim::OutputBackend> mOutput;
     std::shared_ptr<usbsim::OutputBackend> mRouter;
     bool mOutputBegun = false;

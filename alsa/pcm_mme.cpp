@@ -2,16 +2,31 @@
 // the model USB driver running in real time, opens the wave filter's render
 // or capture pin with the program's format, walks the KS states with the
 // program's prepare/start/stop/pause/drain and moves audio through a client
-// queue that the port's service routine empties or fills every period.
+// queue (the program's buffer) that the port's service routine empties or
+// fills every device period.
 //
-// Pointers: the hardware pointer is the stream's position (frames the driver
-// moved since the pin last left STOP), so avail and delay follow what the
-// driver reports. The port counting a glitch (render) or an overrun
-// (capture) is an xrun for the program.
+// Pointers, as a sound card's driver keeps them:
+// - Render: the port keeps one device period taken from the queue, which
+//   the driver moves into the render ring at the next period; the hardware
+//   pointer counts the program's frames the driver has moved. Delay runs to
+//   the device's play position. An underrun is the device having played
+//   what the program wrote (up to the stop threshold); silence the port had
+//   to fill while the program was merely behind is counted, not an xrun.
+// - Capture: the hardware pointer counts what the port delivered into the
+//   queue; an overrun is a full buffer (the stop threshold).
+// An xrun stops the stream as ALSA's core does, so that its timestamp is the
+// moment the plugin saw it.
 //
-// Threads: ALSA calls the callbacks from the program's threads; the port's
-// service routine runs on the model's clock thread and only touches the
-// queue, whose every look wakes the program's poll through an eventfd.
+// Rates: one sample rate serves both directions, and the driver refuses to
+// change it while the other direction's pin is open; a PCM carries its rate
+// to the hardware when it sets its parameters, before the other direction
+// opens its pin, as a KS client's first stream does.
+//
+// Threads: ALSA calls the callbacks from any of the program's threads; the
+// first call on a thread prepares it for driver code (enterThread), and
+// each callback holds the PCM's own lock (Entered). The port's service
+// routine runs on the model's clock thread and only touches the queue and
+// its log of fills; every look wakes the program's poll through an eventfd.
 //
 // Unplug: the device's unplug wakes the poll too (no port service runs on a
 // device that is gone); from then on the PCM is disconnected, as one of a
@@ -19,36 +34,138 @@
 // and only closing is left. A PCM opened after a replug uses the new device.
 #include "MmeDevice.h"
 
+#include "host/kernel/HostKernel.h"
+
 #include <alsa/asoundlib.h>
 #include <alsa/pcm_external.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <poll.h>
 #include <set>
 #include <sys/eventfd.h>
+#include <thread>
 #include <unistd.h>
 
 namespace mmealsa {
 namespace {
 
-// The client queue; the port's service routine wakes the program whenever
-// it looks for audio or room, that is whenever the position may have moved.
-class WakingQueue : public hostpc::ByteQueue {
+using Clock = std::chrono::steady_clock;
+
+// Where the port put the program's frames: one entry per device period it
+// filled, at the render ring's write position of that moment. The driver
+// moves the period into the ring at the next period, at that position plus
+// the write offset, and the device plays it from there; the rest of the
+// period is silence the port filled in. Written by the port (its pin lock
+// held, so one writer at a time), read by any thread (a sequence lock).
+class FillLog {
 public:
-    WakingQueue(size_t capacity, int fd) : ByteQueue(capacity), mFd(fd) {}
+    struct Totals {
+        uint64_t moved = 0;  // frames the driver has moved into the ring
+        uint64_t played = 0; // frames the device has played
+    };
+
+    void add(uint32_t ring, uint32_t frames) {
+        begin();
+        uint64_t n = mCount.load(std::memory_order_relaxed);
+        Entry* last = n ? &mEntries[(n - 1) % kEntries] : nullptr;
+        if (!last || last->ring.load(std::memory_order_relaxed) != ring) {
+            Entry& e = mEntries[n % kEntries];
+            if (n >= kEntries) // long played: 64 periods back
+                mFolded.store(mFolded.load(std::memory_order_relaxed) +
+                                  e.frames.load(std::memory_order_relaxed),
+                              std::memory_order_relaxed);
+            e.ring.store(ring, std::memory_order_relaxed);
+            e.frames.store(0, std::memory_order_relaxed);
+            mCount.store(++n, std::memory_order_relaxed);
+            last = &e;
+        }
+        last->frames.store(last->frames.load(std::memory_order_relaxed) + frames,
+                           std::memory_order_relaxed);
+        end();
+    }
+
+    void clear() {
+        begin();
+        mCount.store(0, std::memory_order_relaxed);
+        mFolded.store(0, std::memory_order_relaxed);
+        end();
+    }
+
+    // writePos and readPos as the ring has them now; readPos read first.
+    Totals totals(uint32_t writePos, uint32_t readPos, uint32_t offset) const {
+        uint64_t count, folded;
+        uint32_t ring[kEntries], frames[kEntries];
+        for (;;) {
+            const uint32_t seq = mSeq.load(std::memory_order_acquire);
+            if (seq & 1) {
+                std::this_thread::yield();
+                continue;
+            }
+            count = mCount.load(std::memory_order_relaxed);
+            folded = mFolded.load(std::memory_order_relaxed);
+            for (uint64_t i = count > kEntries ? count - kEntries : 0; i < count; ++i) {
+                ring[i % kEntries] = mEntries[i % kEntries].ring.load(std::memory_order_relaxed);
+                frames[i % kEntries] =
+                    mEntries[i % kEntries].frames.load(std::memory_order_relaxed);
+            }
+            std::atomic_thread_fence(std::memory_order_acquire);
+            if (mSeq.load(std::memory_order_relaxed) == seq)
+                break;
+        }
+        Totals t;
+        t.moved = t.played = folded;
+        for (uint64_t i = count > kEntries ? count - kEntries : 0; i < count; ++i) {
+            const uint32_t at = ring[i % kEntries], n = frames[i % kEntries];
+            if (int32_t(writePos - at) > 0)
+                t.moved += n;
+            const int32_t into = int32_t(readPos - (at + offset));
+            t.played += into <= 0 ? 0 : std::min<uint32_t>(uint32_t(into), n);
+        }
+        return t;
+    }
+
+private:
+    static constexpr unsigned kEntries = 64;
+    struct Entry {
+        std::atomic<uint32_t> ring{0}, frames{0};
+    };
+    void begin() {
+        mSeq.store(mSeq.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        std::atomic_thread_fence(std::memory_order_release);
+    }
+    void end() { mSeq.store(mSeq.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
+
+    std::atomic<uint32_t> mSeq{0};
+    std::atomic<uint64_t> mCount{0}, mFolded{0};
+    Entry mEntries[kEntries];
+};
+
+// The program's buffer as the port sees it: every look for audio or room
+// wakes the program's poll; render logs where the port put what it took.
+class ClientQueue : public hostpc::ByteQueue {
+public:
+    ClientQueue(size_t capacity, int fd, unsigned frameBytes, const Device* render)
+        : ByteQueue(capacity), mFd(fd), mFrameBytes(frameBytes), mRender(render) {}
     ULONG map(const UCHAR** where, ULONG bytes) override {
         const ULONG n = ByteQueue::map(where, bytes);
         wake();
         return n;
+    }
+    void release(ULONG bytes) override {
+        ByteQueue::release(bytes);
+        mLog.add(mRender->renderWritePos(), bytes / mFrameBytes);
     }
     ULONG map(UCHAR** where, ULONG bytes) override {
         const ULONG n = ByteQueue::map(where, bytes);
         wake();
         return n;
     }
+    size_t frames() const { return used() / mFrameBytes; }
+    FillLog& log() { return mLog; }
 
 private:
     void wake() {
@@ -57,6 +174,9 @@ private:
         (void)done; // a full counter wakes the reader all the same
     }
     int mFd;
+    unsigned mFrameBytes;
+    const Device* mRender;
+    FillLog mLog;
 };
 
 // The render stream as the device's output window sees it from the model's
@@ -73,19 +193,31 @@ struct Pcm {
     uint64_t instance = 0; // the device instance the PCM was opened on
     int wakeFd = -1;
     bool capture = false;
+    // Channel positions by channel count, as the driver's ring channels carry them.
+    std::vector<std::vector<unsigned>> chmaps;
 
-    // Only the program's thread changes these.
+    // Only the program's threads change these, under this lock.
+    std::recursive_mutex lock;
     std::shared_ptr<StreamShare> share = std::make_shared<StreamShare>();
     std::unique_ptr<hostpc::KsStream> stream;
-    std::unique_ptr<WakingQueue> queue;
+    std::unique_ptr<ClientQueue> queue;
+    std::vector<unsigned> positions; // of the stream's channels
     unsigned frameBytes = 0;
+    unsigned devicePeriod = 256; // frames the driver moves per period
     snd_pcm_uframes_t availMin = 1;
+    snd_pcm_uframes_t stopThreshold = 0; // 0: the buffer size
+    snd_pcm_uframes_t boundary = 0;
 
     // Since the last prepare.
     uint64_t transferred = 0;    // frames written (render) or read (capture)
     hostpc::StreamCounters base; // the pin's counters at the prepare
+    bool running = false;        // the pin was put into RUN
+    bool deferred = false;       // started for ALSA, the pin waits for audio (startDue)
+    Clock::time_point lastWrite; // or the start, while deferred
+    bool paused = false;
     bool draining = false;
     bool xrun = false;
+    uint64_t xrunAt = 0; // frames the program had moved in all when it came
 
     // For the summary.
     std::string streamText;
@@ -98,6 +230,30 @@ Pcm* pcmOf(snd_pcm_ioplug_t* io) {
     return static_cast<Pcm*>(io->private_data);
 }
 
+// Driver code (linked or the image) may run on any of the program's threads
+// that calls in: each gets what driver code reads from the processor.
+void enterThread() {
+    thread_local bool entered = false;
+    if (!entered) {
+        entered = true;
+        hostk::enterDriverThread();
+    }
+}
+
+// Every callback but close starts here, and holds the PCM's lock: ALSA calls
+// some (poll, prepare, drain) without its own, from any thread.
+class Entered {
+public:
+    explicit Entered(snd_pcm_ioplug_t* io) : mPcm((enterThread(), pcmOf(io))), mLock(mPcm->lock) {}
+    Pcm* operator->() const { return mPcm; }
+    operator Pcm*() const { return mPcm; }
+    std::unique_lock<std::recursive_mutex>& lock() { return mLock; }
+
+private:
+    Pcm* mPcm;
+    std::unique_lock<std::recursive_mutex> mLock;
+};
+
 unsigned bitsOf(snd_pcm_format_t format) {
     switch (format) {
     case SND_PCM_FORMAT_S16_LE:
@@ -109,6 +265,33 @@ unsigned bitsOf(snd_pcm_format_t format) {
     default:
         return 0;
     }
+}
+
+// A WAVEFORMATEXTENSIBLE speaker mask's bits, in order, as ALSA positions;
+// channels past the mask have none.
+std::vector<unsigned> positionsOf(uint32_t mask, unsigned channels) {
+    static const unsigned kSpeakers[] = {
+        SND_CHMAP_FL,  SND_CHMAP_FR,  SND_CHMAP_FC,  SND_CHMAP_LFE, SND_CHMAP_RL,  SND_CHMAP_RR,
+        SND_CHMAP_FLC, SND_CHMAP_FRC, SND_CHMAP_RC,  SND_CHMAP_SL,  SND_CHMAP_SR,  SND_CHMAP_TC,
+        SND_CHMAP_TFL, SND_CHMAP_TFC, SND_CHMAP_TFR, SND_CHMAP_TRL, SND_CHMAP_TRC, SND_CHMAP_TRR};
+    std::vector<unsigned> positions;
+    for (unsigned bit = 0; bit < 18 && positions.size() < channels; ++bit)
+        if (mask & (1u << bit))
+            positions.push_back(kSpeakers[bit]);
+    positions.resize(channels, SND_CHMAP_UNKNOWN);
+    return positions;
+}
+
+std::vector<unsigned> positionsOf(const std::vector<UCHAR>& format) {
+    const WAVEFORMATEX* w = hostpc::waveFormatOf(format);
+    if (!w)
+        return {};
+    const bool extensible = w->wFormatTag == WAVE_FORMAT_EXTENSIBLE && w->cbSize >= 22 &&
+                            format.size() >= sizeof(KSDATAFORMAT) + sizeof(WAVEFORMATEXTENSIBLE);
+    const uint32_t mask = extensible
+                              ? reinterpret_cast<const WAVEFORMATEXTENSIBLE*>(w)->dwChannelMask
+                              : (w->nChannels >= 32 ? 0xFFFFFFFFu : (1u << w->nChannels) - 1);
+    return positionsOf(mask, w->nChannels);
 }
 
 void drainWakes(int fd) {
@@ -133,7 +316,14 @@ bool lost(Pcm* p) {
     return true;
 }
 
+void defer(Pcm* p, bool on) {
+    if (p->deferred != on)
+        p->device->wantTicks(p->wakeFd, on);
+    p->deferred = on;
+}
+
 void closeStream(Pcm* p) {
+    defer(p, false);
     std::unique_ptr<hostpc::KsStream> stream = std::move(p->stream);
     if (!stream)
         return;
@@ -149,47 +339,141 @@ void closeStream(Pcm* p) {
     stream->close();
     stream.reset();
     p->queue.reset(); // the pin no longer looks at it
+    p->running = false;
 }
 
-// Frames the driver has moved since the pin left STOP.
-uint64_t position(Pcm* p) {
-    if (!p->stream)
-        return 0;
+// Render: what the driver has moved and the device has played of the
+// program's frames since the prepare. The played part waits for a period in
+// progress; it is read only when asked for.
+FillLog::Totals renderProgress(Pcm* p, bool played) {
+    Device& device = *p->device;
+    device.waitForClock();
+    const uint32_t read = played ? device.renderReadPos() : 0;
+    FillLog::Totals t =
+        p->queue->log().totals(device.renderWritePos(), read, device.renderWriteOffset());
+    if (!played)
+        t.played = 0;
+    return t;
+}
+
+// Capture: frames delivered into the queue since the prepare.
+uint64_t captured(Pcm* p) {
     p->device->waitForClock();
-    return p->stream->positionFrames();
+    p->stream->positionFrames(); // takes in a period not serviced yet
+    return p->transferred + p->queue->frames();
 }
 
-bool xrunNow(Pcm* p, uint64_t pos) {
-    if (p->xrun)
-        return true;
-    if (!p->stream || p->draining)
-        return false;
-    const hostpc::StreamCounters c = p->stream->counters();
-    const bool late = p->capture ? c.overruns > p->base.overruns
-                                 : c.glitches > p->base.glitches || pos > p->transferred;
-    if (late) {
-        p->xrun = true;
-        ++p->xruns;
-    }
-    return late;
-}
-
-snd_pcm_uframes_t availNow(Pcm* p, uint64_t pos) {
+// Frames the stop threshold leaves the program: an xrun when no more than
+// this many are left to play (render) or free (capture). Negative: never.
+int64_t stopSlack(const Pcm* p) {
     const snd_pcm_uframes_t size = p->io.buffer_size;
-    if (p->capture)
-        return pos > p->transferred ? snd_pcm_uframes_t(pos - p->transferred) : 0;
-    const uint64_t held = p->transferred > pos ? p->transferred - pos : 0;
-    return held < size ? size - snd_pcm_uframes_t(held) : 0;
+    const snd_pcm_uframes_t stop = p->stopThreshold ? p->stopThreshold : size;
+    return stop > size ? -1 : int64_t(size - stop);
+}
+
+bool watching(const Pcm* p) {
+    return p->running && !p->draining && !p->paused && p->io.state == SND_PCM_STATE_RUNNING;
+}
+
+bool underrun(Pcm* p, const FillLog::Totals& moved) {
+    const int64_t slack = stopSlack(p);
+    if (!watching(p) || slack < 0 || int64_t(p->transferred - moved.moved) > slack)
+        return false; // the device has at least that much still to play
+    const FillLog::Totals t = renderProgress(p, true);
+    return int64_t(p->transferred - t.played) <= slack;
+}
+
+bool overrun(Pcm* p, uint64_t hw) {
+    const int64_t slack = stopSlack(p);
+    if (!watching(p) || slack < 0)
+        return false;
+    const uint64_t dropped = p->stream->counters().droppedFrames - p->base.droppedFrames;
+    return dropped > 0 || int64_t(p->io.buffer_size) - int64_t(hw - p->transferred) <= slack;
 }
 
 const char* direction(const Pcm* p) {
     return p->capture ? "capture" : "render";
 }
 
+int runStream(Pcm* p) {
+    if (lost(p))
+        return -ENODEV;
+    defer(p, false);
+    Device& device = *p->device;
+    device.model().clearCalls();
+    const size_t mark = device.traceMark();
+    const NTSTATUS status = p->stream->setState(KSSTATE_RUN);
+    if (lost(p))
+        return -ENODEV;
+    if (!NT_SUCCESS(status)) {
+        SNDERR("mme: the driver refused to start %s: %s", direction(p),
+               device.refusal(status, mark).c_str());
+        return -EIO;
+    }
+    p->running = true;
+    if (!p->capture)
+        device.beginOutput([share = p->share] {
+            std::lock_guard<std::mutex> lock(share->lock);
+            return share->stream ? share->stream->positionFrames() : 0;
+        });
+    return 0;
+}
+
+// Render: the port takes a device period at the start and one at every
+// period after, the first of them at any moment. The pin runs once the
+// program has queued four (or filled its buffer), so that a program that is
+// slow for a moment at its start (a busy machine) does not leave the port a
+// period short; sooner when the program drains, or writes nothing for a
+// period's time (it has written what it had).
+bool startDue(const Pcm* p) {
+    if (p->queue->frames() >= 4 * p->devicePeriod || p->queue->room() < p->frameBytes)
+        return true;
+    const auto periodTime = std::chrono::nanoseconds(uint64_t(p->devicePeriod) * 1000000000ull /
+                                                     (p->io.rate ? p->io.rate : 48000));
+    return Clock::now() - p->lastWrite >= periodTime;
+}
+
+int startWhenDue(Pcm* p) {
+    if (!p->deferred || p->paused || !startDue(p))
+        return 0;
+    return runStream(p);
+}
+
+// As ALSA's core does on an xrun: the stream stops, so that its stop
+// timestamp, from which programs measure the xrun, is when the plugin saw
+// it, and the program sees XRUN. Called inside pointer, which ALSA calls
+// with its (recursive) lock held.
+snd_pcm_sframes_t declareXrun(Pcm* p) {
+    p->xrun = true;
+    ++p->xruns;
+    p->xrunAt = p->frames + p->transferred;
+    snd_pcm_drop(p->io.pcm);
+    return -EPIPE;
+}
+
 // ---- Callbacks ----
 
+// The driver takes one sample rate for both directions and changes it only
+// for a stream whose partner pin is closed, when the stream first runs or
+// sets a format. A PCM opened before the other direction's carries its rate
+// now with a format property, so that the other's pin finds the hardware at
+// its rate; the port passes a format on only when it differs from the pin's,
+// so the same format goes first in its other layout (the driver reads only
+// rate, channels, bits and alignment).
+NTSTATUS carryRate(hostpc::KsStream& stream, const std::vector<UCHAR>& format) {
+    const WAVEFORMATEX* w = hostpc::waveFormatOf(format);
+    std::vector<UCHAR> other = hostpc::pcmFormat(w->nSamplesPerSec, w->nChannels, w->wBitsPerSample,
+                                                 w->wFormatTag != WAVE_FORMAT_EXTENSIBLE);
+    reinterpret_cast<KSDATAFORMAT*>(other.data())->SampleSize =
+        reinterpret_cast<const KSDATAFORMAT*>(format.data())->SampleSize;
+    NTSTATUS status = stream.setFormat(other);
+    if (NT_SUCCESS(status))
+        status = stream.setFormat(format);
+    return status;
+}
+
 int mmeHwParams(snd_pcm_ioplug_t* io, snd_pcm_hw_params_t*) {
-    Pcm* p = pcmOf(io);
+    Entered p(io);
     closeStream(p);
     uint64_t instance = 0;
     const std::shared_ptr<hostpc::WaveFilter> filter = p->device->filter(&instance);
@@ -207,7 +491,7 @@ int mmeHwParams(snd_pcm_ioplug_t* io, snd_pcm_hw_params_t*) {
     const ULONG pin = p->capture ? hostpc::kWaveCapturePin : hostpc::kWaveRenderPin;
     Device& device = *p->device;
     device.model().clearCalls();
-    const size_t mark = device.traceMark();
+    size_t mark = device.traceMark();
 
     // As the audio engine does: the pin's data intersection for exactly this
     // format; when it offers nothing, the format itself, so that the driver's
@@ -226,12 +510,17 @@ int mmeHwParams(snd_pcm_ioplug_t* io, snd_pcm_hw_params_t*) {
         header->SampleSize = ULONG(hostpc::waveFormatOf(format)->nBlockAlign);
 
     p->frameBytes = channels * (bits / 8);
-    auto queue = std::make_unique<WakingQueue>(size_t(io->buffer_size) * p->frameBytes, p->wakeFd);
+    auto queue = std::make_unique<ClientQueue>(size_t(io->buffer_size) * p->frameBytes, p->wakeFd,
+                                               p->frameBytes, &device);
     hostpc::StreamOptions options;
-    if (p->capture)
+    if (p->capture) {
         options.sink = queue.get();
-    else
+    } else {
         options.source = queue.get();
+        // The least the port keeps written ahead: one device period. The
+        // program's buffer is then its whole buffer, as on a sound card.
+        options.leadFrames = 1;
+    }
     std::unique_ptr<hostpc::KsStream> stream;
     status = filter->open(pin, format, options, &stream);
     char text[64];
@@ -245,6 +534,26 @@ int mmeHwParams(snd_pcm_ioplug_t* io, snd_pcm_hw_params_t*) {
                device.refusal(status, mark).c_str());
         return -EINVAL;
     }
+    const ULONG running = device.model().settings().current.fr;
+    if (running != rate) {
+        device.model().clearCalls();
+        mark = device.traceMark();
+        status = carryRate(*stream, format);
+        if (!NT_SUCCESS(status)) {
+            const std::string why = device.refusal(status, mark);
+            stream.reset();
+            if (lost(p)) {
+                SNDERR("mme: the device was unplugged");
+                return -ENODEV;
+            }
+            SNDERR("mme: %s at %u Hz: the device runs at %u Hz for the other direction, and "
+                   "both directions share one rate: the driver refused: %s",
+                   direction(p), unsigned(rate), unsigned(running), why.c_str());
+            return -EINVAL;
+        }
+    }
+    p->devicePeriod = std::max<unsigned>(1, stream->framingBytes() / p->frameBytes);
+    p->positions = positionsOf(format);
     p->queue = std::move(queue);
     p->stream = std::move(stream);
     {
@@ -256,91 +565,95 @@ int mmeHwParams(snd_pcm_ioplug_t* io, snd_pcm_hw_params_t*) {
 }
 
 int mmeHwFree(snd_pcm_ioplug_t* io) {
-    closeStream(pcmOf(io));
+    Entered p(io);
+    closeStream(p);
     return 0;
 }
 
 int mmeSwParams(snd_pcm_ioplug_t* io, snd_pcm_sw_params_t* params) {
-    snd_pcm_uframes_t availMin = 1;
-    if (snd_pcm_sw_params_get_avail_min(params, &availMin) == 0)
-        pcmOf(io)->availMin = availMin ? availMin : 1;
+    Entered p(io);
+    snd_pcm_uframes_t value = 0;
+    if (snd_pcm_sw_params_get_avail_min(params, &value) == 0)
+        p->availMin = value ? value : 1;
+    if (snd_pcm_sw_params_get_stop_threshold(params, &value) == 0)
+        p->stopThreshold = value;
+    if (snd_pcm_sw_params_get_boundary(params, &value) == 0)
+        p->boundary = value;
     return 0;
 }
 
 int mmePrepare(snd_pcm_ioplug_t* io) {
-    Pcm* p = pcmOf(io);
+    Entered p(io);
     if (lost(p))
         return -ENODEV;
     if (!p->stream)
         return -EBADFD;
+    defer(p, false);
     const NTSTATUS status = p->stream->setState(KSSTATE_STOP);
     if (!NT_SUCCESS(status)) {
         SNDERR("mme: the driver refused to stop %s: %s", direction(p),
                hostpc::statusName(status).c_str());
         return lost(p) ? -ENODEV : -EIO;
     }
-    p->queue->clear(); // a stopped pin neither takes nor gives audio
+    // A stopped pin neither takes nor gives audio.
+    p->queue->clear();
+    p->queue->log().clear();
     p->frames += p->transferred;
     p->transferred = 0;
     const hostpc::StreamCounters c = p->stream->counters();
     if (p->xrun) {
-        char line[128];
+        char line[160];
         std::snprintf(
-            line, sizeof line, "xrun %llu glitches %llu silence_frames %llu overruns %llu\n",
+            line, sizeof line,
+            "xrun %llu glitches %llu silence_frames %llu overruns %llu at_frame %llu\n",
             (unsigned long long)p->xruns, (unsigned long long)(c.glitches - p->base.glitches),
             (unsigned long long)(c.silenceFrames - p->base.silenceFrames),
-            (unsigned long long)(c.overruns - p->base.overruns));
+            (unsigned long long)(c.overruns - p->base.overruns), (unsigned long long)p->xrunAt);
         p->xrunLines += line;
     }
     p->base = c;
-    p->draining = false;
-    p->xrun = false;
+    p->running = p->paused = p->draining = p->xrun = false;
     drainWakes(p->wakeFd);
     return 0;
 }
 
-int runStream(Pcm* p) {
-    if (lost(p))
-        return -ENODEV;
-    Device& device = *p->device;
-    device.model().clearCalls();
-    const size_t mark = device.traceMark();
-    const NTSTATUS status = p->stream->setState(KSSTATE_RUN);
-    if (lost(p))
-        return -ENODEV;
-    if (!NT_SUCCESS(status)) {
-        SNDERR("mme: the driver refused to start %s: %s", direction(p),
-               device.refusal(status, mark).c_str());
-        return -EIO;
-    }
-    if (!p->capture)
-        device.beginOutput([share = p->share] {
-            std::lock_guard<std::mutex> lock(share->lock);
-            return share->stream ? share->stream->positionFrames() : 0;
-        });
-    return 0;
-}
-
 int mmeStart(snd_pcm_ioplug_t* io) {
-    Pcm* p = pcmOf(io);
-    return p->stream ? runStream(p) : -EBADFD;
+    Entered p(io);
+    if (!p->stream)
+        return -EBADFD;
+    if (lost(p))
+        return -ENODEV;
+    p->lastWrite = Clock::now();
+    if (!p->capture && !startDue(p)) {
+        defer(p, true);
+        return 0;
+    }
+    return runStream(p);
 }
 
 int mmeStop(snd_pcm_ioplug_t* io) {
-    Pcm* p = pcmOf(io);
+    Entered p(io);
+    defer(p, false);
     if (!p->stream)
         return 0;
     p->stream->setState(KSSTATE_STOP);
     p->queue->clear();
+    p->running = p->paused = false;
     return 0;
 }
 
 int mmePause(snd_pcm_ioplug_t* io, int enable) {
-    Pcm* p = pcmOf(io);
+    Entered p(io);
     if (lost(p))
         return -ENODEV;
     if (!p->stream)
         return -EBADFD;
+    if (p->deferred) {
+        // Nothing runs yet: a resume waits a period afresh.
+        p->paused = enable != 0;
+        p->lastWrite = Clock::now();
+        return 0;
+    }
     const NTSTATUS status = p->stream->setState(enable ? KSSTATE_PAUSE : KSSTATE_RUN);
     if (lost(p))
         return -ENODEV;
@@ -349,24 +662,40 @@ int mmePause(snd_pcm_ioplug_t* io, int enable) {
                hostpc::statusName(status).c_str());
         return -EIO;
     }
+    p->paused = enable != 0;
     return 0;
 }
 
 snd_pcm_sframes_t mmePointer(snd_pcm_ioplug_t* io) {
-    Pcm* p = pcmOf(io);
+    Entered p(io);
     if (lost(p))
         return -ENODEV;
     if (!p->stream)
         return -EBADFD;
-    const uint64_t pos = position(p);
-    if (xrunNow(p, pos))
+    if (p->xrun)
         return -EPIPE;
-    return snd_pcm_sframes_t(pos % io->buffer_size);
+    const int err = startWhenDue(p);
+    if (err < 0)
+        return err;
+    uint64_t hw;
+    if (p->capture) {
+        hw = captured(p);
+        if (overrun(p, hw))
+            return declareXrun(p);
+    } else {
+        const FillLog::Totals t = renderProgress(p, false);
+        if (underrun(p, t))
+            return declareXrun(p);
+        hw = t.moved;
+    }
+    // The whole count, not the buffer position: a stall longer than the
+    // buffer still moves ALSA's pointer by what really moved.
+    return snd_pcm_sframes_t(p->boundary ? hw % p->boundary : hw % io->buffer_size);
 }
 
 snd_pcm_sframes_t mmeTransfer(snd_pcm_ioplug_t* io, const snd_pcm_channel_area_t* areas,
                               snd_pcm_uframes_t offset, snd_pcm_uframes_t size) {
-    Pcm* p = pcmOf(io);
+    Entered p(io);
     if (lost(p))
         return -ENODEV;
     if (!p->queue)
@@ -376,54 +705,58 @@ snd_pcm_sframes_t mmeTransfer(snd_pcm_ioplug_t* io, const snd_pcm_channel_area_t
         static_cast<char*>(areas[0].addr) + (areas[0].first + areas[0].step * offset) / 8;
     size_t done;
     if (p->capture) {
-        const size_t ready = std::min<size_t>(size, p->queue->used() / p->frameBytes);
+        const size_t ready = std::min<size_t>(size, p->queue->frames());
         done = p->queue->get(frames, ready * p->frameBytes) / p->frameBytes;
     } else {
         const size_t fit = std::min<size_t>(size, p->queue->room() / p->frameBytes);
         done = p->queue->put(frames, fit * p->frameBytes) / p->frameBytes;
     }
     p->transferred += done;
-    return snd_pcm_sframes_t(done);
+    if (done)
+        p->lastWrite = Clock::now();
+    const int err = startWhenDue(p);
+    return err < 0 ? err : snd_pcm_sframes_t(done);
 }
 
 int mmeDelay(snd_pcm_ioplug_t* io, snd_pcm_sframes_t* delay) {
-    Pcm* p = pcmOf(io);
+    Entered p(io);
     if (lost(p))
         return -ENODEV;
     if (!p->stream)
         return -EBADFD;
-    const uint64_t pos = position(p);
-    if (xrunNow(p, pos))
+    if (p->xrun || io->state == SND_PCM_STATE_XRUN)
         return -EPIPE;
     if (p->capture) {
-        *delay = snd_pcm_sframes_t(pos > p->transferred ? pos - p->transferred : 0);
+        *delay = snd_pcm_sframes_t(captured(p) - p->transferred);
         return 0;
     }
-    const uint64_t held = p->transferred > pos ? p->transferred - pos : 0;
-    const bool running = p->stream->state() == KSSTATE_RUN;
-    *delay = snd_pcm_sframes_t(held + (running ? p->device->renderRingAhead() : 0));
+    const int err = startWhenDue(p);
+    if (err < 0)
+        return err;
+    // Everything written and not yet played, wherever it is on its way.
+    const FillLog::Totals t = renderProgress(p, true);
+    *delay = snd_pcm_sframes_t(p->transferred - std::min(t.played, p->transferred));
     return 0;
 }
 
-// Waits for the next look of the port; false when nothing moved for a while.
-template <class Done> int waitUntil(Pcm* p, Done done, const char* what) {
-    using clock = std::chrono::steady_clock;
-    auto lastMove = clock::now();
-    uint64_t lastPos = position(p);
-    uint32_t lastRead = p->device->model().renderReadPos();
+// Waits for the next look of the port; an error when the device stopped
+// moving for a while.
+template <class Done> int waitUntil(Entered& p, Done done, const char* what) {
+    auto lastMove = Clock::now();
+    uint32_t lastRead = p->device->renderReadPos();
     while (!done()) {
         pollfd fd{p->wakeFd, POLLIN, 0};
+        p.lock().unlock();
         ::poll(&fd, 1, 100);
+        p.lock().lock();
         drainWakes(p->wakeFd);
         if (lost(p))
             return -ENODEV;
-        const uint64_t pos = position(p);
-        const uint32_t read = p->device->model().renderReadPos();
-        if (pos != lastPos || read != lastRead) {
-            lastPos = pos;
+        const uint32_t read = p->device->renderReadPos();
+        if (read != lastRead) {
             lastRead = read;
-            lastMove = clock::now();
-        } else if (clock::now() - lastMove > std::chrono::seconds(3)) {
+            lastMove = Clock::now();
+        } else if (Clock::now() - lastMove > std::chrono::seconds(3)) {
             SNDERR("mme: the device stopped moving audio while %s", what);
             return -EIO;
         }
@@ -432,52 +765,48 @@ template <class Done> int waitUntil(Pcm* p, Done done, const char* what) {
 }
 
 int mmeDrain(snd_pcm_ioplug_t* io) {
-    Pcm* p = pcmOf(io);
+    Entered p(io);
     if (lost(p))
         return -ENODEV;
     if (!p->stream)
         return -EBADFD;
     if (p->capture)
         return 0;
-    if (p->stream->state() != KSSTATE_RUN) {
-        if (p->transferred == 0)
+    if (!p->draining) {
+        if (!p->running && !p->deferred && p->transferred == 0)
             return 0;
-        const int err = runStream(p);
-        if (err < 0)
-            return err;
+        // The port fills silence after the last frames without counting it.
+        p->draining = true;
+        p->stream->endOfStream();
+        if (!p->running) {
+            const int err = runStream(p);
+            if (err < 0)
+                return err;
+        }
     }
-    p->draining = true;
-    p->stream->endOfStream();
-    if (io->nonblock) {
-        const bool moved = position(p) >= p->transferred;
-        return moved && p->device->renderRingPlayed(p->device->renderRingEnd()) ? 0 : -EAGAIN;
-    }
-    int err = waitUntil(
-        p, [p] { return position(p) >= p->transferred; }, "draining into the render ring");
-    if (err < 0)
-        return err;
-    // What the driver wrote ahead into the ring plays out too, so that the
-    // device's output holds the whole stream.
-    const uint32_t end = p->device->renderRingEnd();
-    return waitUntil(
-        p, [p, end] { return p->device->renderRingPlayed(end); }, "playing out the render ring");
+    auto played = [&p] { return renderProgress(p, true).played >= p->transferred; };
+    if (io->nonblock)
+        return played() ? 0 : -EAGAIN;
+    return waitUntil(p, played, "draining");
 }
 
-int mmePollCount(snd_pcm_ioplug_t*) {
+int mmePollCount(snd_pcm_ioplug_t* io) {
+    Entered p(io);
     return 1;
 }
 
 int mmePollDescriptors(snd_pcm_ioplug_t* io, pollfd* pfd, unsigned int space) {
+    Entered p(io);
     if (space < 1)
         return 0;
-    pfd->fd = pcmOf(io)->wakeFd;
+    pfd->fd = p->wakeFd;
     pfd->events = POLLIN;
     pfd->revents = 0;
     return 1;
 }
 
 int mmePollRevents(snd_pcm_ioplug_t* io, pollfd*, unsigned int, unsigned short* revents) {
-    Pcm* p = pcmOf(io);
+    Entered p(io);
     drainWakes(p->wakeFd);
     *revents = 0;
     if (lost(p)) {
@@ -490,9 +819,20 @@ int mmePollRevents(snd_pcm_ioplug_t* io, pollfd*, unsigned int, unsigned short* 
         *revents = POLLERR;
         return 0;
     }
-    const uint64_t pos = position(p);
-    const bool ready = xrunNow(p, pos) || availNow(p, pos) >= p->availMin ||
-                       (io->state != SND_PCM_STATE_RUNNING && io->state != SND_PCM_STATE_DRAINING);
+    if (startWhenDue(p) < 0) {
+        *revents = POLLERR;
+        return 0;
+    }
+    bool ready =
+        p->xrun || (io->state != SND_PCM_STATE_RUNNING && io->state != SND_PCM_STATE_DRAINING);
+    if (!ready && p->capture) {
+        const uint64_t hw = captured(p);
+        ready = hw - p->transferred >= p->availMin || overrun(p, hw);
+    } else if (!ready) {
+        const FillLog::Totals t = renderProgress(p, false);
+        const uint64_t held = p->transferred - std::min(t.moved, p->transferred);
+        ready = io->buffer_size >= held + p->availMin || underrun(p, t);
+    }
     if (ready) {
         *revents = p->capture ? POLLIN : POLLOUT;
         // Level-triggered, as a sound card's descriptor is: it stays ready
@@ -502,19 +842,77 @@ int mmePollRevents(snd_pcm_ioplug_t* io, pollfd*, unsigned int, unsigned short* 
     return 0;
 }
 
-void writeSummary(Pcm* p, const std::string& teardown) {
+snd_pcm_chmap_query_t** mmeQueryChmaps(snd_pcm_ioplug_t* io) {
+    Entered p(io);
+    size_t count = 0;
+    for (const auto& map : p->chmaps)
+        count += !map.empty();
+    auto** maps =
+        static_cast<snd_pcm_chmap_query_t**>(calloc(count + 1, sizeof(snd_pcm_chmap_query_t*)));
+    if (!maps)
+        return nullptr;
+    size_t i = 0;
+    for (const auto& map : p->chmaps) {
+        if (map.empty())
+            continue;
+        auto* q = static_cast<snd_pcm_chmap_query_t*>(
+            malloc(sizeof(snd_pcm_chmap_query_t) + map.size() * sizeof(unsigned)));
+        if (!q) {
+            snd_pcm_free_chmaps(maps);
+            return nullptr;
+        }
+        q->type = SND_CHMAP_TYPE_FIXED;
+        q->map.channels = unsigned(map.size());
+        std::copy(map.begin(), map.end(), q->map.pos);
+        maps[i++] = q;
+    }
+    return maps;
+}
+
+const std::vector<unsigned>* currentChmap(Pcm* p) {
+    if (p->stream && p->positions.size() == p->io.channels)
+        return &p->positions;
+    if (p->io.channels < p->chmaps.size() && !p->chmaps[p->io.channels].empty())
+        return &p->chmaps[p->io.channels];
+    return nullptr;
+}
+
+snd_pcm_chmap_t* mmeGetChmap(snd_pcm_ioplug_t* io) {
+    const std::vector<unsigned>* map = currentChmap(Entered(io));
+    if (!map)
+        return nullptr;
+    auto* m = static_cast<snd_pcm_chmap_t*>(
+        malloc(sizeof(snd_pcm_chmap_t) + map->size() * sizeof(unsigned)));
+    if (!m)
+        return nullptr;
+    m->channels = unsigned(map->size());
+    std::copy(map->begin(), map->end(), m->pos);
+    return m;
+}
+
+// The ring channels' order is fixed: only that order is accepted.
+int mmeSetChmap(snd_pcm_ioplug_t* io, const snd_pcm_chmap_t* map) {
+    const std::vector<unsigned>* mine = currentChmap(Entered(io));
+    if (!mine || !map || map->channels != mine->size() ||
+        !std::equal(mine->begin(), mine->end(), map->pos))
+        return -EINVAL;
+    return 0;
+}
+
+void writeSummary(Pcm* p, const std::string& teardown, bool first) {
     if (p->params.summary.empty())
         return;
-    std::FILE* f = std::fopen(p->params.summary.c_str(), "w");
+    // The PCMs of a process that share the device share the file, one block each.
+    std::FILE* f = std::fopen(p->params.summary.c_str(), first ? "w" : "a");
     if (!f) {
         SNDERR("mme: cannot write the summary %s", p->params.summary.c_str());
         return;
     }
     const hostpc::StreamCounters& c = p->closed;
     std::fprintf(f,
-                 "stream %s\nframes %llu\nglitches %llu\nsilence_frames %llu\noverruns %llu\n"
+                 "%sstream %s\nframes %llu\nglitches %llu\nsilence_frames %llu\noverruns %llu\n"
                  "dropped_frames %llu\nxruns %llu\n%steardown %s\n",
-                 p->streamText.empty() ? "none" : p->streamText.c_str(),
+                 first ? "" : "\n", p->streamText.empty() ? "none" : p->streamText.c_str(),
                  (unsigned long long)p->frames, (unsigned long long)c.glitches,
                  (unsigned long long)c.silenceFrames, (unsigned long long)c.overruns,
                  (unsigned long long)c.droppedFrames, (unsigned long long)p->xruns,
@@ -530,10 +928,11 @@ void destroy(Pcm* p) {
     if (p->device) {
         p->device->removeWaiter(p->wakeFd);
         const bool last = p->device.use_count() == 1;
+        const bool first = !p->params.summary.empty() && p->device->firstSummary(p->params.summary);
         problems = Device::release(p->device);
         if (!problems.empty())
             SNDERR("mme: the device did not come down cleanly: %s", problems.c_str());
-        writeSummary(p, last ? problems : "shared");
+        writeSummary(p, last ? problems : "shared", first);
     }
     if (p->wakeFd >= 0)
         ::close(p->wakeFd);
@@ -541,6 +940,7 @@ void destroy(Pcm* p) {
 }
 
 int mmeClose(snd_pcm_ioplug_t* io) {
+    enterThread();
     destroy(pcmOf(io));
     return 0;
 }
@@ -562,6 +962,9 @@ const snd_pcm_ioplug_callback_t kCallbacks = [] {
     c.poll_descriptors = mmePollDescriptors;
     c.poll_revents = mmePollRevents;
     c.delay = mmeDelay;
+    c.query_chmaps = mmeQueryChmaps;
+    c.get_chmap = mmeGetChmap;
+    c.set_chmap = mmeSetChmap;
     return c;
 }();
 
@@ -605,6 +1008,19 @@ int constrain(Pcm* p) {
         SNDERR("mme: the driver's %s pin offers no format", direction(p));
         return -ENODEV;
     }
+    // Channel positions as the driver's intersection states them, at the
+    // rate the device runs at (the driver offers no other while a pin is open).
+    const ULONG rate = p->device->model().settings().current.fr;
+    for (unsigned c : channels) {
+        std::vector<UCHAR> format;
+        const bool offered =
+            NT_SUCCESS(filter->intersect(pin, hostpc::clientRange(c, 16, 32, rate, rate), &format));
+        const WAVEFORMATEX* w = offered ? hostpc::waveFormatOf(format) : nullptr;
+        if (p->chmaps.size() <= c)
+            p->chmaps.resize(c + 1);
+        p->chmaps[c] = w && w->nChannels == c ? positionsOf(format)
+                                              : positionsOf(c >= 32 ? ~0u : (1u << c) - 1, c);
+    }
     auto list = [](const std::set<unsigned>& s) {
         return std::vector<unsigned>(s.begin(), s.end());
     };
@@ -621,14 +1037,17 @@ int constrain(Pcm* p) {
     if (err >= 0)
         err = snd_pcm_ioplug_set_param_list(&p->io, SND_PCM_IOPLUG_HW_RATE,
                                             unsigned(rateList.size()), rateList.data());
-    // The port keeps two device periods (256 frames each) written ahead and
-    // needs the next one queued at every period: a buffer below 1024 of the
-    // widest frames would glitch however fast the program is.
+    // The driver moves 256 frames a period and the port takes the next
+    // period from the buffer at every period: a period below 256 frames
+    // could not move as the program asked, a buffer below two periods would
+    // run dry however fast the program is. ALSA's plugin constraints are in
+    // bytes, so the frames are the widest the pin offers; narrower formats
+    // get longer minimums.
     if (err >= 0)
-        err = snd_pcm_ioplug_set_param_minmax(&p->io, SND_PCM_IOPLUG_HW_PERIOD_BYTES, 256 * 4,
+        err = snd_pcm_ioplug_set_param_minmax(&p->io, SND_PCM_IOPLUG_HW_PERIOD_BYTES, 256 * widest,
                                               256 << 10);
     if (err >= 0)
-        err = snd_pcm_ioplug_set_param_minmax(&p->io, SND_PCM_IOPLUG_HW_BUFFER_BYTES, 1024 * widest,
+        err = snd_pcm_ioplug_set_param_minmax(&p->io, SND_PCM_IOPLUG_HW_BUFFER_BYTES, 512 * widest,
                                               512 << 10);
     if (err >= 0)
         err = snd_pcm_ioplug_set_param_minmax(&p->io, SND_PCM_IOPLUG_HW_PERIODS, 2, 1024);
@@ -700,6 +1119,8 @@ int open(snd_pcm_t** pcmp, const char* name, snd_config_t* conf, snd_pcm_stream_
     p->io.private_data = p;
     p->io.poll_fd = p->wakeFd;
     p->io.poll_events = POLLIN;
+    // The pointer callback gives whole counts (up to ALSA's boundary).
+    p->io.flags = SND_PCM_IOPLUG_FLAG_BOUNDARY_WA;
     int err = snd_pcm_ioplug_create(&p->io, name, stream, mode);
     if (err < 0) {
         destroy(p);
@@ -719,6 +1140,7 @@ int open(snd_pcm_t** pcmp, const char* name, snd_config_t* conf, snd_pcm_stream_
 
 extern "C" SND_PCM_PLUGIN_DEFINE_FUNC(mme) {
     (void)root;
+    mmealsa::enterThread();
     try {
         return mmealsa::open(pcmp, name, conf, stream, mode);
     } catch (const std::exception& e) {

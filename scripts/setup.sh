@@ -7,7 +7,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     libsndfile1-dev nlohmann-json3-dev libcli11-dev
     g++-mingw-w64-x86-64 mingw-w64-x86-64-dev binutils-mingw-w64-x86-64
-    libasound2-dev alsa-utils sox libsox-fmt-alsa python3
+    libasound2-dev alsa-utils sox libsox-fmt-alsa python3 ffmpeg jackd2
     chromium time
     osslsigncode openssl libssl-dev
 )

@@ -9,6 +9,9 @@
         pattern generator, frame after frame, nothing lost or repeated
   wavcheck.py sounding DEVICE CHANNELS              each of the first CHANNELS
         channels of DEVICE carries sound somewhere
+  wavcheck.py within SOURCE DEVICE LEAST            DEVICE's sounding frames, in
+        order, are SOURCE's from some frame on, bit-exact, at least LEAST of
+        them (silence may come between: pauses, a loop's latency)
 
 Conversion rules: a 16-bit sample s plays as the 24-bit s x 256, a 24-bit one
 unchanged; channels the stream does not carry are silent. The pattern puts the
@@ -65,6 +68,25 @@ def played(source, device):
     print(f"wavcheck: {len(sframes)} frames bit-exact, {len(dframes) - len(sframes)} silent after")
 
 
+def within(source, device, least):
+    sbits, schannels, sframes = read(source)
+    dbits, dchannels, dframes = read(device)
+    if dbits != 24 or dchannels < schannels:
+        fail(f"device output is {dchannels} channels of {dbits} bits")
+    shift = 24 - sbits
+    want = [[s << shift for s in f] + [0] * (dchannels - schannels) for f in sframes]
+    sounding = [f for f in dframes if any(f)]
+    if not sounding or sounding[0] not in want:
+        fail("the device played none of the source")
+    first = want.index(sounding[0])
+    for n, got in enumerate(sounding):
+        if first + n >= len(want) or want[first + n] != got:
+            fail(f"sounding frame {n}: expected source frame {first + n}, device played {got}")
+    if len(sounding) < least:
+        fail(f"the device played {len(sounding)} frames of the source, fewer than {least}")
+    print(f"wavcheck: {len(sounding)} frames of the source from its frame {first} on, bit-exact")
+
+
 def pattern(path):
     bits, channels, frames = read(path)
     if not frames:
@@ -99,6 +121,8 @@ if __name__ == "__main__":
         played(sys.argv[2], sys.argv[3])
     elif command == "pattern" and len(sys.argv) == 3:
         pattern(sys.argv[2])
+    elif command == "within" and len(sys.argv) == 5:
+        within(sys.argv[2], sys.argv[3], int(sys.argv[4]))
     elif command == "sounding" and len(sys.argv) == 4:
         sounding(sys.argv[2], int(sys.argv[3]))
     else:
