@@ -28,6 +28,7 @@ public:
     uint16_t u16() { return take<uint16_t>(); }
     uint32_t u32() { return take<uint32_t>(); }
     uint32_t below(uint32_t n) { return u32() % n; }
+    uint32_t pick(uint8_t n) { return u8() % n; } // one byte, for short programs
     // One of the given values, or (for an index past the list) a raw one.
     uint32_t oneOf(std::initializer_list<uint32_t> values) {
         const uint8_t index = u8();
@@ -45,7 +46,8 @@ private:
     template <class T> T take() {
         T value{};
         const std::vector<uint8_t> raw = bytes(sizeof(T));
-        std::memcpy(&value, raw.data(), raw.size());
+        if (!raw.empty())
+            std::memcpy(&value, raw.data(), raw.size());
         return value;
     }
     const uint8_t* mData;

@@ -289,6 +289,98 @@ def pe_image():
     write("pe_image", "export_table_in_code", pe(directories={0: (0x1000, 40)}))
     write("pe_image", "section_alignment_512", pe(section_alignment=0x200))
 
+# fuzz_device_life: a setup byte (1: the open-source port, 2: services on the
+# DPC thread), then events, each its number and its argument bytes.
+(OPEN, STATE, FORMAT, WRITE, READ, CLOSE, PERIODS, MME_ATTACH, MME_DETACH, ASIO_ATTACH,
+ ASIO_DETACH, TIMED_START, RATE_REPORTED, REFUSE_CHANGES, EXCLUSIVE_INPUTS, DIGITAL_LOCK, UNPLUG,
+ REPLUG, SLEEP, TIMER_EXPIRY, FAIL_ALLOCATION, CONCURRENT_SERVICE) = range(22)
+STOP, ACQUIRE, PAUSE, RUN = range(4)
+# Indexes into the target's format table.
+F48_16, F48_24, F44_16, F96_8CH_24, F192_24, F48_8CH_16, F48_32, F48_MONO = range(8)
+F47999, F3CH, F_SAMPLE_SIZE_0, F_SAMPLE_SIZE_4, F8000, F12CH = range(8, 14)
+
+
+def life(setup, *events):
+    return u8(setup) + b"".join(events)
+
+
+def open_pin(slot, capture, fmt, extensible=1):
+    return u8(OPEN, slot, capture, fmt, extensible)
+
+
+def state(slot, target):
+    return u8(STATE, slot, target)
+
+
+def fmt(slot, index):
+    return u8(FORMAT, slot, index)
+
+
+def write_(slot, periods):
+    return u8(WRITE, slot, periods - 1)
+
+
+def periods(n):
+    return u8(PERIODS, n - 1)
+
+
+def play(slot, rounds):
+    return (write_(slot, 4) + periods(4)) * rounds
+
+
+def device_life():
+    render = open_pin(1, 0, F48_16) + write_(1, 16) + state(1, RUN)
+    capture = open_pin(0, 1, F48_24) + state(0, RUN)
+    write("device_life", "render_plays", life(0, render + play(1, 12) + u8(CLOSE, 1)))
+    write("device_life", "render_24_bit_open_source_port",
+          life(1, open_pin(1, 0, F48_24) + write_(1, 16) + state(1, RUN) + play(1, 12)))
+    write("device_life", "capture_records_while_render_plays",
+          life(0, capture + render + (u8(READ, 0) + play(1, 1)) * 12))
+    # A refused format shapes the channel for other frames; the first start
+    # carries the stream's own format into the buffer the port holds.
+    write("device_life", "refused_format_before_the_first_start",
+          life(0, open_pin(1, 0, F48_16) + state(1, PAUSE) + fmt(1, F48_32) + write_(1, 16) +
+               state(1, RUN) + play(1, 12)))
+    write("device_life", "format_changes_in_every_state",
+          life(0, open_pin(1, 0, F48_16) + fmt(1, F48_24) + state(1, ACQUIRE) + fmt(1, F44_16) +
+               state(1, PAUSE) + fmt(1, F48_32) + state(1, RUN) + fmt(1, F48_16) + periods(4) +
+               fmt(1, F47999) + fmt(1, F_SAMPLE_SIZE_0) + state(1, STOP) +
+               fmt(1, F_SAMPLE_SIZE_4) + fmt(1, F12CH)))
+    write("device_life", "second_pin_of_a_direction",
+          life(0, render + open_pin(2, 0, F48_16) + state(2, RUN) + play(1, 2) + u8(CLOSE, 1) +
+               open_pin(1, 1, F96_8CH_24) + state(1, RUN) + periods(8)))
+    write("device_life", "asio_takes_the_device",
+          life(0, render + play(1, 2) + u8(ASIO_ATTACH) + periods(8) + u8(ASIO_DETACH) +
+               u8(TIMER_EXPIRY) + u16(1200) + play(1, 4)))
+    write("device_life", "mme_detach_and_timed_start",
+          life(0, render + play(1, 2) + u8(MME_DETACH) + periods(4) + u8(TIMED_START) +
+               play(1, 3) + u8(MME_ATTACH, 1) + play(1, 2)))
+    write("device_life", "rate_reported_then_refused_changes",
+          life(0, render + play(1, 2) + u8(RATE_REPORTED, 2) + play(1, 2) +
+               u8(REFUSE_CHANGES, 1) + state(1, STOP) + fmt(1, F96_8CH_24) + u8(REFUSE_CHANGES, 0) +
+               fmt(1, F192_24) + state(1, RUN) + play(1, 2)))
+    write("device_life", "exclusive_inputs_and_digital_lock",
+          life(0, capture + u8(EXCLUSIVE_INPUTS, 1) + periods(8) + u8(READ, 0) +
+               u8(DIGITAL_LOCK, 1) + periods(4) + u8(DIGITAL_LOCK, 2) + state(0, STOP) +
+               fmt(0, F44_16) + u8(DIGITAL_LOCK, 0) + u8(EXCLUSIVE_INPUTS, 0) + state(0, RUN) +
+               periods(8)))
+    write("device_life", "unplug_while_running_then_replug",
+          life(0, render + capture + play(1, 2) + u8(UNPLUG) + periods(4) + state(1, STOP) +
+               u8(CLOSE, 1) + u8(REPLUG) + render + play(1, 4)))
+    write("device_life", "replug_with_pins_still_open",
+          life(2, render + u8(UNPLUG, REPLUG) + open_pin(2, 1, F48_16) + play(1, 2)))
+    write("device_life", "sleep_while_running",
+          life(0, render + capture + play(1, 2) + u8(SLEEP, 50) + periods(8) + play(1, 4)))
+    write("device_life", "allocation_failures_at_open",
+          life(0, u8(FAIL_ALLOCATION, 0) + open_pin(1, 0, F48_16) + u8(FAIL_ALLOCATION, 3) +
+               open_pin(0, 1, F48_16) + u8(FAIL_ALLOCATION, 10) + render + play(1, 2)))
+    write("device_life", "services_on_the_dpc_thread",
+          life(2, render + capture + (u8(READ, 0) + play(1, 1)) * 4 + u8(CONCURRENT_SERVICE, 0) +
+               open_pin(2, 0, F48_16)))
+    write("device_life", "timer_expires_while_closing",
+          life(0, u8(ASIO_ATTACH, ASIO_DETACH) + render + u8(TIMER_EXPIRY) + u16(1) + u8(CLOSE, 1) +
+               u8(TIMER_EXPIRY) + u16(1499) + u8(UNPLUG)))
+
 
 if __name__ == "__main__":
     device_format()
@@ -297,3 +389,4 @@ if __name__ == "__main__":
     period_exchange()
     profile()
     pe_image()
+    device_life()
