@@ -647,8 +647,14 @@ NTSTATUS WavePin::setFormat(const std::vector<UCHAR>& format, ULONG blockAlign) 
         mRate = waveFormatOf(mFormat)->nSamplesPerSec;
     }
     takeBuffer();
-    if (!mBase)
+    if (!mBase) {
+        // The stream took the format but its channel has no buffer: the
+        // request fails, so the port no longer claims to know the format
+        // and sends the next request to the stream whatever it names.
+        if (NT_SUCCESS(status))
+            mFormat.clear();
         return NT_SUCCESS(status) ? STATUS_INSUFFICIENT_RESOURCES : status;
+    }
     ULONG position = 0;
     if ((NT_SUCCESS(status) || mBase != oldBase || mSize != oldSize) && readPosition(&position))
         resync(position);
