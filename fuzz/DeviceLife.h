@@ -60,12 +60,28 @@ enum Event : uint8_t {
 };
 
 inline const char* eventName(Event event) {
-    static const char* const kNames[kEvents] = {
-        "open",         "state",          "format",           "write",        "read",
-        "close",        "periods",        "mme-attach",       "mme-detach",   "asio-attach",
-        "asio-detach",  "timed-start",    "rate-reported",    "refuse-changes",
-        "exclusive-inputs", "digital-lock", "unplug",          "replug",       "sleep",
-        "timer-expiry", "fail-allocation", "concurrent-service"};
+    static const char* const kNames[kEvents] = {"open",
+                                                "state",
+                                                "format",
+                                                "write",
+                                                "read",
+                                                "close",
+                                                "periods",
+                                                "mme-attach",
+                                                "mme-detach",
+                                                "asio-attach",
+                                                "asio-detach",
+                                                "timed-start",
+                                                "rate-reported",
+                                                "refuse-changes",
+                                                "exclusive-inputs",
+                                                "digital-lock",
+                                                "unplug",
+                                                "replug",
+                                                "sleep",
+                                                "timer-expiry",
+                                                "fail-allocation",
+                                                "concurrent-service"};
     return event < kEvents ? kNames[event] : "?";
 }
 
@@ -77,11 +93,11 @@ struct Offer {
 
 // What the pins offer, then near misses the driver must refuse or survive.
 inline Offer formatFrom(Input& in) {
-    static const Offer kFormats[] = {
-        {48000, 2, 16, -1},  {48000, 2, 24, -1}, {44100, 2, 16, -1}, {96000, 8, 24, -1},
-        {192000, 2, 24, -1}, {48000, 8, 16, -1}, {48000, 2, 32, -1}, {48000, 1, 16, -1},
-        {47999, 2, 16, -1},  {48000, 3, 24, -1}, {48000, 2, 24, 0},  {48000, 2, 24, 4},
-        {8000, 2, 16, -1},   {48000, 12, 16, -1}};
+    static const Offer kFormats[] = {{48000, 2, 16, -1}, {48000, 2, 24, -1},  {44100, 2, 16, -1},
+                                     {96000, 8, 24, -1}, {192000, 2, 24, -1}, {48000, 8, 16, -1},
+                                     {48000, 2, 32, -1}, {48000, 1, 16, -1},  {47999, 2, 16, -1},
+                                     {48000, 3, 24, -1}, {48000, 2, 24, 0},   {48000, 2, 24, 4},
+                                     {8000, 2, 16, -1},  {48000, 12, 16, -1}};
     return kFormats[in.pick(sizeof kFormats / sizeof kFormats[0])];
 }
 
@@ -367,7 +383,8 @@ private:
                                std::to_string(slot.stream->positionFrames()) + " frames from " +
                                std::to_string(slot.positionBase) + ", " +
                                std::to_string(slot.stream->blockAlign()) + "-byte frames");
-        if (mClean && mCleanSlot && (!mCleanSlot->stream || mCleanSlot->stream->state() != KSSTATE_RUN))
+        if (mClean && mCleanSlot &&
+            (!mCleanSlot->stream || mCleanSlot->stream->state() != KSSTATE_RUN))
             mClean = false;
     }
 
@@ -408,7 +425,7 @@ private:
     uint64_t mCleanGlitches = 0;
     long mOpenTraces = 0;
     bool mOpenSource = false; // the port's personality
-    bool mEcho = false; // MME_FUZZ_TRACE: the events and the driver's trace to stderr
+    bool mEcho = false;       // MME_FUZZ_TRACE: the events and the driver's trace to stderr
 };
 
 } // namespace devicelife
