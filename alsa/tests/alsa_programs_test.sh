@@ -15,7 +15,21 @@ set -euo pipefail
 plugin=$1 source=$2 case=$3 image=${4:-} client=${5:-}
 check="python3 $source/alsa/tests/wavcheck.py"
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+# Programs a failed case leaves running; a jackd killed without its
+# interrupt leaves its server in JACK's shared registry, which holds 8.
+jack_server= jack_player=
+cleanup() {
+    [ -z "$jack_player" ] || kill "$jack_player" 2>/dev/null || true
+    if [ -n "$jack_server" ] && kill -INT "$jack_server" 2>/dev/null; then
+        for _ in 1 2 3 4 5 6 7 8 9 10; do
+            kill -0 "$jack_server" 2>/dev/null || break
+            sleep 0.5
+        done
+        kill -KILL "$jack_server" 2>/dev/null || true
+    fi
+    rm -rf "$work"
+}
+trap cleanup EXIT
 cd "$work"
 
 awk '/^@hooks \[/ { skip = 1 } !skip { print } skip && /^\]/ { skip = 0 }' \
@@ -256,15 +270,17 @@ jack) # jackd at 256 x 2 with a playing and a recording client, then at 96000
     export JACK_DEFAULT_SERVER=mme$$
     jack() { # RATE SECONDS: jackd, jack_simple_client and jack_rec for SECONDS
         jackd -n $JACK_DEFAULT_SERVER -d alsa -d mme_jack -r $1 -p 256 -n 2 >jackd.txt 2>&1 &
-        local server=$!
+        jack_server=$!
         timeout 10 jack_wait -w >/dev/null || fail "jackd did not start at $1: $(cat jackd.txt)"
         jack_simple_client >/dev/null 2>&1 &
-        local player=$!
+        jack_player=$!
         jack_rec -f rec.wav -d $2 -b 16 system:capture_1 system:capture_2 >/dev/null 2>&1 ||
             fail "jack_rec at $1"
-        kill $player
-        kill -INT $server
-        wait $server || true
+        kill $jack_player
+        jack_player=
+        kill -INT $jack_server
+        wait $jack_server || true
+        jack_server=
         [ "$(soxi -s rec.wav)" = $(($1 * $2)) ] || fail "jack_rec recorded $(soxi -s rec.wav) frames"
         grep -q "stream render $1/8/24" summary && grep -q "stream capture $1/8/24" summary ||
             fail "jackd at $1: $(cat summary)"
