@@ -163,6 +163,34 @@ TEST(PinFormat, ARefusedFormatOfAnotherFrameSizeThenStopAndRun) {
     EXPECT_TRUE(hostk::verifierFailures().empty());
 }
 
+// A format whose buffers cannot be allocated is still the stream's: the
+// driver takes it with its channel idle, and the port agrees, so client and
+// stream never play different formats. The pin moves nothing until the next
+// format change brings a buffer.
+TEST(PinFormat, AFormatWhoseBufferCannotBeAllocated) {
+    Rig rig;
+    auto render = rig.open(false, 48000, 2, 16);
+    ASSERT_TRUE(render);
+    hostk::failAllocation(1);
+    EXPECT_EQ(render->setFormat(hostpc::pcmFormat(48000, 2, 24)), STATUS_SUCCESS);
+    hostk::failAllocation(0);
+    EXPECT_TRUE(tracecap::containsLine("memAlloc failed"));
+    EXPECT_EQ(render->bits(), 24u);
+    e2e::Pump pump(rig, render.get(), e2e::pack(e2e::noise(2 * 8000, 24, 7), 24), nullptr);
+    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    pump.periods(4);
+    // The open-source port keeps its first buffer and reads the position on.
+    if (!e2e::openSourcePort()) {
+        EXPECT_EQ(render->positionFrames(), 0u);
+    }
+    ASSERT_EQ(render->setState(KSSTATE_STOP), STATUS_SUCCESS);
+    ASSERT_EQ(render->setFormat(hostpc::pcmFormat(48000, 2, 16)), STATUS_SUCCESS);
+    ASSERT_EQ(render->setState(KSSTATE_RUN), STATUS_SUCCESS);
+    pump.periods(4);
+    EXPECT_EQ(render->positionFrames(), 4u * 256);
+    EXPECT_TRUE(hostk::verifierFailures().empty());
+}
+
 TEST(Intersection, AsksTheSizeFirstThenGetsTheFormat) {
     Rig rig;
     hostk::clearCaptured();

@@ -647,14 +647,12 @@ NTSTATUS WavePin::setFormat(const std::vector<UCHAR>& format, ULONG blockAlign) 
         mRate = waveFormatOf(mFormat)->nSamplesPerSec;
     }
     takeBuffer();
-    if (!mBase) {
-        // The stream took the format but its channel has no buffer: the
-        // request fails, so the port no longer claims to know the format
-        // and sends the next request to the stream whatever it names.
-        if (NT_SUCCESS(status))
-            mFormat.clear();
-        return NT_SUCCESS(status) ? STATUS_INSUFFICIENT_RESOURCES : status;
-    }
+    // A stream that took the format has it, buffer or not: failing the
+    // request would leave the client believing in a format the stream no
+    // longer plays. Without a buffer the pin moves nothing until a later
+    // format change gives it one (stricter than a port that looked again).
+    if (!mBase)
+        return status;
     ULONG position = 0;
     if ((NT_SUCCESS(status) || mBase != oldBase || mSize != oldSize) && readPosition(&position))
         resync(position);
