@@ -156,8 +156,9 @@ TEST(UsbsimBackends, BadFilesAndBackendNamesAreRefusedClearly) {
         {"wav:", "input \"wav:\": no file name"},
         {"noise", "use silence, pattern"},
     };
-    for (const auto& [spec, message] : refused)
-        EXPECT_NE(thrown([&] { usbsim::makeInput(spec); }).find(message), std::string::npos);
+    for (const auto& entry : refused)
+        EXPECT_NE(thrown([&] { usbsim::makeInput(entry.first); }).find(entry.second),
+                  std::string::npos);
     EXPECT_NE(thrown([] { usbsim::makeOutput("speaker"); }).find("use null, wav:PATH"),
               std::string::npos);
 }

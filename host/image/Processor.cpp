@@ -142,20 +142,6 @@ std::string bytesText(const unsigned char* code, size_t n) {
     return text;
 }
 
-void chain(int sig, siginfo_t* info, void* context) {
-    if (gPrevious.sa_flags & SA_SIGINFO) {
-        if (gPrevious.sa_sigaction) {
-            gPrevious.sa_sigaction(sig, info, context);
-            return;
-        }
-    } else if (gPrevious.sa_handler != SIG_DFL && gPrevious.sa_handler != SIG_IGN) {
-        gPrevious.sa_handler(sig);
-        return;
-    }
-    // Default action: the instruction faults again and the process dies.
-    signal(sig, SIG_DFL);
-}
-
 bool handle(siginfo_t* info, ucontext_t* uc) {
     greg_t* g = uc->uc_mcontext.gregs;
     const uintptr_t rip = uintptr_t(g[REG_RIP]);
@@ -221,7 +207,7 @@ void onSegv(int sig, siginfo_t* info, void* context) {
     const bool handled = handle(info, static_cast<ucontext_t*>(context));
     errno = savedErrno;
     if (!handled)
-        chain(sig, info, context);
+        hostk::detail::chainSignal(gPrevious, sig, info, context);
 }
 
 } // namespace

@@ -39,27 +39,13 @@ struct DeferredLock {
     ~DeferredLock() { gDeferredLock.clear(std::memory_order_release); }
 };
 
-__attribute__((no_instrument_function)) void chain(int sig, siginfo_t* info, void* context) {
-    if (gPrevious.sa_flags & SA_SIGINFO) {
-        if (gPrevious.sa_sigaction) {
-            gPrevious.sa_sigaction(sig, info, context);
-            return;
-        }
-    } else if (gPrevious.sa_handler != SIG_DFL && gPrevious.sa_handler != SIG_IGN) {
-        gPrevious.sa_handler(sig);
-        return;
-    }
-    // Default action: the instruction faults again and the process dies.
-    signal(sig, SIG_DFL);
-}
-
 __attribute__((no_instrument_function)) void onSegv(int sig, siginfo_t* info, void* context) {
     const int savedErrno = errno;
     auto* uc = static_cast<ucontext_t*>(context);
     const bool handled = hostk::detail::stackFault(info, uc) || hostk::detail::poolFault(info, uc);
     errno = savedErrno;
     if (!handled)
-        chain(sig, info, context);
+        hostk::detail::chainSignal(gPrevious, sig, info, context);
 }
 
 std::string hexText(uintptr_t v) {
@@ -159,6 +145,20 @@ void installFaultHandler() {
         sigemptyset(&action.sa_mask);
         sigaction(SIGSEGV, &action, &gPrevious);
     });
+}
+
+HOSTK_LEAF void chainSignal(const struct sigaction& previous, int sig, siginfo_t* info,
+                            void* context) {
+    if (previous.sa_flags & SA_SIGINFO) {
+        if (previous.sa_sigaction) {
+            previous.sa_sigaction(sig, info, context);
+            return;
+        }
+    } else if (previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN) {
+        previous.sa_handler(sig);
+        return;
+    }
+    signal(sig, SIG_DFL);
 }
 
 } // namespace detail

@@ -97,6 +97,12 @@ void resetVirtualClock();
 void ioNewGeneration();
 std::string ioProblems();
 
+// ---- Signals (Faults.cpp) ----
+// Hands a fault a handler of ours did not take to the handler installed
+// before it, or to the default action (the instruction faults again and
+// the process dies).
+void chainSignal(const struct sigaction& previous, int sig, siginfo_t* info, void* context);
+
 // ---- Debug output (DebugOutput.cpp) ----
 void writeToSink(const std::string& text);
 std::string assertProblems();

@@ -153,7 +153,6 @@ private:
     uint64_t mWindowsDropped = 0;
     std::vector<TimelineEvent> mEvents;
     uint64_t mEventsDropped = 0;
-    uint64_t mLastEventWindow = uint64_t(-1);
     std::vector<TimelineEvent> mLife; // at most kMaxEvents
 
     // What the USB driver told the driver last, with the periods; under mLock.
