@@ -279,6 +279,26 @@ PinInfo describePin(const KSPIN_DESCRIPTOR& d, ULONG id) {
     return info;
 }
 
+// What an intersection request reaches: the miniport (referenced) and the
+// pin's descriptor, or the status the request fails with first.
+NTSTATUS intersectionTarget(PUNKNOWN port, PDEVICE_OBJECT device, ULONG pinId,
+                            IMiniportWaveCyclic** miniport, const KSPIN_DESCRIPTOR** pin) {
+    if (!port)
+        return STATUS_INVALID_PARAMETER;
+    const NTSTATUS allowed = device ? detail::requestStatus(device, false) : kStatusDeviceRemoved;
+    if (!NT_SUCCESS(allowed))
+        return allowed;
+    *miniport = referenceMiniport(port);
+    if (!*miniport)
+        return kStatusDeviceRemoved;
+    *pin = pinDescriptor(portState(port).descriptor, pinId);
+    if (!*pin) {
+        (*miniport)->Release();
+        return STATUS_INVALID_PARAMETER;
+    }
+    return STATUS_SUCCESS;
+}
+
 } // namespace
 
 WaveFilter::WaveFilter(PUNKNOWN wavePort) {
@@ -341,19 +361,11 @@ NTSTATUS WaveFilter::intersect(ULONG pinId, const KSDATARANGE_AUDIO& client,
     if (!format)
         return STATUS_INVALID_PARAMETER;
     format->clear();
-    if (!mPort)
-        return STATUS_INVALID_PARAMETER;
-    const NTSTATUS allowed = mDevice ? detail::requestStatus(mDevice, false) : kStatusDeviceRemoved;
-    if (!NT_SUCCESS(allowed))
-        return allowed;
-    IMiniportWaveCyclic* miniport = referenceMiniport(mPort);
-    if (!miniport)
-        return kStatusDeviceRemoved;
-    const KSPIN_DESCRIPTOR* pin = pinDescriptor(portState(mPort).descriptor, pinId);
-    if (!pin) {
-        miniport->Release();
-        return STATUS_INVALID_PARAMETER;
-    }
+    IMiniportWaveCyclic* miniport = nullptr;
+    const KSPIN_DESCRIPTOR* pin = nullptr;
+    const NTSTATUS target = intersectionTarget(mPort, mDevice, pinId, &miniport, &pin);
+    if (!NT_SUCCESS(target))
+        return target;
     KSDATARANGE_AUDIO clientCopy = client;
     auto* clientRange = reinterpret_cast<PKSDATARANGE>(&clientCopy);
     NTSTATUS result = STATUS_NO_MATCH;
@@ -387,19 +399,11 @@ NTSTATUS WaveFilter::intersect(ULONG pinId, const std::vector<std::vector<UCHAR>
         return STATUS_INVALID_PARAMETER;
     format->clear();
     *size = 0;
-    if (!mPort)
-        return STATUS_INVALID_PARAMETER;
-    const NTSTATUS allowed = mDevice ? detail::requestStatus(mDevice, false) : kStatusDeviceRemoved;
-    if (!NT_SUCCESS(allowed))
-        return allowed;
-    IMiniportWaveCyclic* miniport = referenceMiniport(mPort);
-    if (!miniport)
-        return kStatusDeviceRemoved;
-    const KSPIN_DESCRIPTOR* pin = pinDescriptor(portState(mPort).descriptor, pinId);
-    if (!pin) {
-        miniport->Release();
-        return STATUS_INVALID_PARAMETER;
-    }
+    IMiniportWaveCyclic* miniport = nullptr;
+    const KSPIN_DESCRIPTOR* pin = nullptr;
+    const NTSTATUS target = intersectionTarget(mPort, mDevice, pinId, &miniport, &pin);
+    if (!NT_SUCCESS(target))
+        return target;
     // The null GUID is KS's wildcard for the major format, subformat and
     // specifier (KSDATAFORMAT_TYPE_WILDCARD and its kin).
     const GUID wildcard{};
