@@ -279,11 +279,7 @@ bool ownsProcessorBlock() {
 void enableProcessorState() {
     static std::once_flag once;
     std::call_once(once, [] {
-        struct sigaction action {};
-        action.sa_sigaction = onSegv;
-        action.sa_flags = SA_SIGINFO | SA_ONSTACK;
-        sigemptyset(&action.sa_mask);
-        sigaction(SIGSEGV, &action, &gPrevious);
+        hostk::detail::installSegvHandler(onSegv, &gPrevious);
         hostk::setDriverThreadHooks(&attachThread, &ownsProcessorBlock);
     });
     attachThread();

@@ -138,13 +138,15 @@ void checkDriverStack(const void* returnAddress, const void* frame) {
 
 void installFaultHandler() {
     static std::once_flag once;
-    std::call_once(once, [] {
-        struct sigaction action {};
-        action.sa_sigaction = onSegv;
-        action.sa_flags = SA_SIGINFO | SA_ONSTACK;
-        sigemptyset(&action.sa_mask);
-        sigaction(SIGSEGV, &action, &gPrevious);
-    });
+    std::call_once(once, [] { installSegvHandler(onSegv, &gPrevious); });
+}
+
+void installSegvHandler(void (*handler)(int, siginfo_t*, void*), struct sigaction* previous) {
+    struct sigaction action {};
+    action.sa_sigaction = handler;
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGSEGV, &action, previous);
 }
 
 HOSTK_LEAF void chainSignal(const struct sigaction& previous, int sig, siginfo_t* info,

@@ -102,6 +102,9 @@ std::string ioProblems();
 // before it, or to the default action (the instruction faults again and
 // the process dies).
 void chainSignal(const struct sigaction& previous, int sig, siginfo_t* info, void* context);
+// Installs a SIGSEGV handler on the alternate stack, keeping the one before
+// it in *previous for chainSignal.
+void installSegvHandler(void (*handler)(int, siginfo_t*, void*), struct sigaction* previous);
 
 // ---- Debug output (DebugOutput.cpp) ----
 void writeToSink(const std::string& text);
