@@ -467,24 +467,7 @@ BOOLEAN NTAPI RtlIsNtDdiVersionAvailable(ULONG Version);
 } // extern "C"
 
 #define NTDDI_WIN8 0x06020000
-// The single-binary opt-in to non-executable pool, as wdm.h has it ("Single
-// Binary Opt-In: POOL_NX_OPTIN"): a module compiled with POOL_NX_OPTIN=1
-// reads NonPagedPool from a variable of its own, executable until DriverEntry
-// calls ExInitializeDriverRuntime(DrvRtPoolNxOptIn) on a kernel that has
-// non-executable pool.
-#define DrvRtPoolNxOptIn 0x00000001
-#if defined(POOL_NX_OPTIN) && POOL_NX_OPTIN
-inline POOL_TYPE ExDefaultNonPagedPoolType = NonPagedPoolExecute;
-#define NonPagedPool ExDefaultNonPagedPoolType
-#endif
-inline void ExInitializeDriverRuntime(ULONG RuntimeFlags) {
-#if defined(POOL_NX_OPTIN) && POOL_NX_OPTIN
-    if ((RuntimeFlags & DrvRtPoolNxOptIn) != 0 && RtlIsNtDdiVersionAvailable(NTDDI_WIN8))
-        ExDefaultNonPagedPoolType = NonPagedPoolNx;
-#else
-    (void)RuntimeFlags;
-#endif
-}
+#include "../pool_nx_optin.h"
 
 // With pool tagging (as the Windows build is compiled), ExAllocatePool is a
 // tagged allocation with the kernel's default tag.

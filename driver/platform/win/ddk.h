@@ -178,25 +178,8 @@ typedef PCCONNECTION_DESCRIPTOR* PPCCONNECTION_DESCRIPTOR;
 // mingw: the export itself (step 1).
 extern "C" NTSYSAPI BOOLEAN NTAPI RtlIsNtDdiVersionAvailable(ULONG Version);
 
-// mingw: wdm.h lacks the single-binary opt-in to non-executable pool
-// ("Single Binary Opt-In: POOL_NX_OPTIN"; ExInitializeDriverRuntime), here
-// as the WDK has it: a module compiled with POOL_NX_OPTIN=1 reads
-// NonPagedPool from a variable of its own, executable until DriverEntry calls
-// ExInitializeDriverRuntime(DrvRtPoolNxOptIn) on a kernel that has
-// non-executable pool (Windows 8 and later).
-#define DrvRtPoolNxOptIn 0x00000001
-#if defined(POOL_NX_OPTIN) && POOL_NX_OPTIN
-inline POOL_TYPE ExDefaultNonPagedPoolType = NonPagedPoolExecute;
-#define NonPagedPool ExDefaultNonPagedPoolType
-#endif
-inline void ExInitializeDriverRuntime(ULONG RuntimeFlags) {
-#if defined(POOL_NX_OPTIN) && POOL_NX_OPTIN
-    if ((RuntimeFlags & DrvRtPoolNxOptIn) != 0 && RtlIsNtDdiVersionAvailable(NTDDI_WIN8))
-        ExDefaultNonPagedPoolType = NonPagedPoolNx;
-#else
-    (void)RuntimeFlags;
-#endif
-}
+// mingw: wdm.h lacks the single-binary opt-in to non-executable pool.
+#include "../pool_nx_optin.h"
 #endif
 
 // A WCHAR string literal in both builds (the host's WCHAR is char16_t).
