@@ -80,9 +80,8 @@ def name(address):
 
 # Imports: IAT slot address -> name.
 slots = {}
-rva, size = directory(1)
-d = rva
-while rva:
+d = directory(1)[0]
+while d:  # a descriptor of zeros ends the table
     lookup, _, _, dll_name, thunks = struct.unpack_from("<IIIII", data, at(d))
     if not dll_name and not thunks:
         break
@@ -150,23 +149,22 @@ failures = []
 unsaved, avx, x87, mmx = {}, [], [], []
 for address, mnemonic, operands in instructions:
     plain = operands.split("#")[0].strip()
-    where = name(address)
     # "Using extended processor features in Windows drivers": AVX state is
     # the driver's to save; x87 and MMX registers are unavailable to x64
     # kernel code ("Using Floating Point in a WDM Driver").
     if re.search(r"%[yz]mm\d", plain) or (mnemonic.startswith("v") and mnemonic not in ("verr", "verw")):
-        avx.append(where)
+        avx.append(name(address))
     if mnemonic.startswith("f") or mnemonic in ("emms", "femms") or "%st" in plain:
-        x87.append(where)
+        x87.append(name(address))
     if re.search(r"%mm[0-7]", plain):
-        mmx.append(where)
+        mmx.append(name(address))
     # xmm6-xmm15 are nonvolatile in the x64 convention: a function that
     # writes one must have saved it, and say so in its unwind data.
     m = re.search(r"%xmm(\d+)$", plain)
     if m and int(m.group(1)) >= 6:
         fn = function_at(address)
         if not fn or int(m.group(1)) not in fn[2]:
-            key = name(fn[0]) if fn else where
+            key = name(fn[0] if fn else address)
             unsaved.setdefault(key, set()).add(int(m.group(1)))
 
 for what, found in (("AVX", avx), ("x87", x87), ("MMX", mmx)):
@@ -186,25 +184,35 @@ else:
 # NonPagedPoolNx.
 variable = [a for a, n in names.items() if n == "ExDefaultNonPagedPoolType"]
 allocators = {s for s, n in slots.items() if n.startswith("ExAllocatePool")}
+
+
+def target_of(operands):
+    """The address objdump notes after '#' for a RIP-relative operand."""
+    m = re.search(r"# 0x([0-9a-f]+)", operands)
+    return int(m.group(1), 16) if m else None
+
+
 # The linker's import stubs (jmp *slot outside every function) stand for their import.
-stubs = {a for a, m, o in instructions if m == "jmp" and o.startswith("*") and not function_at(a) and
-         re.search(r"# 0x([0-9a-f]+)", o) and int(re.search(r"# 0x([0-9a-f]+)", o).group(1), 16) in allocators}
+stubs = {a for a, m, o in instructions
+         if m == "jmp" and o.startswith("*") and not function_at(a) and target_of(o) in allocators}
 
 
 def allocation(mnemonic, operands):
     if mnemonic not in ("call", "jmp"):
         return False
-    target = re.search(r"# 0x([0-9a-f]+)", operands) if operands.startswith("*") else \
-        re.match(r"(?:0x)?([0-9a-f]+)", operands)
-    return bool(target) and int(target.group(1), 16) in (allocators if operands.startswith("*") else stubs)
+    if operands.startswith("*"):
+        return target_of(operands) in allocators
+    target = re.match(r"(?:0x)?([0-9a-f]+)", operands)
+    return bool(target) and int(target.group(1), 16) in stubs
 
 
 calls, bad = 0, []
 for index, (address, mnemonic, operands) in enumerate(instructions):
-    if not function_at(address) or not allocation(mnemonic, operands):
+    fn = function_at(address)
+    if not fn or not allocation(mnemonic, operands):
         continue
     calls += 1
-    begin = (function_at(address) or (0,))[0]
+    begin = fn[0]
     verdict = "ecx is not set in its function"
     for back_address, back_mnemonic, back_operands in reversed(instructions[:index]):
         if back_address < begin:
@@ -213,13 +221,13 @@ for index, (address, mnemonic, operands) in enumerate(instructions):
         if not re.search(r",%(e|r)cx$|^%(e|r)cx$", plain) or back_mnemonic.startswith(("cmp", "test", "push")):
             continue
         value = re.match(r"\$(0x[0-9a-f]+|\d+),%[er]cx$", plain)
-        source = re.search(r"# 0x([0-9a-f]+)", back_operands)
+        source = target_of(back_operands)
         if back_mnemonic.startswith("xor") and plain in ("%ecx,%ecx", "%rcx,%rcx"):
             verdict = "pool type 0 (NonPagedPool, executable)"
         elif value:
             v = int(value.group(1), 0)
             verdict = None if v & 1 or v & 0x200 else "pool type %#x (executable)" % v
-        elif back_mnemonic.startswith("mov") and source and int(source.group(1), 16) in variable:
+        elif back_mnemonic.startswith("mov") and source in variable:
             verdict = None
         else:
             verdict = "pool type from '%s %s'" % (back_mnemonic, plain)
@@ -229,8 +237,7 @@ for index, (address, mnemonic, operands) in enumerate(instructions):
 # The opt-in is DriverEntry's: the variable set to NonPagedPoolNx there or in
 # a function DriverEntry calls.
 stores = {function_at(a)[0] for a, m, o in instructions if m.startswith("mov") and o.startswith("$0x200,") and
-          function_at(a) and re.search(r"# 0x([0-9a-f]+)", o) and
-          int(re.search(r"# 0x([0-9a-f]+)", o).group(1), 16) in variable}
+          function_at(a) and target_of(o) in variable}
 entry = base + struct.unpack_from("<I", data, opt + 16)[0]
 entry_end = next((end for begin, end, _, _ in functions if begin == entry), entry)
 reached = {entry} | {int(o.split()[0], 16) for a, m, o in instructions

@@ -39,13 +39,8 @@ quiet() { # COMMAND...: its output only when it fails
     out=$("$@" 2>&1) || { echo "$out" >&2; return 1; }
 }
 scripts/setup.sh
-if [ "$WIN_BUILD" = build/windows ]; then
-    quiet cmake --preset windows
-    quiet cmake --build --preset windows -j 2 --target $NAME
-else
-    quiet cmake -S . -B "$WIN_BUILD" -G Ninja --toolchain cmake/mingw-w64.cmake -DCMAKE_BUILD_TYPE=Release
-    quiet cmake --build "$WIN_BUILD" -j 2 --target $NAME
-fi
+quiet cmake --preset windows -B "$WIN_BUILD"
+quiet cmake --build "$WIN_BUILD" -j 2 --target $NAME
 make_catalog=${MME_MAKE_CATALOG:-}
 if [ -z "$make_catalog" ]; then
     [ -f "$HOST_BUILD/CMakeCache.txt" ] ||
