@@ -284,11 +284,8 @@ void Device::follow() {
 void Device::unplugged() {
     mLost.store(mModel->instance());
     std::lock_guard<std::mutex> lock(mEventLock);
-    const uint64_t one = 1;
-    for (int fd : mWaiters) {
-        ssize_t done = ::write(fd, &one, sizeof one);
-        (void)done; // a full counter wakes the reader all the same
-    }
+    for (int fd : mWaiters)
+        wake(fd);
 }
 
 void Device::addWaiter(int fd) {
@@ -325,11 +322,14 @@ void Device::ticked(uint32_t readPos) {
         pthread_setschedparam(pthread_self(), SCHED_FIFO, &param);
     }
     std::lock_guard<std::mutex> lock(mEventLock);
+    for (int fd : mTickWaiters)
+        wake(fd);
+}
+
+void wake(int fd) {
     const uint64_t one = 1;
-    for (int fd : mTickWaiters) {
-        ssize_t done = ::write(fd, &one, sizeof one);
-        (void)done;
-    }
+    ssize_t done = ::write(fd, &one, sizeof one);
+    (void)done; // a full counter wakes the reader all the same
 }
 
 void Device::beginOutput(std::function<uint64_t()> streamFrames) {

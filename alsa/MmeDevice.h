@@ -144,4 +144,7 @@ private:
     bool mOutputBegun = false;
 };
 
+// Wakes whoever polls the eventfd fd (a full counter wakes it all the same).
+void wake(int fd);
+
 } // namespace mmealsa

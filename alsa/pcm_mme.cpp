@@ -152,7 +152,7 @@ public:
         : ByteQueue(capacity), mFd(fd), mFrameBytes(frameBytes), mRender(render) {}
     ULONG map(const UCHAR** where, ULONG bytes) override {
         const ULONG n = ByteQueue::map(where, bytes);
-        wake();
+        wake(mFd);
         return n;
     }
     void release(ULONG bytes) override {
@@ -161,18 +161,13 @@ public:
     }
     ULONG map(UCHAR** where, ULONG bytes) override {
         const ULONG n = ByteQueue::map(where, bytes);
-        wake();
+        wake(mFd);
         return n;
     }
     size_t frames() const { return used() / mFrameBytes; }
     FillLog& log() { return mLog; }
 
 private:
-    void wake() {
-        const uint64_t one = 1;
-        ssize_t done = ::write(mFd, &one, sizeof one);
-        (void)done; // a full counter wakes the reader all the same
-    }
     int mFd;
     unsigned mFrameBytes;
     const Device* mRender;
@@ -290,7 +285,7 @@ std::vector<unsigned> positionsOf(const std::vector<UCHAR>& format) {
                             format.size() >= sizeof(KSDATAFORMAT) + sizeof(WAVEFORMATEXTENSIBLE);
     const uint32_t mask = extensible
                               ? reinterpret_cast<const WAVEFORMATEXTENSIBLE*>(w)->dwChannelMask
-                              : (w->nChannels >= 32 ? 0xFFFFFFFFu : (1u << w->nChannels) - 1);
+                              : ~0u; // the first nChannels positions
     return positionsOf(mask, w->nChannels);
 }
 
@@ -298,12 +293,6 @@ void drainWakes(int fd) {
     uint64_t count;
     while (::read(fd, &count, sizeof count) > 0) {
     }
-}
-
-void wake(int fd) {
-    const uint64_t one = 1;
-    ssize_t done = ::write(fd, &one, sizeof one);
-    (void)done;
 }
 
 // The device the PCM was opened on is gone: the PCM is disconnected for
@@ -343,17 +332,12 @@ void closeStream(Pcm* p) {
 }
 
 // Render: what the driver has moved and the device has played of the
-// program's frames since the prepare. The played part waits for a period in
-// progress; it is read only when asked for.
-FillLog::Totals renderProgress(Pcm* p, bool played) {
+// program's frames since the prepare, from one look at the device.
+FillLog::Totals renderProgress(Pcm* p) {
     Device& device = *p->device;
     device.waitForClock();
-    const uint32_t read = played ? device.renderReadPos() : 0;
-    FillLog::Totals t =
-        p->queue->log().totals(device.renderWritePos(), read, device.renderWriteOffset());
-    if (!played)
-        t.played = 0;
-    return t;
+    const uint32_t read = device.renderReadPos(); // before the write position
+    return p->queue->log().totals(device.renderWritePos(), read, device.renderWriteOffset());
 }
 
 // Capture: frames delivered into the queue since the prepare.
@@ -375,11 +359,10 @@ bool watching(const Pcm* p) {
     return p->running && !p->draining && !p->paused && p->io.state == SND_PCM_STATE_RUNNING;
 }
 
-bool underrun(Pcm* p, const FillLog::Totals& moved) {
+bool underrun(Pcm* p, const FillLog::Totals& t) {
     const int64_t slack = stopSlack(p);
-    if (!watching(p) || slack < 0 || int64_t(p->transferred - moved.moved) > slack)
+    if (!watching(p) || slack < 0 || int64_t(p->transferred - t.moved) > slack)
         return false; // the device has at least that much still to play
-    const FillLog::Totals t = renderProgress(p, true);
     return int64_t(p->transferred - t.played) <= slack;
 }
 
@@ -683,7 +666,7 @@ snd_pcm_sframes_t mmePointer(snd_pcm_ioplug_t* io) {
         if (overrun(p, hw))
             return declareXrun(p);
     } else {
-        const FillLog::Totals t = renderProgress(p, false);
+        const FillLog::Totals t = renderProgress(p);
         if (underrun(p, t))
             return declareXrun(p);
         hw = t.moved;
@@ -734,7 +717,7 @@ int mmeDelay(snd_pcm_ioplug_t* io, snd_pcm_sframes_t* delay) {
     if (err < 0)
         return err;
     // Everything written and not yet played, wherever it is on its way.
-    const FillLog::Totals t = renderProgress(p, true);
+    const FillLog::Totals t = renderProgress(p);
     *delay = snd_pcm_sframes_t(p->transferred - std::min(t.played, p->transferred));
     return 0;
 }
@@ -784,7 +767,7 @@ int mmeDrain(snd_pcm_ioplug_t* io) {
                 return err;
         }
     }
-    auto played = [&p] { return renderProgress(p, true).played >= p->transferred; };
+    auto played = [&p] { return renderProgress(p).played >= p->transferred; };
     if (io->nonblock)
         return played() ? 0 : -EAGAIN;
     return waitUntil(p, played, "draining");
@@ -829,7 +812,7 @@ int mmePollRevents(snd_pcm_ioplug_t* io, pollfd*, unsigned int, unsigned short* 
         const uint64_t hw = captured(p);
         ready = hw - p->transferred >= p->availMin || overrun(p, hw);
     } else if (!ready) {
-        const FillLog::Totals t = renderProgress(p, false);
+        const FillLog::Totals t = renderProgress(p);
         const uint64_t held = p->transferred - std::min(t.moved, p->transferred);
         ready = io->buffer_size >= held + p->availMin || underrun(p, t);
     }
@@ -1018,8 +1001,7 @@ int constrain(Pcm* p) {
         const WAVEFORMATEX* w = offered ? hostpc::waveFormatOf(format) : nullptr;
         if (p->chmaps.size() <= c)
             p->chmaps.resize(c + 1);
-        p->chmaps[c] = w && w->nChannels == c ? positionsOf(format)
-                                              : positionsOf(c >= 32 ? ~0u : (1u << c) - 1, c);
+        p->chmaps[c] = w && w->nChannels == c ? positionsOf(format) : positionsOf(~0u, c);
     }
     auto list = [](const std::set<unsigned>& s) {
         return std::vector<unsigned>(s.begin(), s.end());
