@@ -16,6 +16,12 @@
 
 namespace mmesim {
 
+std::string secondsText(double seconds) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f s", seconds);
+    return text;
+}
+
 namespace {
 
 constexpr size_t kChunkFrames = 4096;
@@ -412,12 +418,6 @@ ReportInput reportInput(Sim& sim, const std::string& command, const Format& form
     return in;
 }
 
-std::string secondsText(double seconds) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.2f s", seconds);
-    return text;
-}
-
 // Completes the summary with the run's figures and writes the report when
 // one was asked for.
 void finishReport(Sim& sim, ReportInput& in) {
@@ -770,10 +770,8 @@ int runPlay(const CommandOptions& options) {
             glitches += counters.glitches;
             sim.noteCounters(counters);
             played = offset + position;
-            if (!left) {
-                sim.end();
+            if (!left)
                 break;
-            }
             life.leave(render.get(), nullptr, nullptr);
             // On from the last frame the old device's position had reached.
             offset = played;
@@ -891,10 +889,8 @@ int runRecord(const CommandOptions& options) {
             const hostpc::StreamCounters counters = capture->counters();
             overruns += counters.overruns;
             sim.noteCounters(counters);
-            if (!left) {
-                sim.end();
+            if (!left)
                 break;
-            }
             life.leave(nullptr, capture.get(), [&](const uint8_t* frames, size_t n) {
                 n = size_t(std::min<uint64_t>(n, target - recorded));
                 writer.write(frames, n);

@@ -45,6 +45,9 @@ void parseStall(const std::string& text, CommandOptions* options);
 void parseUnplug(const std::string& text, CommandOptions* options);
 void parseSleep(const std::string& text, CommandOptions* options);
 
+// "1.50 s": seconds as the reports print them.
+std::string secondsText(double seconds);
+
 int runDemo(const CommandOptions& options);
 int runLoopback(const CommandOptions& options);
 int runPlay(const CommandOptions& options);

@@ -13,12 +13,6 @@ namespace {
 
 constexpr size_t kFarewellFrames = 256;
 
-std::string seconds(double s) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.2f s", s);
-    return text;
-}
-
 } // namespace
 
 std::string Farewell::text() const {
@@ -51,9 +45,6 @@ void DeviceLife::start(uint64_t frames) {
     for (const usbsim::ScheduledEvent& e : mSim.profile().schedule)
         if (e.kind == usbsim::EventKind::Unplug || e.kind == usbsim::EventKind::Replug)
             mSchedule.push_back(e);
-    auto periodAt = [&](double s) {
-        return mStart + uint64_t(std::llround(s * mRate / mPeriodFrames));
-    };
     if (mOptions.unplugAt >= 0) {
         const usbsim::ScheduledEvent e{periodAt(mOptions.unplugAt), usbsim::EventKind::Unplug,
                                        uint32_t(std::llround(mOptions.replugAfter * 1000))};
@@ -181,7 +172,7 @@ bool DeviceLife::behaved() const {
 
 std::string DeviceLife::at(uint64_t period) const {
     const double s = (double(period) - double(mStart)) * mPeriodFrames / mRate;
-    return "period " + std::to_string(period) + " (" + seconds(s) + ")";
+    return "period " + std::to_string(period) + " (" + secondsText(s) + ")";
 }
 
 // Rows in the order things happened; a row whose name starts with a space
@@ -223,7 +214,7 @@ std::vector<std::pair<std::string, std::string>> DeviceLife::lines() const {
                 }
             const std::string from = " from " + at(item.period);
             const std::string slept =
-                end ? seconds(double(end->period - item.period) * mPeriodFrames / mRate) : "";
+                end ? secondsText(double(end->period - item.period) * mPeriodFrames / mRate) : "";
             rows.push_back(
                 {"slept", !end ? "from " + at(item.period) + ", not awake at the run's end"
                           : end->kind == "resume"
@@ -248,8 +239,8 @@ std::vector<std::pair<std::string, std::string>> DeviceLife::lines() const {
         if (d.back)
             rows.push_back(
                 {"replugged", "after " +
-                                  seconds(double((arrived ? arrived : d.replugDue) - d.period) *
-                                          mPeriodFrames / mRate) +
+                                  secondsText(double((arrived ? arrived : d.replugDue) - d.period) *
+                                              mPeriodFrames / mRate) +
                                   " and streaming again from period " + std::to_string(d.back)});
         else if (!d.failure.empty())
             rows.push_back({"replugged", "due at " + at(d.replugDue) + ", but " + d.failure});
@@ -260,7 +251,7 @@ std::vector<std::pair<std::string, std::string>> DeviceLife::lines() const {
             rows.push_back({"replugged", "no: the command ended early"});
     }
     auto notReached = [&](const char* name, double at) {
-        const uint64_t period = mStart + uint64_t(std::llround(at * mRate / mPeriodFrames));
+        const uint64_t period = periodAt(at);
         if (period >= now)
             rows.push_back({name, "not: the run ended before " + this->at(period)});
     };
@@ -285,6 +276,10 @@ void DeviceLife::report(ReportInput& in) const {
             in.summary.back().second += "; " + name.substr(1) + ": " + text;
         else
             in.summary.push_back({name, text});
+}
+
+uint64_t DeviceLife::periodAt(double seconds) const {
+    return mStart + uint64_t(std::llround(seconds * mRate / mPeriodFrames));
 }
 
 } // namespace mmesim

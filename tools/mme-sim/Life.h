@@ -82,6 +82,7 @@ private:
     std::vector<std::pair<std::string, std::string>> lines() const;
     std::string at(uint64_t period) const; // "period 282 (1.50 s)"
     uint64_t replugDue(uint64_t unplugPeriod) const;
+    uint64_t periodAt(double seconds) const; // of streaming, counted from mStart
 
     Sim& mSim;
     const CommandOptions& mOptions;
