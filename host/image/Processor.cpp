@@ -226,14 +226,23 @@ bool registerImage(const uint8_t* base, size_t size, const LoadedImage* owner) {
     return false;
 }
 
-const LoadedImage* imageOwning(uintptr_t address) {
+// found(slot, base, size) for the registered image that holds address, its
+// base and size as read then; null when no image holds it.
+template <class Found>
+auto withImageHolding(uintptr_t address, Found found) -> decltype(found(gImages[0], 0, 0)) {
     for (Slot& s : gImages) {
         const uintptr_t b = s.base.load(std::memory_order_acquire);
         const size_t n = s.size.load(std::memory_order_acquire);
         if (b && address >= b && address - b < n)
-            return s.owner.load(std::memory_order_acquire);
+            return found(s, b, n);
     }
     return nullptr;
+}
+
+const LoadedImage* imageOwning(uintptr_t address) {
+    return withImageHolding(address, [](Slot& s, uintptr_t, size_t) {
+        return s.owner.load(std::memory_order_acquire);
+    });
 }
 
 void unregisterImage(const uint8_t* base) {
@@ -248,15 +257,10 @@ void unregisterImage(const uint8_t* base) {
 }
 
 const uint8_t* imageHolding(uintptr_t address, size_t* size) {
-    for (Slot& s : gImages) {
-        const uintptr_t b = s.base.load(std::memory_order_acquire);
-        const size_t n = s.size.load(std::memory_order_acquire);
-        if (b && address >= b && address - b < n) {
-            *size = n;
-            return reinterpret_cast<const uint8_t*>(b);
-        }
-    }
-    return nullptr;
+    return withImageHolding(address, [size](Slot&, uintptr_t b, size_t n) {
+        *size = n;
+        return reinterpret_cast<const uint8_t*>(b);
+    });
 }
 
 void attachThread() {

@@ -85,7 +85,6 @@ struct Header {
     uintptr_t driverCaller; // return address into driver code of the current host call
     uint64_t depth;         // entries into the driver not yet returned
     uint64_t overflowed;    // the reserve is open
-    uint64_t slotIndex;
 };
 static_assert(offsetof(Header, hostResume) == 0 && offsetof(Header, driverResume) == 8 &&
                   offsetof(Header, driverCaller) == 16 && offsetof(Header, depth) == 24,
@@ -210,7 +209,6 @@ HOSTK_NOTRACE uintptr_t takeSlot() {
         return 0;
     Header* h = headerOf(slot);
     std::memset(h, 0, sizeof *h);
-    h->slotIndex = index;
     paint(slot + kStackStart, slot + kStackTop);
     return slot;
 }
@@ -221,9 +219,8 @@ HOSTK_NOTRACE void giveBack(uintptr_t slot) {
     if (h->overflowed)
         mprotect(reinterpret_cast<void*>(slot + kReserveStart), kStackStart - kReserveStart,
                  PROT_NONE);
-    const uint64_t index = h->slotIndex;
     PoolLock lock;
-    gFree[gFreeCount++] = uint32_t(index);
+    gFree[gFreeCount++] = uint32_t((slot - gRegion) / kSlotSize);
 }
 
 // The guard page and the reserve closed again after an overflow.
@@ -580,10 +577,8 @@ namespace detail {
 bool calledFromDriver(const void* returnAddress, uintptr_t* caller) {
     if (returnAddress != reinterpret_cast<const void*>(&hostk_ret_to_driver))
         return false;
-    if (caller) {
-        const uintptr_t slot = tStack.slot;
-        *caller = slot ? headerOf(slot)->driverCaller : 0;
-    }
+    if (caller)
+        *caller = currentDriverCaller();
     return true;
 }
 

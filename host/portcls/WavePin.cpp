@@ -630,15 +630,12 @@ NTSTATUS WavePin::setFormat(const std::vector<UCHAR>& format, ULONG blockAlign) 
         return STATUS_SUCCESS;
     std::vector<UCHAR> copy(format);
     NTSTATUS status = mStream->SetFormat(reinterpret_cast<PKSDATAFORMAT>(copy.data()));
-    // ReactOS PinWaveCyclicDataFormat stores an accepted format only: the
-    // buffer, its size and the framing stay as Init took them.
-    if (mOpenSource) {
-        if (NT_SUCCESS(status))
-            mFormat.swap(copy);
-        return status;
-    }
     if (NT_SUCCESS(status))
         mFormat.swap(copy);
+    // ReactOS PinWaveCyclicDataFormat stores an accepted format only: the
+    // buffer, its size and the framing stay as Init took them.
+    if (mOpenSource)
+        return status;
     SpinGuard lock(&mLock);
     const UCHAR* oldBase = mBase;
     const ULONG oldSize = mSize;
