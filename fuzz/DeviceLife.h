@@ -406,11 +406,8 @@ private:
 
     // The trace's indentation: operations opened minus closed.
     void countTraces(const std::string& text) {
-        const size_t header = tracecap::headerLength(text);
-        const size_t first = text.find_first_not_of(' ', header);
-        if (header && first != std::string::npos && first + 1 < text.size() &&
-            text[first + 1] == ' ')
-            mOpenTraces += text[first] == '+' ? 1 : text[first] == '-' ? -1 : 0;
+        if (tracecap::headerLength(text))
+            mOpenTraces += tracecap::traceDepthChange(tracecap::message(text));
     }
 
     std::string mImage;

@@ -93,12 +93,17 @@ inline long findLine(const std::string& text, size_t from = 0) {
     return -1;
 }
 
+// What a message does to the function traces open: +1 an entry, -1 a return.
+inline int traceDepthChange(const std::string& message) {
+    return message.compare(0, 2, "+ ") == 0 ? 1 : message.compare(0, 2, "- ") == 0 ? -1 : 0;
+}
+
 // Function traces opened minus those closed in the captured lines: 0 when
 // every operation traced since the capture began has returned.
 inline long openTraces() {
     long n = 0;
     for (const auto& m : traceMessages())
-        n += m.compare(0, 2, "+ ") == 0 ? 1 : m.compare(0, 2, "- ") == 0 ? -1 : 0;
+        n += traceDepthChange(m);
     return n;
 }
 
