@@ -123,8 +123,8 @@ std::string blockText(const Mapping& m) {
 }
 
 // Pages for a special-pool block; null when the address space is exhausted.
-void* specialAllocateLocked(PoolState& s, size_t size, ULONG tag, uint64_t number,
-                            uintptr_t* mappingEnd) {
+void* specialAllocateLocked(PoolState& s, hostk::SpecialPool mode, size_t size, ULONG tag,
+                            uint64_t number, uintptr_t* mappingEnd) {
     const size_t bytes = size ? size : 1;
     const size_t dataPages = (bytes + kPage - 1) / kPage;
     const size_t length = (dataPages + 2) * kPage;
@@ -138,13 +138,13 @@ void* specialAllocateLocked(PoolState& s, size_t size, ULONG tag, uint64_t numbe
         munmap(m, length);
         return nullptr;
     }
-    const bool end = s.special == hostk::SpecialPool::VerifyEnd;
+    const bool end = mode == hostk::SpecialPool::VerifyEnd;
     const uintptr_t block = end ? dataEnd - bytes : data;
     if (end)
         std::memset(reinterpret_cast<void*>(data), kSlackFill, block - data);
     else
         std::memset(reinterpret_cast<void*>(block + bytes), kSlackFill, dataEnd - block - bytes);
-    s.mappings[base + length] = Mapping{base, length, block, size, tag, number, s.special, false};
+    s.mappings[base + length] = Mapping{base, length, block, size, tag, number, mode, false};
     *mappingEnd = base + length;
     uintptr_t low = s.lowest.load();
     while (base < low && !s.lowest.compare_exchange_weak(low, base)) {
@@ -294,11 +294,13 @@ namespace detail {
 void* poolAllocate(size_t size, ULONG tag, BlockKind kind) {
     auto& s = pool();
     bool failed;
+    SpecialPool special;
     std::shared_ptr<const std::function<void(ULONG, size_t, bool)>> observer;
     {
         std::lock_guard<std::mutex> lock(s.mutex);
         failed = s.failCountdown != 0 && --s.failCountdown == 0;
         observer = s.observer;
+        special = s.special;
     }
     if (observer)
         (*observer)(tag, size, failed);
@@ -306,13 +308,19 @@ void* poolAllocate(size_t size, ULONG tag, BlockKind kind) {
         return nullptr;
     if (size > kLargestBlock)
         return nullptr;
-    std::lock_guard<std::mutex> lock(s.mutex);
-    const uint64_t number = ++s.serial;
-    uintptr_t mapping = 0;
-    void* p = s.special != SpecialPool::Off ? specialAllocateLocked(s, size, tag, number, &mapping)
-                                            : std::malloc(size ? size : 1);
-    if (!p)
+    // Ordinary blocks come from malloc outside the lock; a special-pool
+    // block's pages carry its number, so it is made under the lock.
+    void* p = special == SpecialPool::Off ? std::malloc(size ? size : 1) : nullptr;
+    if (special == SpecialPool::Off && !p)
         return nullptr;
+    std::lock_guard<std::mutex> lock(s.mutex);
+    uintptr_t mapping = 0;
+    if (special != SpecialPool::Off) {
+        p = specialAllocateLocked(s, special, size, tag, s.serial + 1, &mapping);
+        if (!p)
+            return nullptr;
+    }
+    const uint64_t number = ++s.serial;
     s.blocks[p] = Block{tag, size, number, s.generation, kind, mapping};
     ++s.liveBlocks;
     s.liveBytes += size;
